@@ -1,0 +1,6 @@
+// dm fs interface.
+#pragma once
+
+#include "dm/export.h"
+
+namespace dm {}  // namespace dm

@@ -1,0 +1,6 @@
+// dm jobs interface.
+#pragma once
+
+#include "dm/export.h"
+
+namespace dm {}  // namespace dm

@@ -1,0 +1,58 @@
+// Helpers shared by the tests: temporary folders, bounded waits, child processes.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace dmtest {
+
+// A fresh folder under the system's temporary folder, removed with its contents at the end.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return m_path; }
+    // path() joined with `name`.
+    std::string file(const std::string& name) const;
+
+private:
+    std::string m_path;
+};
+
+// Polls `condition` until it holds or `timeout` passes; returns its last value.
+bool waitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// A program started as a second process, with its standard output captured.
+class ChildProcess {
+public:
+    // Starts DM_TEST_PROGRAM_DIR/<program> with `args`.
+    ChildProcess(const std::string& program, const std::vector<std::string>& args);
+    ~ChildProcess();  // kills the process if it still runs
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    bool started() const { return m_pid > 0; }
+    // Waits up to `timeout` for a line of output containing `text`; true if seen.
+    bool waitForOutput(const std::string& text,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // All output read so far.
+    const std::string& output() const { return m_output; }
+    // Waits for the exit (up to `timeout`); the exit code, or -1 on time-out (then killed).
+    int wait(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    void kill();
+
+private:
+    void readAvailable(int timeoutMs);
+
+    int m_pid = -1;
+    int m_outputFd = -1;
+    std::string m_output;
+};
+
+}  // namespace dmtest

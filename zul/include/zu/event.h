@@ -1,0 +1,67 @@
+// Auto-reset events and waiting on several handles at once.
+//
+// An Event is either signalled or not. signal() sets it; a wait that finds it set returns and
+// clears it, so one signal wakes one wait, and signals given while already set merge into one.
+// waitForAny waits on events and socket readiness together in one call: a pipe manager sleeps
+// until a pipe queues work or data arrives, whichever comes first.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zu/export.h"
+
+namespace zu {
+
+// The OS handle behind an event or socket (a file descriptor on POSIX).
+using NativeHandle = intptr_t;
+constexpr NativeHandle kInvalidHandle = -1;
+
+constexpr uint32_t kInfinite = 0xFFFFFFFFu;
+
+// One thing to wait on. Made by Event::getWaitHandle and net::Socket::getWaitHandle.
+struct WaitHandle {
+    enum Kind : uint8_t {
+        None,
+        Event,           // ready when signalled; the wait consumes the signal
+        SocketRead,      // ready when data (or the peer's close) can be read
+        SocketWrite,     // ready when data can be written (a pending connect has finished)
+        SocketReadWrite  // either of the two
+    };
+    Kind kind = None;
+    NativeHandle handle = kInvalidHandle;
+
+    bool operator==(const WaitHandle& other) const {
+        return kind == other.kind && handle == other.handle;
+    }
+};
+
+class ZUL_API Event {
+public:
+    Event();
+    ~Event();
+    Event(const Event&) = delete;
+    Event& operator=(const Event&) = delete;
+
+    void signal();
+    void reset();
+    // Waits until signalled (and clears it) or `timeoutMs` passed: true if signalled.
+    bool wait(uint32_t timeoutMs = kInfinite);
+    // Clears and reports the signal without waiting.
+    bool tryWait() { return wait(0); }
+
+    WaitHandle getWaitHandle() const { return {WaitHandle::Event, m_handle}; }
+
+private:
+    NativeHandle m_handle;
+};
+
+constexpr int kWaitTimeout = -1;
+constexpr int kWaitFailed = -2;
+
+// Waits until one of `handles` is ready or `timeoutMs` passed. Returns the index of a ready
+// handle (the lowest one when several are), kWaitTimeout, or kWaitFailed for an invalid call.
+// An event that is returned has been cleared. Handles of kind None are ignored.
+ZUL_API int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs);
+
+}  // namespace zu
