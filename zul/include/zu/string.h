@@ -105,10 +105,18 @@ private:
 
 ZUL_API bool operator==(const String& a, const String& b);
 ZUL_API bool operator==(const String& a, const char* b);
-inline bool operator==(const char* a, const String& b) { return b == a; }
-inline bool operator!=(const String& a, const String& b) { return !(a == b); }
-inline bool operator!=(const String& a, const char* b) { return !(a == b); }
-inline bool operator!=(const char* a, const String& b) { return !(b == a); }
+inline bool operator==(const char* a, const String& b) {
+    return b == a;
+}
+inline bool operator!=(const String& a, const String& b) {
+    return !(a == b);
+}
+inline bool operator!=(const String& a, const char* b) {
+    return !(a == b);
+}
+inline bool operator!=(const char* a, const String& b) {
+    return !(b == a);
+}
 // Case-insensitive ordering (see the file comment).
 inline bool operator<(const String& a, const String& b) {
     return stricmp(a.c_str(), b.c_str()) < 0;
