@@ -111,11 +111,13 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
                                                          uint32_t responseCapacity,
                                                          uint32_t* outResponseSize,
                                                          const void* data, uint32_t dataSize) {
-    // Numbered before queuing; atomic so that concurrent callers get distinct ids.
-    const uint32_t id = m_nextRequestId.fetch_add(1);
+    uint32_t id = 0;
     zu::Event* event = nullptr;
     {
+        // Numbered under the lock, so that ids rise in queue order: the receiver drops an id
+        // that is not above the last one it completed, and requests go out in queue order.
         zu::ScopedLock lock(m_outgoingLock);
+        id = m_nextRequestId++;
         event = takeEvent();
         RequestRecord& request = m_outgoingRequests.emplace_back();
         request.id = id;

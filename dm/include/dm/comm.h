@@ -257,12 +257,12 @@ private:
     zu::Vector<NotificationRecord> m_outgoingNotifications;
     zu::Vector<ResponseRecord> m_outgoingResponses;
     zu::Vector<zu::Event*> m_spareEvents;  // reused by blocking calls, so none is made per call
+    uint32_t m_nextRequestId = 0;
     uint32_t m_nextNotifyId = 0;
     uint32_t m_nextResponseSerial = 0;
     zu::InplaceString<128> m_connectedIP;
 
     std::atomic<net::Socket*> m_socket{nullptr};
-    std::atomic<uint32_t> m_nextRequestId{0};
     std::atomic<uint32_t> m_maxMessageSize{kDefaultMaxMessageSize};
     zu::Event m_wakeEvent;
 
