@@ -68,10 +68,12 @@ public:
                                                uint32_t* outResponseSize, const void* data,
                                                uint32_t dataSize) = 0;
     // Takes the oldest incoming request as the current one and returns its text (its value to
-    // `outValue` when non-null), or "" with `outValue` untouched. Does not block.
+    // `outValue` when non-null), or "" with `outValue` untouched. Does not block. The oldest is
+    // taken even while its data is still arriving; the request callback tells when one is whole.
     virtual zu::InplaceString<128> receiveRequest(uint32_t* outValue) = 0;
     // The binary data of the current request (null and 0 when there is none). The data stays
-    // valid until respond, the next receiveRequest that takes a request, or pipe destruction.
+    // valid until respond returns, until receiveRequest takes another request, or until the
+    // first of these calls after the pipe was reset by a reconnect.
     virtual void getRequestData(void** outData, uint32_t* outSize) = 0;
     // Answers the current request and blocks until the response has been written to the
     // socket. `data` must stay valid until then. A request taken before the pipe was last
