@@ -29,7 +29,8 @@ Packet packetWith(const Bytes& payload) {
 TEST(Packet, EveryFieldTypeRoundTripsInTheDocumentedEncoding) {
     Packet packet(205);
     const uint8_t raw[3] = {0xAA, 0x00, 0xBB};
-    packet << int32_t{-2} << uint32_t{0x01020304u} << "ab" << "" << int32_t{INT32_MIN};
+    packet << int32_t{-2} << uint32_t{0x01020304u} << "ab"
+           << "" << int32_t{INT32_MIN};
     EXPECT_EQ(packet.write(raw, sizeof(raw)), 3u);
     packet << uint32_t{UINT32_MAX};
 
@@ -105,8 +106,7 @@ TEST(Packet, WritesBeyondTheMaximumAreRefusedOrCut) {
     Packet packet(3);
     packet << uint32_t{7};
     // Raw bytes are cut to what fits; that is how bulk data is split, so no error.
-    EXPECT_EQ(packet.write(big.data(), static_cast<uint32_t>(big.size())),
-              Packet::kMaxPayload - 4);
+    EXPECT_EQ(packet.write(big.data(), static_cast<uint32_t>(big.size())), Packet::kMaxPayload - 4);
     EXPECT_EQ(packet.getSize(), Packet::kMaxPayload);
     EXPECT_FALSE(packet.hasError());
     EXPECT_EQ(packet.write(big.data(), 1), 0u);
@@ -170,10 +170,9 @@ TEST(Packet, MalformedStringsAreRefused) {
     hugeLength.insert(hugeLength.end(), {'a', 0});
     Bytes lengthOnly;
     appendLE32(lengthOnly, 0);
-    for (const Case& testCase : {Case{"length past end", lengthPastEnd},
-                                 Case{"no terminator", noTerminator},
-                                 Case{"huge length", hugeLength},
-                                 Case{"length only", lengthOnly}}) {
+    for (const Case& testCase :
+         {Case{"length past end", lengthPastEnd}, Case{"no terminator", noTerminator},
+          Case{"huge length", hugeLength}, Case{"length only", lengthOnly}}) {
         SCOPED_TRACE(testCase.name);
         Packet packet = packetWith(testCase.payload);
         const char* text = nullptr;
