@@ -230,8 +230,8 @@ TEST(Socket, FrameDribbledOneByteAtATimeIsAssembled) {
 
     Packet original(42);
     original << "dribbled" << int32_t{-9};
-    Bytes frame = nettest::makeFrame(42, Bytes(original.getData(),
-                                               original.getData() + original.getSize()));
+    Bytes frame =
+        nettest::makeFrame(42, Bytes(original.getData(), original.getData() + original.getSize()));
     zu::WaitHandle handle = peer.server->getWaitHandle();
     for (size_t i = 0; i < frame.size(); ++i) {
         ASSERT_TRUE(nettest::rawSendAll(peer.fd, &frame[i], 1));
@@ -266,7 +266,8 @@ TEST(Socket, RawReaderTakingSmallPiecesSeesTheDocumentedFrames) {
     ASSERT_TRUE(client.sendPacket(small));
     ASSERT_TRUE(client.sendPacket(big));
 
-    Bytes expected = nettest::makeFrame(3, Bytes(small.getData(), small.getData() + small.getSize()));
+    Bytes expected =
+        nettest::makeFrame(3, Bytes(small.getData(), small.getData() + small.getSize()));
     Bytes bigFrame = nettest::makeFrame(9, Bytes(big.getData(), big.getData() + big.getSize()));
     expected.insert(expected.end(), bigFrame.begin(), bigFrame.end());
     Bytes got;
