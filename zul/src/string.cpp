@@ -42,7 +42,7 @@ int strnicmp(const char* a, const char* b, size_t count) {
 
 String::String() : m_data(g_emptyText), m_inline(nullptr) {}
 
-String::String(char* buffer, size_t bufferSize)
+String::String(InlineBuffer, char* buffer, size_t bufferSize)
     : m_data(buffer),
       m_inline(buffer),
       m_capacity(static_cast<uint32_t>(bufferSize - 1)),

@@ -88,8 +88,9 @@ public:
     bool endsWith(char c) const { return m_length > 0 && m_data[m_length - 1] == c; }
 
 protected:
+    struct InlineBuffer {};
     // For InplaceString: `buffer` of `bufferSize` bytes, which holds bufferSize-1 characters.
-    String(char* buffer, size_t bufferSize);
+    String(InlineBuffer, char* buffer, size_t bufferSize);
     void moveFrom(String& other);
 
 private:
@@ -134,16 +135,22 @@ class InplaceString : public String {
     static_assert(N >= 2, "an InplaceString needs room for one character and its terminator");
 
 public:
-    InplaceString() : String(m_buffer, N) {}
-    InplaceString(const char* text) : String(m_buffer, N) { assign(text); }  // NOLINT
-    InplaceString(const char* text, size_t length) : String(m_buffer, N) { assign(text, length); }
-    InplaceString(const String& text) : String(m_buffer, N) {  // NOLINT
+    InplaceString() : String(InlineBuffer{}, m_buffer, N) {}
+    InplaceString(const char* text) : String(InlineBuffer{}, m_buffer, N) {
+        assign(text);
+    }  // NOLINT
+    InplaceString(const char* text, size_t length) : String(InlineBuffer{}, m_buffer, N) {
+        assign(text, length);
+    }
+    InplaceString(const String& text) : String(InlineBuffer{}, m_buffer, N) {  // NOLINT
         assign(text.c_str(), text.length());
     }
-    InplaceString(const InplaceString& other) : String(m_buffer, N) {
+    InplaceString(const InplaceString& other) : String(InlineBuffer{}, m_buffer, N) {
         assign(other.c_str(), other.length());
     }
-    InplaceString(InplaceString&& other) noexcept : String(m_buffer, N) { moveFrom(other); }
+    InplaceString(InplaceString&& other) noexcept : String(InlineBuffer{}, m_buffer, N) {
+        moveFrom(other);
+    }
 
     InplaceString& operator=(const InplaceString& other) {
         String::operator=(other);
