@@ -27,6 +27,9 @@ constexpr int kRequestPacketId = 4;
 constexpr int kDataPacketId = 101;
 
 constexpr int kRequestCount = 3;
+// pollPacket reads the socket again whenever its buffer runs dry, so a monitor that never
+// stops sending would keep update from returning; the rest waits for the next frame.
+constexpr int kMaxPacketsPerUpdate = 4096;
 // Formatted texts hold at most kTextBufferSize - 1 characters.
 constexpr size_t kTextBufferSize = 256;
 
@@ -122,7 +125,11 @@ void pollMonitors() {
     while (index < g_link.connections.size()) {
         net::Socket* connection = g_link.connections[index];
         connection->update();
-        while (net::Packet* packet = connection->pollPacket(nullptr)) {
+        for (int taken = 0; taken < kMaxPacketsPerUpdate; ++taken) {
+            net::Packet* packet = connection->pollPacket(nullptr);
+            if (!packet) {
+                break;
+            }
             dispatchPacket(*packet);
             if (g_link.generation != generation) {
                 return;

@@ -85,8 +85,8 @@ std::vector<ThreadPlan> planSnapshot(const std::vector<ThreadScopes>& threads, u
     for (uint32_t plan = 0; plan < plans.size(); ++plan) {
         const std::vector<FinishedScope>& scopes = plans[plan].thread->scopes;
         for (uint32_t index = 0; index < scopes.size(); ++index) {
-            candidates.push_back({scopes[index].endMicroseconds, index, plan,
-                                  sizes.scope(scopes[index].name)});
+            candidates.push_back(
+                {scopes[index].endMicroseconds, index, plan, sizes.scope(scopes[index].name)});
         }
     }
     std::sort(candidates.begin(), candidates.end(),
@@ -174,9 +174,8 @@ net::Packet& operator<<(net::Packet& packet, const ThreadProfiler&) {
     std::vector<ThreadScopes> threads;
     snapshotAllThreads(threads);
     const uint32_t position = packet.getPos();
-    const uint64_t budget = position < net::Packet::kMaxPayload
-                                ? net::Packet::kMaxPayload - position
-                                : 0;
+    const uint64_t budget =
+        position < net::Packet::kMaxPayload ? net::Packet::kMaxPayload - position : 0;
     const std::vector<ThreadPlan> plans = planSnapshot(threads, budget);
 
     packet << kFormatVersion;
