@@ -418,37 +418,41 @@ public:
     int run() {
         const bool echoes = isatty(STDIN_FILENO) != 0;
         for (;;) {
-            const bool inputReady = waitForWork();
+            // Packets first: finishing the connect may already have read some, and no poll
+            // would report those.
             m_socket.update();
-            if (receivePackets()) {
+            const Batch batch = receivePackets();
+            if (batch == Batch::CountReached) {
                 return finish(kExitDone);
             }
             if (!m_socket.isConnected()) {
                 std::fprintf(stderr, "dm-monitor: the game closed the connection\n");
                 return finish(kExitDone);
             }
-            if (inputReady && handleInput(echoes)) {
-                return finish(kExitDone);
-            }
-            m_socket.update();  // sends what the commands queued
             m_display.flush();
             if (m_hasDeadline && Clock::now() >= m_deadline) {
                 return finish(m_options.count >= 0 ? kExitTimedOut : kExitDone);
+            }
+            const bool inputReady = waitForWork(batch == Batch::MoreWaiting);
+            if (inputReady && handleInput(echoes)) {
+                return finish(kExitDone);
             }
         }
     }
 
 private:
-    // Waits until the game sent something, a line was typed, or the deadline came. True when
-    // standard input has something to read.
-    bool waitForWork() {
+    enum class Batch { Drained, MoreWaiting, CountReached };
+
+    // Waits until the game sent something, a line was typed, or the deadline came (not at all
+    // with `dontWait`). True when standard input has something to read.
+    bool waitForWork(bool dontWait) {
         const zu::WaitHandle socketHandle = m_socket.getWaitHandle();
         pollfd entries[2] = {
             {static_cast<int>(socketHandle.handle), pollEventsOf(socketHandle), 0},
             {m_input.open() ? STDIN_FILENO : -1, POLLIN, 0},
         };
-        int timeoutMs = -1;
-        if (m_hasDeadline) {
+        int timeoutMs = dontWait ? 0 : -1;
+        if (m_hasDeadline && !dontWait) {
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(m_deadline - Clock::now());
             timeoutMs = static_cast<int>(std::max<int64_t>(0, left.count() + 1));
@@ -459,21 +463,21 @@ private:
         return entries[1].revents != 0;
     }
 
-    // True when --count packets have come. Takes a bounded batch, so that typed commands are
-    // still heard while the game floods the connection.
-    bool receivePackets() {
+    // Shows what has arrived, in bounded batches so that typed commands are still heard while
+    // the game floods the connection.
+    Batch receivePackets() {
         for (int taken = 0; taken < kPacketsPerBatch; ++taken) {
             net::Packet* packet = m_socket.pollPacket(nullptr);
             if (!packet) {
-                break;
+                return Batch::Drained;
             }
             showPacket(*packet, m_display);
             ++m_received;
             if (m_options.count >= 0 && m_received >= m_options.count) {
-                return true;
+                return Batch::CountReached;
             }
         }
-        return false;
+        return Batch::MoreWaiting;
     }
 
     // True when the run should end: quit, or end of input without --count.

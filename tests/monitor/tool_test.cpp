@@ -38,7 +38,7 @@ TEST(MonitorTool, ShowsWhatTheGameSendsAndSendsCommandsBack) {
     ChildProcess tool(kTool, {"127.0.0.1", port}, true);
     ASSERT_TRUE(tool.started());
 
-    ASSERT_TRUE(tool.waitForOutput("[0] greeting done")) << tool.output();
+    ASSERT_TRUE(tool.waitForOutput("[0] greeting done")) << tool.output() << game.output();
     const std::string greeting = tool.output();
     EXPECT_TRUE(contains(greeting, "[0] hello from the game\n")) << greeting;
     EXPECT_TRUE(contains(greeting, "[3] warning: low fuel\n"));
