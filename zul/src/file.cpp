@@ -5,7 +5,6 @@
 #include <cstring>
 #include <mutex>
 
-#include "throw_error.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
 
@@ -71,9 +70,9 @@ std::atomic<bool> g_fileSystemReadOnly{false};
 
 File::File(const char* path, Mode mode) {
     if (!open(path, mode)) {
-        detail::throwError<FileException_FileOpenFailed>("File: cannot open \"%s\" (mode %u)",
-                                                         path != nullptr ? path : "",
-                                                         static_cast<unsigned>(mode));
+        throw FileException_FileOpenFailed("File: cannot open \"%s\" (mode %u)",
+                                           path != nullptr ? path : "",
+                                           static_cast<unsigned>(mode));
     }
 }
 

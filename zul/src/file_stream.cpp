@@ -3,8 +3,6 @@
 #include <cstring>
 #include <utility>
 
-#include "throw_error.h"
-
 namespace zu {
 
 namespace {
@@ -38,7 +36,7 @@ FileStream& FileStream::operator<<(unsigned int value) {
 
 FileStream& FileStream::operator<<(const String& text) {
     if (text.length() > kMaxTextLength) {
-        detail::throwError<FileException_WriteFailed>(
+        throw FileException_WriteFailed(
             "FileStream: text of %zu bytes for \"%s\" is longer than the limit of %u bytes",
             text.length(), m_file.getPath(), kMaxTextLength);
     }
@@ -72,12 +70,12 @@ FileStream& FileStream::operator>>(String& text) {
     *this >> length;
     uint64_t remaining = getRemaining();
     if (length > kMaxTextLength) {
-        detail::throwError<FileException_ReadFailed>(
+        throw FileException_ReadFailed(
             "FileStream: text length %u in \"%s\" is over the limit of %u bytes", length,
             m_file.getPath(), kMaxTextLength);
     }
     if (length > remaining) {
-        detail::throwError<FileException_ReadFailed>(
+        throw FileException_ReadFailed(
             "FileStream: text length %u in \"%s\" is more than the %llu bytes left", length,
             m_file.getPath(), static_cast<unsigned long long>(remaining));
     }
@@ -88,8 +86,8 @@ FileStream& FileStream::operator>>(String& text) {
         uint32_t size = left < kTextChunkSize ? left : static_cast<uint32_t>(kTextChunkSize);
         readBytes(chunk, size);
         if (std::memchr(chunk, 0, size) != nullptr) {
-            detail::throwError<FileException_ReadFailed>(
-                "FileStream: text in \"%s\" holds a 0 byte", m_file.getPath());
+            throw FileException_ReadFailed("FileStream: text in \"%s\" holds a 0 byte",
+                                           m_file.getPath());
         }
         read.append(chunk, size);
         left -= size;
@@ -107,18 +105,18 @@ uint64_t FileStream::getRemaining() {
 void FileStream::writeBytes(const void* data, uint32_t size) {
     uint64_t written = m_file.write(data, size);
     if (written != size) {
-        detail::throwError<FileException_WriteFailed>(
-            "FileStream: wrote %llu of %u bytes to \"%s\"",
-            static_cast<unsigned long long>(written), size, m_file.getPath());
+        throw FileException_WriteFailed("FileStream: wrote %llu of %u bytes to \"%s\"",
+                                        static_cast<unsigned long long>(written), size,
+                                        m_file.getPath());
     }
 }
 
 void FileStream::readBytes(void* data, uint32_t size) {
     uint64_t read = m_file.read(data, size);
     if (read != size) {
-        detail::throwError<FileException_ReadFailed>(
-            "FileStream: read past the end of \"%s\" (%llu of %u bytes)", m_file.getPath(),
-            static_cast<unsigned long long>(read), size);
+        throw FileException_ReadFailed("FileStream: read past the end of \"%s\" (%llu of %u bytes)",
+                                       m_file.getPath(), static_cast<unsigned long long>(read),
+                                       size);
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "throw_error.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
 
@@ -78,9 +77,8 @@ void BufferedMemoryFile::append(const void* data, uint64_t size) {
         return;
     }
     if (size > UINT64_MAX - m_size) {
-        detail::throwError<OutOfMemoryException>(
-            "BufferedMemoryFile: appending %llu bytes overflows",
-            static_cast<unsigned long long>(size));
+        throw OutOfMemoryException("BufferedMemoryFile: appending %llu bytes overflows",
+                                   static_cast<unsigned long long>(size));
     }
     uint64_t needed = m_size + size;
     if (needed > m_capacity) {
@@ -117,9 +115,8 @@ void BufferedMemoryFile::reserve(uint64_t size) {
         return;
     }
     if (size > static_cast<uint64_t>(SIZE_MAX)) {
-        detail::throwError<OutOfMemoryException>(
-            "BufferedMemoryFile: %llu bytes do not fit in memory",
-            static_cast<unsigned long long>(size));
+        throw OutOfMemoryException("BufferedMemoryFile: %llu bytes do not fit in memory",
+                                   static_cast<unsigned long long>(size));
     }
     uint8_t* grown = static_cast<uint8_t*>(allocateMemory(static_cast<size_t>(size)));
     if (m_size > 0) {

@@ -2,9 +2,10 @@
 // flock on it; a probe that gets an exclusive lock without waiting knows that nobody holds it.
 // The kernel drops a dead holder's lock with its descriptors.
 //
-// The probe that finds the name free removes the file, and a holder that finds its file gone
-// after locking (a probe removed it in between) opens a fresh one, so the folder does not fill
-// up with stale lock files.
+// Lock files are removed when the name is free again (by the last holder, or by a probe that
+// finds a file left by a crashed process), so the folder does not fill up. Creating, removing
+// and probing all run under one exclusive guard lock, shared by every name: otherwise a probe
+// could remove a file between a new holder's open and its lock.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -23,7 +24,6 @@ namespace {
 // A name that is longer or holds other characters than these gets a hash of the original
 // appended, so that two names never share a file.
 constexpr size_t kMaxPlainNameLength = 100;
-constexpr int kMaxLockAttempts = 100;
 
 bool isPlainNameCharacter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -78,7 +78,7 @@ int lockRetrying(int fd, int operation) {
     return result;
 }
 
-// True while `fd` is still the file at `path` (a probe may have removed it).
+// True while `fd` is still the file at `path`; something outside could have removed it.
 bool isStillAtPath(int fd, const char* path) {
     struct stat open;
     struct stat named;
@@ -86,21 +86,45 @@ bool isStillAtPath(int fd, const char* path) {
            open.st_ino == named.st_ino;
 }
 
+// The exclusive guard lock, held for its lifetime. Without a guard file (a read-only folder)
+// there are no lock files either, so going on unguarded does no harm.
+class GuardLock {
+public:
+    GuardLock() {
+        InplaceString<256> path;
+        path.format("%s/zu-named-mutex.guard", temporaryFolder());
+        m_fd = openLockFile(path.c_str(), O_RDONLY | O_CREAT);
+        if (m_fd >= 0) {
+            ::fchmod(m_fd, 0666);
+            lockRetrying(m_fd, LOCK_EX);
+        }
+    }
+    ~GuardLock() {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+    }
+    GuardLock(const GuardLock&) = delete;
+    GuardLock& operator=(const GuardLock&) = delete;
+
+private:
+    int m_fd;
+};
+
 // Opens the lock file and holds a shared lock on it; -1 when that fails.
 int holdLockFile(const char* path) {
-    for (int attempt = 0; attempt < kMaxLockAttempts; ++attempt) {
-        int fd = openLockFile(path, O_RDWR | O_CREAT);
-        if (fd < 0) {
-            return -1;
-        }
-        // Others may use the name too, whatever this process's umask.
-        ::fchmod(fd, 0666);
-        if (lockRetrying(fd, LOCK_SH) == 0 && isStillAtPath(fd, path)) {
-            return fd;
-        }
-        ::close(fd);
+    GuardLock guard;
+    int fd = openLockFile(path, O_RDONLY | O_CREAT);
+    if (fd < 0) {
+        return -1;
     }
-    return -1;
+    // Others may use the name too, whatever this process's umask.
+    ::fchmod(fd, 0666);
+    if (lockRetrying(fd, LOCK_SH) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace
@@ -115,6 +139,7 @@ NamedMutex::~NamedMutex() {
         return;
     }
     int fd = static_cast<int>(m_handle);
+    GuardLock guard;
     // The last holder removes the file. Turning the shared lock into an exclusive one is not
     // atomic, but this holder is leaving anyway.
     if (lockRetrying(fd, LOCK_EX | LOCK_NB) == 0) {
@@ -128,6 +153,7 @@ NamedMutex::~NamedMutex() {
 
 bool NamedMutex::doesMutexExist(const char* name) {
     InplaceString<256> path = lockFilePath(name != nullptr ? name : "");
+    GuardLock guard;
     int fd = openLockFile(path.c_str(), O_RDONLY);
     if (fd < 0) {
         return false;
