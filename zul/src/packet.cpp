@@ -25,9 +25,13 @@ const char kEmptyText[] = "";
 
 Packet::Packet(int id) : m_id(id) {}
 
-Packet::~Packet() { zu::deleteMemory(m_storage); }
+Packet::~Packet() {
+    zu::deleteMemory(m_storage);
+}
 
-Packet::Packet(const Packet& other) { *this = other; }
+Packet::Packet(const Packet& other) {
+    *this = other;
+}
 
 Packet& Packet::operator=(const Packet& other) {
     if (this != &other) {
@@ -59,7 +63,9 @@ void Packet::view(int id, const uint8_t* payload, uint32_t size) {
     m_error = false;
 }
 
-void Packet::setPos(uint32_t position) { m_pos = position < m_size ? position : m_size; }
+void Packet::setPos(uint32_t position) {
+    m_pos = position < m_size ? position : m_size;
+}
 
 // Makes the owned storage hold at least `size` bytes and the payload live in it.
 bool Packet::reserve(uint32_t size) {
@@ -129,7 +135,9 @@ bool Packet::readBytes(void* buffer, uint32_t length) {
     return true;
 }
 
-Packet& Packet::operator<<(int32_t value) { return *this << static_cast<uint32_t>(value); }
+Packet& Packet::operator<<(int32_t value) {
+    return *this << static_cast<uint32_t>(value);
+}
 
 Packet& Packet::operator<<(uint32_t value) {
     uint8_t bytes[4];

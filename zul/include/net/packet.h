@@ -75,8 +75,8 @@ private:
     bool readBytes(void* buffer, uint32_t length);
 
     const uint8_t* m_data = nullptr;  // the payload: m_storage, or a socket's buffer (see view)
-    uint8_t* m_storage = nullptr;  // owned, 64-byte aligned, grows geometrically
-    uint32_t m_capacity = 0;       // of m_storage
+    uint8_t* m_storage = nullptr;     // owned, 64-byte aligned, grows geometrically
+    uint32_t m_capacity = 0;          // of m_storage
     uint32_t m_size = 0;
     uint32_t m_pos = 0;
     int m_id = 0;

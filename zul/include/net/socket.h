@@ -1,6 +1,7 @@
 // net::Socket: a non-blocking TCP connection (TCP_NODELAY) that sends and receives whole
 // net::Packets. Nothing here blocks except a sender that runs into kMaxQueuedSend (see
-// sendPacket). Frames are described in docs/packet-format.md.
+// sendPacket) and the name lookup of connect. Frames are described in docs/packet-format.md.
+// A socket is used by one thread at a time.
 #pragma once
 
 #include <cstddef>

@@ -40,9 +40,13 @@ constexpr uint32_t kMaxSendCapacity = Socket::kMaxQueuedSend + wire::kMaxFrameSi
 
 static_assert(kReceiveCapacity >= 2 * wire::kMaxFrameSize, "see kReceiveCapacity");
 
-int toFd(zu::NativeHandle handle) { return static_cast<int>(handle); }
+int toFd(zu::NativeHandle handle) {
+    return static_cast<int>(handle);
+}
 
-bool isWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+bool isWouldBlock(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
 
 uint8_t* allocateBuffer(uint32_t size) {
     return static_cast<uint8_t*>(zu::allocateMemory(size, kBufferAlignment));
@@ -96,11 +100,13 @@ bool configureSocket(int fd) {
 }  // namespace posix
 
 void* Socket::operator new(size_t size) {
-    return zu::allocateMemory(size, alignof(Socket) > zu::kDefaultAlignment ? alignof(Socket)
-                                                                             : zu::kDefaultAlignment);
+    return zu::allocateMemory(
+        size, alignof(Socket) > zu::kDefaultAlignment ? alignof(Socket) : zu::kDefaultAlignment);
 }
 
-void Socket::operator delete(void* memory) { zu::deleteMemory(memory); }
+void Socket::operator delete(void* memory) {
+    zu::deleteMemory(memory);
+}
 
 Socket::Socket() = default;
 
@@ -352,8 +358,8 @@ void Socket::reserveSendRoom(uint32_t length) {
         return;
     }
     uint64_t needed = static_cast<uint64_t>(m_sendQueued) + length;
-    uint64_t capacity = m_sendCapacity * 2ull > kInitialSendCapacity ? m_sendCapacity * 2ull
-                                                                     : kInitialSendCapacity;
+    uint64_t capacity =
+        m_sendCapacity * 2ull > kInitialSendCapacity ? m_sendCapacity * 2ull : kInitialSendCapacity;
     capacity = capacity < kMaxSendCapacity ? capacity : kMaxSendCapacity;
     capacity = capacity > needed ? capacity : needed;
     uint8_t* buffer = allocateBuffer(static_cast<uint32_t>(capacity));
