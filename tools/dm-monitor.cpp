@@ -253,10 +253,14 @@ void showInPlace(net::Packet& packet, Display& display) {
     display.inPlace(group, printable(name), printable(text));
 }
 
+std::string counted(size_t count, const char* thing) {
+    return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
 std::string describeThread(const d::Profile::ProfileThreadRecord& thread) {
     std::string text = "  thread " + std::to_string(thread.threadId);
     text += thread.name.empty() ? "" : " \"" + printable(thread.name.c_str()) + "\"";
-    text += ": " + std::to_string(thread.scopes.size()) + " scopes";
+    text += ": " + counted(thread.scopes.size(), "scope");
     if (thread.droppedScopes > 0) {
         text += " (" + std::to_string(thread.droppedScopes) + " older not sent)";
     }
@@ -285,8 +289,8 @@ void showProfile(net::Packet& packet, Display& display) {
     for (const d::Profile::ProfileThreadRecord& thread : snapshot.threads) {
         scopes += thread.scopes.size();
     }
-    display.line("[profile] " + std::to_string(snapshot.threads.size()) + " threads, " +
-                 std::to_string(scopes) + " scopes");
+    display.line("[profile] " + counted(snapshot.threads.size(), "thread") + ", " +
+                 counted(scopes, "scope"));
     for (const d::Profile::ProfileThreadRecord& thread : snapshot.threads) {
         display.line(describeThread(thread));
     }
