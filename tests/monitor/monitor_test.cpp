@@ -174,7 +174,7 @@ protected:
     int m_port = 0;
 };
 
-TEST_F(MonitorLinkTest, TwoMonitorsReceiveTheSameTextAndTheSecondOutlivesTheFirst) {
+TEST_F(MonitorLinkTest, MonitorsReceiveTheSameTextAndOutliveOnesThatLeave) {
     auto first = connectMonitor();
     auto second = connectMonitor();
     dm::print("one");
@@ -189,10 +189,16 @@ TEST_F(MonitorLinkTest, TwoMonitorsReceiveTheSameTextAndTheSecondOutlivesTheFirs
         EXPECT_EQ(two->text, "two 2");
     }
 
+    auto third = connectMonitor();
     first->close();
-    ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 1; }));
+    ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 2; }));
     dm::print("three");
     EXPECT_EQ(second->nextText(), "three");
+    EXPECT_EQ(third->nextText(), "three");
+    second->close();
+    ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 1; }));
+    dm::print("four");
+    EXPECT_EQ(third->nextText(), "four");
 }
 
 TEST_F(MonitorLinkTest, PacketsFromMonitorsAreHandledInAcceptanceOrder) {
@@ -207,17 +213,6 @@ TEST_F(MonitorLinkTest, PacketsFromMonitorsAreHandledInAcceptanceOrder) {
 
     dm::update();
     EXPECT_EQ(parser.received, (std::vector<std::string>{"from the first", "from the second"}));
-}
-
-TEST_F(MonitorLinkTest, AMonitorBetweenOthersLeavesWithoutDisturbingThem) {
-    auto first = connectMonitor();
-    auto middle = connectMonitor();
-    auto last = connectMonitor();
-    middle->close();
-    ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 2; }));
-    dm::print("still here");
-    EXPECT_EQ(first->nextText(), "still here");
-    EXPECT_EQ(last->nextText(), "still here");
 }
 
 // %n makes vsnprintf store how much it had formatted: it shows whether formatting happened.
@@ -291,10 +286,7 @@ TEST_F(MonitorLinkTest, RequestsRaiseOnlyTheirOwnFlagOnce) {
     dm::update();
     EXPECT_TRUE(dm::checkAndClearRequest(2));
     EXPECT_FALSE(dm::checkAndClearRequest(2));
-}
-
-TEST_F(MonitorLinkTest, RequestIndicesOutsideTheFlagsAreFalse) {
-    for (int request : {-1, 3, 4, 1000, INT_MAX, INT_MIN}) {
+    for (int request : {-1, 3, 1000, INT_MAX, INT_MIN}) {
         EXPECT_FALSE(dm::checkAndClearRequest(request)) << request;
     }
 }
@@ -314,8 +306,12 @@ TEST_F(MonitorLinkTest, InitClearsRequestFlagsAndDeinitKeepsThem) {
 TEST_F(MonitorLinkTest, DataReachesTheCallbackWhichMayPrint) {
     RecordingParser parser;
     parser.echoChannel = 9;
-    dm::setDataParserCallback(&parser);
     auto monitor = connectMonitor();
+    monitor->send(dataPacket("nobody listens"));
+    ASSERT_TRUE(monitor->waitDelivered());
+    dm::update();
+
+    dm::setDataParserCallback(&parser);
     monitor->send(dataPacket("hello"));
     monitor->send(dataPacket(""));
 
@@ -325,19 +321,6 @@ TEST_F(MonitorLinkTest, DataReachesTheCallbackWhichMayPrint) {
     ASSERT_TRUE(echo);
     EXPECT_EQ(echo->channel, 9);
     EXPECT_EQ(echo->text, "echo: hello");
-}
-
-TEST_F(MonitorLinkTest, DataWithoutACallbackIsDropped) {
-    RecordingParser parser;
-    auto monitor = connectMonitor();
-    monitor->send(dataPacket("nobody listens"));
-    ASSERT_TRUE(monitor->waitDelivered());
-    dm::update();
-
-    dm::setDataParserCallback(&parser);
-    monitor->send(dataPacket("heard"));
-    ASSERT_TRUE(updateUntil([&] { return !parser.received.empty(); }));
-    EXPECT_EQ(parser.received, std::vector<std::string>{"heard"});
 }
 
 TEST_F(MonitorLinkTest, MalformedAndUnknownPacketsAreDropped) {
@@ -397,20 +380,17 @@ TEST_F(MonitorLinkTest, InitAgainWithoutDeinitReplacesTheListener) {
     EXPECT_EQ(fresh->nextText(), "fresh");
 }
 
-TEST(MonitorLinkLifecycle, CallsBeforeInitDoNothing) {
+TEST(MonitorLinkLifecycle, CallsWithoutAListenerDoNothing) {
     dm::update();
     dm::print("nobody");
     dm::createProfilePacket();
     dm::broadcastPacket(nullptr);
     EXPECT_EQ(dm::getMonitorPort(), 0);
-    EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
-}
 
-TEST(MonitorLinkLifecycle, AnUnusablePortLeavesTheLinkQuiet) {
-    dm::init(70000);
+    dm::init(70000);  // not a port
     EXPECT_EQ(dm::getMonitorPort(), 0);
     dm::update();
-    dm::print("nobody");
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
     dm::deinit();
 }
 
