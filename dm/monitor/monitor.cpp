@@ -84,7 +84,12 @@ void acceptMonitors() {
     }
     g_link.listener->update();
     while (net::Socket* connection = g_link.listener->pollConnect()) {
-        g_link.connections.push_back(connection);
+        try {
+            g_link.connections.push_back(connection);
+        } catch (...) {
+            zu::deleteObject(connection);  // out of memory: turn the monitor away
+            return;
+        }
     }
 }
 
@@ -150,6 +155,14 @@ void sendToAll(const net::Packet& packet) {
     }
 }
 
+// A field that did not fit (a name beyond the packet's limit) would leave monitors a packet
+// they cannot read; such a packet is not sent.
+void sendToAllIfWhole(const net::Packet& packet) {
+    if (!packet.hasError()) {
+        sendToAll(packet);
+    }
+}
+
 // Formats like vsnprintf into `text`, cut to kTextBufferSize - 1 characters.
 void formatText(char (&text)[kTextBufferSize], const char* format, va_list args) {
     if (vsnprintf(text, kTextBufferSize, format, args) < 0) {
@@ -167,7 +180,7 @@ void sendText(int channel, const char* format, va_list args) {
     net::Packet& packet = g_link.textPacket;
     packet.reset(kTextPacketId);
     packet << static_cast<int32_t>(channel) << text;
-    sendToAll(packet);
+    sendToAllIfWhole(packet);
 }
 
 void sendInPlace(int group, const char* name, const char* format, va_list args) {
@@ -180,7 +193,7 @@ void sendInPlace(int group, const char* name, const char* format, va_list args) 
     net::Packet& packet = g_link.inPlacePacket;
     packet.reset(kInPlacePacketId);
     packet << static_cast<int32_t>(group) << name << text;
-    sendToAll(packet);
+    sendToAllIfWhole(packet);
 }
 
 }  // namespace
@@ -281,7 +294,7 @@ void createProfilePacket() {
     net::Packet& packet = g_link.profilePacket;
     packet.reset(kProfilePacketId);
     packet << d::Profile::ThreadProfiler::instance();
-    sendToAll(packet);
+    sendToAllIfWhole(packet);
 }
 
 void setDataParserCallback(DataParserCallback* callback) {

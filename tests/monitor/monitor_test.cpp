@@ -234,6 +234,8 @@ TEST_F(MonitorLinkTest, LongTextsArriveCutTo255Characters) {
     auto monitor = connectMonitor();
     const std::string longText(300, 'x');
     const std::string longName(300, 'n');
+    const std::string nameBeyondAnyPacket(net::Packet::kMaxPayload, 'h');
+    dm::printInPlace(nameBeyondAnyPacket.c_str(), "unsendable");  // dropped, not sent broken
     dm::print(1, "%s", longText.c_str());
     dm::printInPlace(3, longName.c_str(), "%s!", longText.c_str());
 
