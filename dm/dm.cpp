@@ -2,6 +2,8 @@
 
 namespace dm {
 
-const char* getVersion() { return "0.1.0"; }
+const char* getVersion() {
+    return "0.1.0";
+}
 
 }  // namespace dm

@@ -18,14 +18,16 @@ void Exception::setError(const char* format, ...) {
     va_end(args);
 }
 
-void Exception::setErrorV(const char* format, va_list args) { m_error.formatV(format, args); }
+void Exception::setErrorV(const char* format, va_list args) {
+    m_error.formatV(format, args);
+}
 
 // Out-of-line destructors anchor each class's type information in the library, so that a
 // catch in the game matches a throw from inside it.
-OutOfMemoryException::~OutOfMemoryException() = default;
-FileException::~FileException() = default;
-FileException_FileOpenFailed::~FileException_FileOpenFailed() = default;
-FileException_ReadFailed::~FileException_ReadFailed() = default;
-FileException_WriteFailed::~FileException_WriteFailed() = default;
+ZU_DEFINE_EXCEPTION(OutOfMemoryException);
+ZU_DEFINE_EXCEPTION(FileException);
+ZU_DEFINE_EXCEPTION(FileException_FileOpenFailed);
+ZU_DEFINE_EXCEPTION(FileException_ReadFailed);
+ZU_DEFINE_EXCEPTION(FileException_WriteFailed);
 
 }  // namespace zu

@@ -42,7 +42,7 @@ int strnicmp(const char* a, const char* b, size_t count) {
 
 String::String() : m_data(g_emptyText), m_inline(nullptr) {}
 
-String::String(char* buffer, size_t bufferSize)
+String::String(InlineBuffer, char* buffer, size_t bufferSize)
     : m_data(buffer),
       m_inline(buffer),
       m_capacity(static_cast<uint32_t>(bufferSize - 1)),
@@ -50,15 +50,25 @@ String::String(char* buffer, size_t bufferSize)
     buffer[0] = 0;
 }
 
-String::String(const char* text) : String() { assign(text); }
+String::String(const char* text) : String() {
+    assign(text);
+}
 
-String::String(const char* text, size_t length) : String() { assign(text, length); }
+String::String(const char* text, size_t length) : String() {
+    assign(text, length);
+}
 
-String::String(const String& other) : String() { assign(other.m_data, other.m_length); }
+String::String(const String& other) : String() {
+    assign(other.m_data, other.m_length);
+}
 
-String::String(String&& other) noexcept : String() { moveFrom(other); }
+String::String(String&& other) noexcept : String() {
+    moveFrom(other);
+}
 
-String::~String() { releaseHeap(); }
+String::~String() {
+    releaseHeap();
+}
 
 String& String::operator=(const String& other) {
     if (this != &other) {
@@ -74,7 +84,9 @@ String& String::operator=(String&& other) noexcept {
     return *this;
 }
 
-String& String::operator=(const char* text) { return assign(text); }
+String& String::operator=(const char* text) {
+    return assign(text);
+}
 
 void String::moveFrom(String& other) {
     if (other.isInline() || other.m_data == g_emptyText) {
@@ -122,7 +134,9 @@ void String::growTo(size_t length) {
     m_capacity = static_cast<uint32_t>(capacity);
 }
 
-void String::reserve(size_t length) { growTo(length); }
+void String::reserve(size_t length) {
+    growTo(length);
+}
 
 void String::clear() {
     m_length = 0;
@@ -148,7 +162,9 @@ String& String::assign(const char* text, size_t length) {
     return append(text, length);
 }
 
-String& String::assign(const char* text) { return assign(text ? text : "", text ? std::strlen(text) : 0); }
+String& String::assign(const char* text) {
+    return assign(text ? text : "", text ? std::strlen(text) : 0);
+}
 
 String& String::append(const char* text, size_t length) {
     if (length == 0) {
@@ -167,7 +183,9 @@ String& String::append(const char* text, size_t length) {
     return *this;
 }
 
-String& String::append(const char* text) { return text ? append(text, std::strlen(text)) : *this; }
+String& String::append(const char* text) {
+    return text ? append(text, std::strlen(text)) : *this;
+}
 
 void String::insert(size_t position, char c) {
     if (position > m_length) {
@@ -262,7 +280,9 @@ void String::toLower() {
     }
 }
 
-bool String::equalsIgnoreCase(const char* text) const { return stricmp(m_data, text ? text : "") == 0; }
+bool String::equalsIgnoreCase(const char* text) const {
+    return stricmp(m_data, text ? text : "") == 0;
+}
 
 bool String::startsWithIgnoreCase(const char* prefix) const {
     size_t length = std::strlen(prefix);
@@ -273,7 +293,9 @@ bool operator==(const String& a, const String& b) {
     return a.length() == b.length() && std::memcmp(a.c_str(), b.c_str(), a.length()) == 0;
 }
 
-bool operator==(const String& a, const char* b) { return std::strcmp(a.c_str(), b ? b : "") == 0; }
+bool operator==(const String& a, const char* b) {
+    return std::strcmp(a.c_str(), b ? b : "") == 0;
+}
 
 InplaceString<256> str(const char* format, ...) {
     InplaceString<256> result;

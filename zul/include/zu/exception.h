@@ -24,36 +24,31 @@ private:
     InplaceString<256> m_error;
 };
 
+// Declares an exception class derived from `Base` with the same constructors as Exception.
+// Pair with ZU_DEFINE_EXCEPTION in one source file. `API` is the export macro of its library.
+#define ZU_DECLARE_EXCEPTION(API, Name, Base)                   \
+    class API Name : public Base {                              \
+    public:                                                     \
+        Name() = default;                                       \
+        explicit Name(const char* format, ...) ZU_PRINTF(2, 3); \
+        ~Name() override;                                       \
+    }
+
+#define ZU_DEFINE_EXCEPTION(Name)         \
+    Name::Name(const char* format, ...) { \
+        va_list args;                     \
+        va_start(args, format);           \
+        setErrorV(format, args);          \
+        va_end(args);                     \
+    }                                     \
+    Name::~Name() = default
+
 // allocateMemory could not satisfy a request.
-class ZUL_API OutOfMemoryException : public Exception {
-public:
-    using Exception::Exception;
-    ~OutOfMemoryException() override;
-};
-
+ZU_DECLARE_EXCEPTION(ZUL_API, OutOfMemoryException, Exception);
 // File errors: opening, reading past the end, writing, malformed stream contents.
-class ZUL_API FileException : public Exception {
-public:
-    using Exception::Exception;
-    ~FileException() override;
-};
-
-class ZUL_API FileException_FileOpenFailed : public FileException {
-public:
-    using FileException::FileException;
-    ~FileException_FileOpenFailed() override;
-};
-
-class ZUL_API FileException_ReadFailed : public FileException {
-public:
-    using FileException::FileException;
-    ~FileException_ReadFailed() override;
-};
-
-class ZUL_API FileException_WriteFailed : public FileException {
-public:
-    using FileException::FileException;
-    ~FileException_WriteFailed() override;
-};
+ZU_DECLARE_EXCEPTION(ZUL_API, FileException, Exception);
+ZU_DECLARE_EXCEPTION(ZUL_API, FileException_FileOpenFailed, FileException);
+ZU_DECLARE_EXCEPTION(ZUL_API, FileException_ReadFailed, FileException);
+ZU_DECLARE_EXCEPTION(ZUL_API, FileException_WriteFailed, FileException);
 
 }  // namespace zu

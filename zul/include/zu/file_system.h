@@ -80,8 +80,7 @@ public:
     virtual uint64_t readFile(FileHandle* file, void* buffer, uint64_t count) = 0;
     // Reads `count` bytes at `offset` without moving the position. Returns the bytes read.
     // The base reads synchronously through seekFile and readFile.
-    virtual uint64_t readFileAsync(FileHandle* file, void* buffer, uint64_t count,
-                                   uint64_t offset);
+    virtual uint64_t readFileAsync(FileHandle* file, void* buffer, uint64_t count, uint64_t offset);
     // Returns the bytes written.
     virtual uint64_t writeFile(FileHandle* file, const void* buffer, uint64_t count) = 0;
     virtual bool flushFileBuffers(FileHandle* file) = 0;

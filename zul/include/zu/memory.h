@@ -22,8 +22,8 @@ ZUL_API void deleteMemory(void* memory);
 // Constructs a T in memory from allocateMemory. Pair with deleteObject.
 template <typename T, typename... Args>
 T* newObject(Args&&... args) {
-    void* memory = allocateMemory(sizeof(T), alignof(T) > kDefaultAlignment ? alignof(T)
-                                                                          : kDefaultAlignment);
+    void* memory =
+        allocateMemory(sizeof(T), alignof(T) > kDefaultAlignment ? alignof(T) : kDefaultAlignment);
     try {
         return new (memory) T(std::forward<Args>(args)...);
     } catch (...) {
@@ -58,9 +58,8 @@ struct Allocator {
     Allocator(const Allocator<U>&) noexcept {}
 
     T* allocate(size_t count) {
-        return static_cast<T*>(allocateMemory(count * sizeof(T), alignof(T) > kDefaultAlignment
-                                                                     ? alignof(T)
-                                                                     : kDefaultAlignment));
+        return static_cast<T*>(allocateMemory(
+            count * sizeof(T), alignof(T) > kDefaultAlignment ? alignof(T) : kDefaultAlignment));
     }
     void deallocate(T* memory, size_t) noexcept { deleteMemory(memory); }
 

@@ -88,8 +88,9 @@ public:
     bool endsWith(char c) const { return m_length > 0 && m_data[m_length - 1] == c; }
 
 protected:
+    struct InlineBuffer {};
     // For InplaceString: `buffer` of `bufferSize` bytes, which holds bufferSize-1 characters.
-    String(char* buffer, size_t bufferSize);
+    String(InlineBuffer, char* buffer, size_t bufferSize);
     void moveFrom(String& other);
 
 private:
@@ -105,10 +106,18 @@ private:
 
 ZUL_API bool operator==(const String& a, const String& b);
 ZUL_API bool operator==(const String& a, const char* b);
-inline bool operator==(const char* a, const String& b) { return b == a; }
-inline bool operator!=(const String& a, const String& b) { return !(a == b); }
-inline bool operator!=(const String& a, const char* b) { return !(a == b); }
-inline bool operator!=(const char* a, const String& b) { return !(b == a); }
+inline bool operator==(const char* a, const String& b) {
+    return b == a;
+}
+inline bool operator!=(const String& a, const String& b) {
+    return !(a == b);
+}
+inline bool operator!=(const String& a, const char* b) {
+    return !(a == b);
+}
+inline bool operator!=(const char* a, const String& b) {
+    return !(b == a);
+}
 // Case-insensitive ordering (see the file comment).
 inline bool operator<(const String& a, const String& b) {
     return stricmp(a.c_str(), b.c_str()) < 0;
@@ -126,16 +135,22 @@ class InplaceString : public String {
     static_assert(N >= 2, "an InplaceString needs room for one character and its terminator");
 
 public:
-    InplaceString() : String(m_buffer, N) {}
-    InplaceString(const char* text) : String(m_buffer, N) { assign(text); }  // NOLINT
-    InplaceString(const char* text, size_t length) : String(m_buffer, N) { assign(text, length); }
-    InplaceString(const String& text) : String(m_buffer, N) {  // NOLINT
+    InplaceString() : String(InlineBuffer{}, m_buffer, N) {}
+    InplaceString(const char* text) : String(InlineBuffer{}, m_buffer, N) {
+        assign(text);
+    }  // NOLINT
+    InplaceString(const char* text, size_t length) : String(InlineBuffer{}, m_buffer, N) {
+        assign(text, length);
+    }
+    InplaceString(const String& text) : String(InlineBuffer{}, m_buffer, N) {  // NOLINT
         assign(text.c_str(), text.length());
     }
-    InplaceString(const InplaceString& other) : String(m_buffer, N) {
+    InplaceString(const InplaceString& other) : String(InlineBuffer{}, m_buffer, N) {
         assign(other.c_str(), other.length());
     }
-    InplaceString(InplaceString&& other) noexcept : String(m_buffer, N) { moveFrom(other); }
+    InplaceString(InplaceString&& other) noexcept : String(InlineBuffer{}, m_buffer, N) {
+        moveFrom(other);
+    }
 
     InplaceString& operator=(const InplaceString& other) {
         String::operator=(other);

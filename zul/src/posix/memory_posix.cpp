@@ -20,6 +20,8 @@ void* allocateMemory(size_t size, size_t alignment) {
     return memory;
 }
 
-void deleteMemory(void* memory) { std::free(memory); }
+void deleteMemory(void* memory) {
+    std::free(memory);
+}
 
 }  // namespace zu

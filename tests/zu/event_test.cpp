@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "zu/event.h"
+#include "zu/timer.h"
+
+namespace {
+
+TEST(Event, OneWakePerSignal) {
+    zu::Event event;
+    EXPECT_FALSE(event.tryWait());
+    event.signal();
+    event.signal();  // merges with the first: still one wake
+    EXPECT_TRUE(event.wait(0));
+    EXPECT_FALSE(event.wait(0));
+    event.signal();
+    event.reset();
+    EXPECT_FALSE(event.tryWait());
+}
+
+TEST(Event, WaitTimesOut) {
+    zu::Event event;
+    zu::Timer timer;
+    EXPECT_FALSE(event.wait(30));
+    EXPECT_GE(timer.getElapsedSeconds(), 0.029);
+}
+
+TEST(Event, WakesAWaiterOnAnotherThread) {
+    zu::Event event;
+    std::atomic<bool> woke{false};
+    std::thread waiter([&] { woke = event.wait(10000); });
+    event.signal();
+    waiter.join();
+    EXPECT_TRUE(woke);
+}
+
+TEST(Event, EachSignalReleasesExactlyOneOfManyWaiters) {
+    zu::Event event;
+    std::atomic<int> woke{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i) {
+        waiters.emplace_back([&] {
+            if (event.wait(10000)) {
+                ++woke;
+            }
+        });
+    }
+    for (int i = 0; i < 4; ++i) {
+        event.signal();
+        // Wait for that signal to be taken before giving the next, so none merge.
+        for (int spin = 0; spin < 100000 && woke.load() <= i; ++spin) {
+            std::this_thread::yield();
+        }
+    }
+    for (auto& waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(woke.load(), 4);
+}
+
+class SocketPair {
+public:
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
+    ~SocketPair() {
+        close(fds[0]);
+        close(fds[1]);
+    }
+    zu::WaitHandle readable() const { return {zu::WaitHandle::SocketRead, fds[0]}; }
+    void send() { EXPECT_EQ(write(fds[1], "x", 1), 1); }
+    int fds[2];
+};
+
+TEST(WaitForAny, WaitsOnEventsAndSocketsTogether) {
+    zu::Event first, second;
+    SocketPair socket;
+    zu::WaitHandle handles[] = {first.getWaitHandle(), socket.readable(), second.getWaitHandle()};
+
+    EXPECT_EQ(zu::waitForAny(handles, 3, 10), zu::kWaitTimeout);
+
+    second.signal();
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 2);
+    EXPECT_FALSE(second.tryWait());  // the wait took the signal
+
+    socket.send();
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 1);
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 1);  // readiness is not consumed
+
+    std::thread signaller([&] { first.signal(); });
+    signaller.join();
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 0);  // lowest ready index first
+}
+
+TEST(WaitForAny, RejectsInvalidCalls) {
+    std::vector<zu::WaitHandle> tooMany(65);
+    EXPECT_EQ(zu::waitForAny(tooMany.data(), tooMany.size(), 0), zu::kWaitFailed);
+    zu::WaitHandle closed{zu::WaitHandle::SocketRead, 1000000};
+    EXPECT_EQ(zu::waitForAny(&closed, 1, 0), zu::kWaitFailed);
+    zu::WaitHandle none{};
+    EXPECT_EQ(zu::waitForAny(&none, 1, 5), zu::kWaitTimeout);
+}
+
+}  // namespace

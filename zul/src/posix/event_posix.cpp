@@ -1,0 +1,116 @@
+// Events are eventfds (non-semaphore mode): a write sets the counter, a read that succeeds
+// takes it back to zero. That is exactly an auto-reset event, and the same poll() that watches
+// sockets can watch events.
+#include <errno.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+
+#include "zu/event.h"
+#include "zu/exception.h"
+
+namespace zu {
+
+namespace {
+
+constexpr size_t kMaxWaitHandles = 64;
+
+bool consumeSignal(NativeHandle handle) {
+    uint64_t value = 0;
+    return read(static_cast<int>(handle), &value, sizeof(value)) == sizeof(value);
+}
+
+short pollEventsOf(WaitHandle::Kind kind) {
+    switch (kind) {
+        case WaitHandle::Event:
+        case WaitHandle::SocketRead:
+            return POLLIN;
+        case WaitHandle::SocketWrite:
+            return POLLOUT;
+        case WaitHandle::SocketReadWrite:
+            return POLLIN | POLLOUT;
+        case WaitHandle::None:
+            break;
+    }
+    return 0;
+}
+
+// Milliseconds left until `deadline`, for poll(); -1 waits without limit.
+int remainingMs(uint32_t timeoutMs, std::chrono::steady_clock::time_point deadline) {
+    if (timeoutMs == kInfinite) {
+        return -1;
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+}  // namespace
+
+Event::Event() : m_handle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (m_handle < 0) {
+        throw Exception("Event: eventfd failed (errno %d)", errno);
+    }
+}
+
+Event::~Event() {
+    ::close(static_cast<int>(m_handle));
+}
+
+void Event::signal() {
+    uint64_t one = 1;
+    // Cannot fail short of a counter overflow, which a set event never reaches.
+    ssize_t written = write(static_cast<int>(m_handle), &one, sizeof(one));
+    (void)written;
+}
+
+void Event::reset() {
+    consumeSignal(m_handle);
+}
+
+bool Event::wait(uint32_t timeoutMs) {
+    WaitHandle handle = getWaitHandle();
+    return waitForAny(&handle, 1, timeoutMs) == 0;
+}
+
+int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs) {
+    if (count > kMaxWaitHandles || (count > 0 && handles == nullptr)) {
+        return kWaitFailed;
+    }
+    pollfd entries[kMaxWaitHandles];
+    for (size_t i = 0; i < count; ++i) {
+        entries[i].fd =
+            handles[i].kind == WaitHandle::None ? -1 : static_cast<int>(handles[i].handle);
+        entries[i].events = pollEventsOf(handles[i].kind);
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        for (size_t i = 0; i < count; ++i) {
+            entries[i].revents = 0;
+        }
+        int ready = poll(entries, static_cast<nfds_t>(count), remainingMs(timeoutMs, deadline));
+        if (ready < 0 && errno != EINTR) {
+            return kWaitFailed;
+        }
+        for (size_t i = 0; ready > 0 && i < count; ++i) {
+            if (entries[i].revents == 0) {
+                continue;
+            }
+            if (entries[i].revents & POLLNVAL) {
+                return kWaitFailed;
+            }
+            // Another waiter may have taken the event's signal first: then keep waiting.
+            if (handles[i].kind != WaitHandle::Event || consumeSignal(handles[i].handle)) {
+                return static_cast<int>(i);
+            }
+        }
+        if (remainingMs(timeoutMs, deadline) == 0) {
+            return kWaitTimeout;
+        }
+    }
+}
+
+}  // namespace zu
