@@ -45,7 +45,7 @@ int32_t addWrapping(int32_t value, int64_t delta) {
 
 ShapeEngineInterface::~ShapeEngineInterface() = default;
 
-ScrollingTextWindowException::~ScrollingTextWindowException() = default;
+ZU_DEFINE_EXCEPTION(ScrollingTextWindowException);
 
 ScrollingTextWindow::ScrollingTextWindow(ShapeEngineInterface* engine, float margin) {
     if (engine == nullptr) {

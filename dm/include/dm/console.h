@@ -135,11 +135,7 @@ DM_API int scanHex(const zu::String& text, int position);
 DM_API int scanQuoted(const zu::String& text, int position);
 
 // Errors of the console's text window; the text reads "ScrollingTextWindow: <what>".
-class DM_API ScrollingTextWindowException : public zu::Exception {
-public:
-    using zu::Exception::Exception;
-    ~ScrollingTextWindowException() override;
-};
+ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException, zu::Exception);
 
 // A bounded store of lines, newest last: up to `maxLines` slots that become a ring once they
 // are all used. `lineCounter` counts every line added since the last clear. Line k (0 is the
