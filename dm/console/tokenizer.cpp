@@ -145,7 +145,7 @@ int scanFloat(const zu::String& text, int position) {
 int scanHex(const zu::String& string, int position) {
     const Bytes text(string);
     // The whole text's length counts here, not what is left behind `position`.
-    if (text.length < 3 || !text.contains(position + 1)) {
+    if (text.length < 3 || !text.contains(position) || !text.contains(position + 1)) {
         return -1;
     }
     if (text[position] != '0' || (text[position + 1] != 'x' && text[position + 1] != 'X')) {
