@@ -233,7 +233,12 @@ void ScrollingTextWindow::addConsoleLine(const zu::String& line) {
 // A view scrolled into the middle keeps showing the same text; at the bottom (or at the very
 // top) it follows, and the drawing side learns through viewLine that new lines came in.
 void ScrollingTextWindow::keepViewAfterPrinting(uint32_t addedLines) {
-    const int64_t upmost = getUpmostShownConsoleLine();
+    // The colouring cache holds one entry per line on screen, as measured by the last
+    // setWindowSize; using its size keeps printing threads from calling into the game's
+    // drawing interface while the game draws with it.
+    const uint64_t stored = consoleLines.count();
+    const uint64_t onScreen = formattedLines.lines.size();
+    const int64_t upmost = stored > onScreen ? static_cast<int64_t>(stored - onScreen) : 0;
     if (scrollOffset != 0 && scrollOffset != upmost) {
         int64_t offset = static_cast<int64_t>(scrollOffset) + addedLines;
         offset = offset < 0 ? 0 : (offset > upmost ? upmost : offset);

@@ -70,4 +70,21 @@ TEST(ConcurrentPrinting, LosesAndTearsNoLine) {
     }
 }
 
+// The game draws through its shape engine on its own thread; printing threads must not call it.
+TEST(ConcurrentPrinting, LeavesTheShapeEngineToTheDrawingThread) {
+    dmtest::FakeShapeEngine engine;
+    dm::ScrollingTextWindow window(&engine, 0.0f);
+    window.setWindowSize({1.0f, 0.2625f});  // ten lines on screen
+    window.print("first\n");
+    engine.resetCalls();
+    std::thread printer([&window] {
+        for (int i = 0; i < 30; ++i) {
+            window.printWithPrefix(i % 2 == 0, "line %d\n", i);
+        }
+    });
+    printer.join();
+    EXPECT_EQ(engine.calls(), 0);
+    EXPECT_EQ(window.getConsoleLineCount(), 31u);
+}
+
 }  // namespace

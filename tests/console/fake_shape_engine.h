@@ -1,8 +1,9 @@
 // A drawing interface for console tests: a monospaced font whose line height is given for the
 // text size 0.02, the only size the console uses; at any other size (and before a size is set)
-// it is 0, so measuring without setting the size shows up.
+// it is 0, so measuring without setting the size shows up. Counts the calls it gets.
 #pragma once
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -15,20 +16,33 @@ class FakeShapeEngine : public dm::ShapeEngineInterface {
 public:
     explicit FakeShapeEngine(float lineHeight = 0.025f) : m_lineHeight(lineHeight) {}
 
-    void begin() override {}
-    void setTextSize(float size) override { m_textSize = size; }
-    float getLineHeight() override { return m_textSize == 0.02f ? m_lineHeight : 0.0f; }
-    m::Vector2Template<float> getTextExtent(const char* text) override {
-        return {0.01f * static_cast<float>(std::strlen(text)), getLineHeight()};
+    void begin() override { ++m_calls; }
+    void setTextSize(float size) override {
+        ++m_calls;
+        m_textSize = size;
     }
-    void setColor(const g::Color&) override {}
+    float getLineHeight() override {
+        ++m_calls;
+        return m_textSize == 0.02f ? m_lineHeight : 0.0f;
+    }
+    m::Vector2Template<float> getTextExtent(const char* text) override {
+        ++m_calls;
+        return {0.01f * static_cast<float>(std::strlen(text)), m_lineHeight};
+    }
+    void setColor(const g::Color&) override { ++m_calls; }
     void drawRectangle(const m::Vector2Template<float>&,
-                       const m::Vector2Template<float>&) override {}
-    void drawText(const m::Vector2Template<float>&, const char*) override {}
+                       const m::Vector2Template<float>&) override {
+        ++m_calls;
+    }
+    void drawText(const m::Vector2Template<float>&, const char*) override { ++m_calls; }
+
+    int calls() const { return m_calls.load(); }
+    void resetCalls() { m_calls = 0; }
 
 private:
     float m_lineHeight;
     float m_textSize = 0.0f;
+    std::atomic<int> m_calls{0};
 };
 
 // Line k of the window (0 = newest) as a std::string.

@@ -71,14 +71,8 @@ TEST(WindowConstruction, SurvivesAnEngineWithoutLineHeight) {
     EXPECT_EQ(visibleLine(window, 0), "c\n");
 }
 
-TEST_F(WindowTest, GeometrySettersStoreTheirArguments) {
-    window.setWindowPosition({0.2f, 0.3f});
-    window.setCommandLinePosition({0.25f, 0.9f});
-    window.setCommandLineWidth(0.5f);
+TEST_F(WindowTest, ANewWindowSizeChangesTheTextAreaAndTheLinesOnScreen) {
     window.setWindowSize({0.5f, 0.2625f});
-    EXPECT_EQ(window.getWindowPosition(), (m::Vector2Template<float>{0.2f, 0.3f}));
-    EXPECT_EQ(window.getCommandLinePosition(), (m::Vector2Template<float>{0.25f, 0.9f}));
-    EXPECT_EQ(window.getCommandLineWidth(), 0.5f);
     EXPECT_EQ(window.getTextAreaSize(),
               (m::Vector2Template<float>{0.5f - kScrollBarWidth, 0.2625f}));
     EXPECT_EQ(window.getLinesOnScreen(), 10u);
