@@ -198,7 +198,8 @@ class InputLine;
 
 // The console's text pane: a bounded history of printed lines (1000), a scroll position, the
 // command line under it and the geometry and colours it is drawn with. Printing may come from
-// any thread; every other operation belongs to the thread that updates and draws the console.
+// any thread; scroll, scrollBottom, clear, setWindowSize and dumpToFile take the same lock and
+// may run meanwhile. Everything else belongs to the thread that updates and draws the console.
 // Geometry is in normalised screen units; text counts as monospaced, 0.01 wide per character.
 class DM_API ScrollingTextWindow {
 public:
