@@ -24,7 +24,8 @@ public:
 
     // Present for symmetry with Socket::update; accepting happens in pollConnect.
     void update() {}
-    // Accepts one waiting connection: a new connected socket owned by the caller, or null.
+    // Accepts one waiting connection: a new connected socket owned by the caller (destroy it
+    // with delete or zu::deleteObject), or null.
     Socket* pollConnect();
 
     // Readable when a connection waits to be accepted.

@@ -5,6 +5,8 @@
 // payload; reading starts at 0 on a packet that came from a socket. A read past the payload or
 // a write past kMaxPayload fails: the field is left untouched (reads yield 0 / "") and
 // hasError() turns true, so a malformed packet is detected after the fact without crashing.
+// Raw write() is the exception: it takes what fits and reports the count, which is how bulk
+// data is split over several packets.
 #pragma once
 
 #include <cstdint>
@@ -49,20 +51,32 @@ public:
     Packet& operator>>(const char*& text);
 
     // Writes up to `length` raw bytes; returns how many fit (the rest is left to the caller).
+    // Taking fewer than `length` is not an error.
     uint32_t write(const void* data, uint32_t length);
-    // Reads up to `length` raw bytes into `buffer`; returns how many were there.
+    // Reads up to `length` raw bytes into `buffer`; returns how many were there. Finding fewer
+    // than `length` sets the error flag.
     uint32_t read(void* buffer, uint32_t length);
 
     // Replaces id and payload with received bytes; false (packet emptied) when too large.
     bool assign(int id, const void* payload, uint32_t size);
 
 private:
+    friend class Socket;
+
+    // Points the packet at a received frame's payload without copying it. The bytes belong to
+    // the socket; the first write copies them into the packet's own storage.
+    void view(int id, const uint8_t* payload, uint32_t size);
+    bool isView() const { return m_data != m_storage; }
     bool reserve(uint32_t size);
+    // Checks that `length` more bytes fit at the cursor and makes room for them.
+    bool prepareWrite(uint64_t length);
+    void put(const void* data, uint32_t length);
     bool writeBytes(const void* data, uint32_t length);
     bool readBytes(void* buffer, uint32_t length);
 
-    uint8_t* m_data = nullptr;
-    uint32_t m_capacity = 0;
+    const uint8_t* m_data = nullptr;  // the payload: m_storage, or a socket's buffer (see view)
+    uint8_t* m_storage = nullptr;     // owned, 64-byte aligned, grows geometrically
+    uint32_t m_capacity = 0;          // of m_storage
     uint32_t m_size = 0;
     uint32_t m_pos = 0;
     int m_id = 0;

@@ -1,8 +1,10 @@
 // net::Socket: a non-blocking TCP connection (TCP_NODELAY) that sends and receives whole
 // net::Packets. Nothing here blocks except a sender that runs into kMaxQueuedSend (see
-// sendPacket). Frames are described in docs/packet-format.md.
+// sendPacket) and the name lookup of connect. Frames are described in docs/packet-format.md.
+// A socket is used by one thread at a time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "net/packet.h"
@@ -16,6 +18,8 @@ class ZUL_API Socket {
 public:
     // Bytes a socket queues for sending before sendPacket waits for the peer to take some.
     static constexpr uint32_t kMaxQueuedSend = 16 * 1024 * 1024;
+    // How long sendPacket waits on a peer that takes nothing before it gives the connection up.
+    static constexpr uint32_t kSendStallTimeoutMs = 10000;
 
     Socket();
     // Adopts a connected OS socket (used by Listener).
@@ -24,28 +28,40 @@ public:
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
+    // Sockets live on the runtime's heap, so `new`/`delete` and zu::newObject/zu::deleteObject
+    // may be mixed freely (Listener::pollConnect hands out sockets made with `new`).
+    static void* operator new(size_t size);
+    static void operator delete(void* memory);
+    static void* operator new(size_t, void* place) noexcept { return place; }
+    static void operator delete(void*, void*) noexcept {}
+
     // Starts connecting to host:port (a numeric address or a name). Closes any earlier
     // connection first. True when the connection is made or pending; false when it failed.
     bool connect(const char* host, uint32_t port);
     // Connected and usable. A connection whose peer has gone stays "connected" until the
-    // packets that arrived before the close have been polled, so none is lost.
+    // packets that arrived before the close have been polled, so none is lost; a partial
+    // packet left by the peer is dropped.
     bool isConnected() const;
     // A connect was started and has not finished yet.
-    bool isConnecting() const;
+    bool isConnecting() const { return m_state == State::Connecting; }
     void close();
 
     // Finishes a pending connect, sends what is queued, and reads what has arrived.
     void update();
-    // Queues one packet for sending and tries to send at once. False when not connected, or
-    // when the peer stopped reading for so long that the connection was given up.
+    // Queues one packet for sending and tries to send at once. False when neither connected
+    // nor connecting, or when the peer stopped reading for so long (kSendStallTimeoutMs with
+    // kMaxQueuedSend bytes queued) that the connection was given up.
     bool sendPacket(const Packet& packet);
     // Returns the next whole received packet, or null. The packet belongs to the socket and
-    // stays valid until the next pollPacket, update or close. `outSize` gets its payload size.
+    // stays valid until the next pollPacket, update or close. `outSize` (may be null) gets its
+    // payload size. When no whole packet is buffered it reads the socket once first, so a
+    // loop of pollPacket calls drains the connection without update calls in between.
     Packet* pollPacket(uint32_t* outSize);
     // Queued bytes not yet handed to the OS.
-    bool hasSendsToDo() const { return m_sendEnd > m_sendBegin; }
+    bool hasSendsToDo() const { return m_sendQueued > 0; }
 
-    // Handle to wait on: writability while connecting or with sends queued, else readability.
+    // Handle to wait on: writability while connecting, readability and writability with sends
+    // queued, else readability; kind None when closed.
     zu::WaitHandle getWaitHandle() const;
     // The peer's address ("a.b.c.d"), or "" when not connected.
     zu::InplaceString<128> getConnectedIP() const;
@@ -53,21 +69,34 @@ public:
 private:
     enum class State : uint8_t { Closed, Connecting, Connected, PeerClosed };
 
+    void becomeConnected();
     void finishConnect();
+    void peerClosed();
+
+    bool sendDirect(const uint8_t* header, const Packet& packet);
+    bool waitForSendRoom(uint32_t frameSize);
+    void reserveSendRoom(uint32_t length);
+    void appendToSendQueue(const uint8_t* bytes, uint32_t length);
+    void consumeSendQueue(uint32_t length);
     bool flushSends();
+
     void receive();
-    bool waitWritable(uint32_t timeoutMs);
+    void prepareReceiveRoom();
+    // Size of the whole frame at the front of the receive buffer; 0 when it is not all there
+    // (or its length is invalid, which extractPacket reports).
+    uint32_t wholeFrameSize() const;
     bool extractPacket(uint32_t* outSize);
-    void compactReceiveBuffer();
-    void fail();
 
     zu::NativeHandle m_handle = zu::kInvalidHandle;
     State m_state = State::Closed;
+    uint32_t m_peerAddress = 0;  // IPv4, network byte order
 
+    // A ring: m_sendQueued bytes from m_sendBegin, wrapping at m_sendCapacity. Nothing is ever
+    // moved inside it, however slowly the peer reads.
     uint8_t* m_sendBuffer = nullptr;
     uint32_t m_sendCapacity = 0;
     uint32_t m_sendBegin = 0;
-    uint32_t m_sendEnd = 0;
+    uint32_t m_sendQueued = 0;
 
     uint8_t* m_receiveBuffer = nullptr;  // 64-byte aligned: large loopback reads are faster
     uint32_t m_receiveCapacity = 0;

@@ -1,0 +1,197 @@
+// Helpers of the net tests: connected socket pairs over loopback, raw POSIX peers that speak
+// the frame format byte by byte, and frame building.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "net/listener.h"
+#include "net/socket.h"
+#include "support/test_support.h"
+
+namespace nettest {
+
+using Bytes = std::vector<uint8_t>;
+
+inline void appendLE32(Bytes& bytes, uint32_t value) {
+    for (int shift = 0; shift < 32; shift += 8) {
+        bytes.push_back(static_cast<uint8_t>(value >> shift));
+    }
+}
+
+inline uint32_t loadLE32(const uint8_t* bytes) {
+    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+// One frame as docs/packet-format.md describes it.
+inline Bytes makeFrame(int id, const Bytes& payload) {
+    Bytes frame;
+    appendLE32(frame, static_cast<uint32_t>(payload.size() + 4));
+    appendLE32(frame, static_cast<uint32_t>(id));
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    return frame;
+}
+
+// A frame whose length field says `length`, followed by nothing more than the id.
+inline Bytes makeHeader(uint32_t length, int id) {
+    Bytes header;
+    appendLE32(header, length);
+    appendLE32(header, static_cast<uint32_t>(id));
+    return header;
+}
+
+// A listener on an ephemeral loopback port with one accepted connection.
+struct SocketPair {
+    net::Listener listener{0, "127.0.0.1"};
+    net::Socket client;
+    std::unique_ptr<net::Socket> server;
+
+    SocketPair() {
+        if (!client.connect("127.0.0.1", listener.getPort())) {
+            return;
+        }
+        dmtest::waitUntil([&] {
+            client.update();
+            if (!server) {
+                server.reset(listener.pollConnect());
+            }
+            return server && client.isConnected();
+        });
+    }
+    bool connected() const { return server && server->isConnected() && client.isConnected(); }
+};
+
+// A raw POSIX client connected to a Socket that a Listener accepted.
+struct RawPeer {
+    net::Listener listener{0, "127.0.0.1"};
+    int fd = -1;
+    std::unique_ptr<net::Socket> server;
+
+    RawPeer();
+    ~RawPeer() { closeRaw(); }
+    RawPeer(const RawPeer&) = delete;
+    RawPeer& operator=(const RawPeer&) = delete;
+
+    bool connected() const { return fd >= 0 && server && server->isConnected(); }
+    void closeRaw() {
+        if (fd >= 0) {
+            close(fd);
+            fd = -1;
+        }
+    }
+};
+
+// Polls `socket` until a packet arrives (updating `peer` meanwhile so its sends go out).
+inline net::Packet* waitForPacket(net::Socket& socket, uint32_t* outSize = nullptr,
+                                  net::Socket* peer = nullptr) {
+    net::Packet* packet = nullptr;
+    dmtest::waitUntil([&] {
+        if (peer) {
+            peer->update();
+        }
+        packet = socket.pollPacket(outSize);
+        return packet != nullptr;
+    });
+    return packet;
+}
+
+// A blocking POSIX socket connected to 127.0.0.1:port, or -1.
+inline int rawConnect(uint32_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    return fd;
+}
+
+inline bool rawSendAll(int fd, const uint8_t* bytes, size_t length) {
+    while (length > 0) {
+        ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return false;
+        }
+        bytes += sent;
+        length -= static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+inline bool rawSendAll(int fd, const Bytes& bytes) {
+    return rawSendAll(fd, bytes.data(), bytes.size());
+}
+
+inline RawPeer::RawPeer() {
+    fd = rawConnect(listener.getPort());
+    if (fd < 0) {
+        return;
+    }
+    dmtest::waitUntil([&] {
+        server.reset(listener.pollConnect());
+        return server != nullptr;
+    });
+}
+
+// A plain POSIX listener on an ephemeral loopback port, for tests where a Socket connects to a
+// raw peer. Returns its descriptor, or -1.
+inline int rawListen(uint32_t* port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(fd, 4) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length)) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+// Shrinks the OS buffers of a socket so that a few large packets overfill them.
+inline void shrinkSocketBuffers(zu::NativeHandle handle, int bytes) {
+    int fd = static_cast<int>(handle);
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+}
+
+// True when `fd` becomes readable within `timeoutMs`.
+inline bool waitReadable(int fd, int timeoutMs) {
+    pollfd entry{fd, POLLIN, 0};
+    return poll(&entry, 1, timeoutMs) == 1;
+}
+
+// Virtual size of this process: a bogus huge allocation would show up here even untouched.
+inline size_t virtualMemoryBytes() {
+    size_t pages = 0;
+    if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%zu", &pages) != 1) {
+            pages = 0;
+        }
+        std::fclose(statm);
+    }
+    return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace nettest

@@ -1,0 +1,175 @@
+// Sockets facing peers that fail: no listener, closes and resets mid-frame, killed processes,
+// and frames that are not ours.
+#include <gtest/gtest.h>
+
+#include "net/listener.h"
+#include "net/socket.h"
+#include "net_test_util.h"
+
+namespace {
+
+using net::Packet;
+using net::Socket;
+using nettest::Bytes;
+using nettest::RawPeer;
+
+Bytes uint32Payload(uint32_t value) {
+    Bytes payload;
+    nettest::appendLE32(payload, value);
+    return payload;
+}
+
+// Two whole frames (ids 1 and 2) and the first bytes of a third.
+Bytes wholeFramesAndAHalf() {
+    Bytes stream = nettest::makeFrame(1, uint32Payload(11));
+    Bytes second = nettest::makeFrame(2, uint32Payload(22));
+    Bytes third = nettest::makeFrame(3, Bytes(64, 0x33));
+    stream.insert(stream.end(), second.begin(), second.end());
+    stream.insert(stream.end(), third.begin(), third.begin() + 20);
+    return stream;
+}
+
+// Polls until the socket reports the connection gone; returns the ids of the packets seen.
+std::vector<int> drainUntilDisconnected(Socket& socket) {
+    std::vector<int> ids;
+    dmtest::waitUntil([&] {
+        socket.update();
+        while (Packet* packet = socket.pollPacket(nullptr)) {
+            ids.push_back(packet->getID());
+        }
+        return !socket.isConnected();
+    });
+    return ids;
+}
+
+void expectClosed(const Socket& socket) {
+    EXPECT_FALSE(socket.isConnected());
+    EXPECT_FALSE(socket.isConnecting());
+    EXPECT_EQ(socket.getWaitHandle().kind, zu::WaitHandle::None);
+    EXPECT_EQ(socket.getConnectedIP(), "");
+}
+
+TEST(SocketFailure, ConnectToAPortWithoutListenerEndsNeitherConnectedNorConnecting) {
+    uint32_t port = 0;
+    {
+        net::Listener probe(0, "127.0.0.1");
+        port = probe.getPort();
+    }
+    Socket socket;
+    if (socket.connect("127.0.0.1", port)) {
+        if (socket.isConnecting()) {
+            EXPECT_EQ(socket.getWaitHandle().kind, zu::WaitHandle::SocketWrite);
+        }
+        EXPECT_TRUE(dmtest::waitUntil([&] {
+            socket.update();
+            return !socket.isConnecting();
+        }));
+    }
+    expectClosed(socket);
+    EXPECT_FALSE(socket.sendPacket(Packet(1)));
+    EXPECT_EQ(socket.pollPacket(nullptr), nullptr);
+
+    // The same object connects fine once somebody listens.
+    net::Listener listener(0, "127.0.0.1");
+    ASSERT_TRUE(socket.connect("127.0.0.1", listener.getPort()));
+    EXPECT_TRUE(dmtest::waitUntil([&] {
+        socket.update();
+        return socket.isConnected();
+    }));
+    EXPECT_FALSE(socket.connect("", listener.getPort()));
+    expectClosed(socket);
+}
+
+TEST(SocketFailure, PeerClosingMidFrameLeavesItsWholeFramesAndDropsTheRest) {
+    RawPeer peer;
+    ASSERT_TRUE(peer.connected());
+    ASSERT_TRUE(nettest::rawSendAll(peer.fd, wholeFramesAndAHalf()));
+    peer.closeRaw();
+
+    EXPECT_EQ(drainUntilDisconnected(*peer.server), (std::vector<int>{1, 2}));
+    expectClosed(*peer.server);
+    EXPECT_FALSE(peer.server->sendPacket(Packet(1)));
+}
+
+TEST(SocketFailure, PeerResettingKeepsTheFramesAlreadyReceived) {
+    RawPeer peer;
+    ASSERT_TRUE(peer.connected());
+    ASSERT_TRUE(nettest::rawSendAll(peer.fd, wholeFramesAndAHalf()));
+    // Take the bytes in before the reset, and keep the frames unpolled.
+    zu::WaitHandle handle = peer.server->getWaitHandle();
+    ASSERT_EQ(zu::waitForAny(&handle, 1, 5000), 0);
+    peer.server->update();
+    linger hardClose{1, 0};
+    setsockopt(peer.fd, SOL_SOCKET, SO_LINGER, &hardClose, sizeof(hardClose));
+    peer.closeRaw();
+
+    EXPECT_EQ(drainUntilDisconnected(*peer.server), (std::vector<int>{1, 2}));
+    expectClosed(*peer.server);
+}
+
+TEST(SocketFailure, PeerKilledMidFrameEndsTheConnection) {
+    net::Listener listener(0, "127.0.0.1");
+    dmtest::ChildProcess child("net_half_frame_peer", {std::to_string(listener.getPort())});
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(child.waitForOutput("sent"));
+    std::unique_ptr<Socket> server;
+    ASSERT_TRUE(dmtest::waitUntil([&] {
+        server.reset(listener.pollConnect());
+        return server != nullptr;
+    }));
+    uint32_t size = 0;
+    Packet* packet = nettest::waitForPacket(*server, &size);
+    ASSERT_NE(packet, nullptr);
+    EXPECT_EQ(packet->getID(), 7);
+    EXPECT_EQ(size, 4u);
+
+    child.kill();
+    EXPECT_TRUE(drainUntilDisconnected(*server).empty());
+    expectClosed(*server);
+}
+
+TEST(SocketFailure, SendingToAVanishedPeerFailsWithoutASignal) {
+    RawPeer peer;
+    ASSERT_TRUE(peer.connected());
+    linger hardClose{1, 0};
+    setsockopt(peer.fd, SOL_SOCKET, SO_LINGER, &hardClose, sizeof(hardClose));
+    peer.closeRaw();
+
+    Packet packet(5);
+    std::vector<uint8_t> bytes(1000, 1);
+    packet.write(bytes.data(), 1000);
+    // The first sends may still be taken by the OS; a broken pipe must end in false, not
+    // SIGPIPE.
+    EXPECT_TRUE(dmtest::waitUntil([&] { return !peer.server->sendPacket(packet); }));
+    EXPECT_TRUE(dmtest::waitUntil([&] {
+        peer.server->update();
+        return !peer.server->isConnected();
+    }));
+}
+
+TEST(SocketFailure, FrameLengthsOutsideTheLimitsCloseTheConnectionWithoutAllocating) {
+    struct Case {
+        const char* name;
+        uint32_t length;
+    };
+    for (const Case& testCase : {Case{"beyond the maximum", 0xFFFFFFF0u},
+                                 Case{"just beyond the maximum", Packet::kMaxPayload + 5},
+                                 Case{"shorter than the id", 3}}) {
+        SCOPED_TRACE(testCase.name);
+        RawPeer peer;
+        ASSERT_TRUE(peer.connected());
+        size_t memoryBefore = nettest::virtualMemoryBytes();
+        Bytes stream = nettest::makeFrame(1, uint32Payload(11));
+        Bytes bogus = nettest::makeHeader(testCase.length, 2);
+        stream.insert(stream.end(), bogus.begin(), bogus.end());
+        stream.insert(stream.end(), 4096, 0x77);
+        ASSERT_TRUE(nettest::rawSendAll(peer.fd, stream));
+
+        // The frame before the bad one still arrives; then the connection is given up.
+        EXPECT_EQ(drainUntilDisconnected(*peer.server), std::vector<int>{1});
+        expectClosed(*peer.server);
+        EXPECT_LT(nettest::virtualMemoryBytes(), memoryBefore + 64 * 1024 * 1024);
+    }
+}
+
+}  // namespace
