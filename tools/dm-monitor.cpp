@@ -26,14 +26,12 @@
 
 namespace {
 
-// Packets from the game.
-constexpr int kTextPacketId = 1;
-constexpr int kInPlacePacketId = 2;
-constexpr int kProfilePacketId = 3;
-// Packets to the game.
-constexpr int kRequestPacketId = 4;
-constexpr int kKeepAlivePacketId = 100;
-constexpr int kDataPacketId = 101;
+constexpr int kTextPacketId = dm::monitor_packet::kText;
+constexpr int kInPlacePacketId = dm::monitor_packet::kInPlace;
+constexpr int kProfilePacketId = dm::monitor_packet::kProfile;
+constexpr int kRequestPacketId = dm::monitor_packet::kRequest;
+constexpr int kKeepAlivePacketId = dm::monitor_packet::kKeepAlive;
+constexpr int kDataPacketId = dm::monitor_packet::kData;
 
 constexpr int kExitDone = 0;
 constexpr int kExitNoConnection = 1;

@@ -18,13 +18,11 @@ namespace dm {
 
 namespace {
 
-// Sent to monitors.
-constexpr int kTextPacketId = 1;
-constexpr int kInPlacePacketId = 2;
-constexpr int kProfilePacketId = 3;
-// Received from monitors.
-constexpr int kRequestPacketId = 4;
-constexpr int kDataPacketId = 101;
+constexpr int kTextPacketId = monitor_packet::kText;
+constexpr int kInPlacePacketId = monitor_packet::kInPlace;
+constexpr int kProfilePacketId = monitor_packet::kProfile;
+constexpr int kRequestPacketId = monitor_packet::kRequest;
+constexpr int kDataPacketId = monitor_packet::kData;
 
 constexpr int kRequestCount = 3;
 // pollPacket reads the socket again whenever its buffer runs dry, so a monitor that never

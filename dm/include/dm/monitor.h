@@ -23,6 +23,16 @@ class Packet;
 
 namespace dm {
 
+// Packet ids of the monitor protocol (docs/monitor-protocol.md), shared with monitor tools.
+namespace monitor_packet {
+constexpr int kText = 1;         // to monitors: int channel, string text
+constexpr int kInPlace = 2;      // to monitors: int group, string name, string text
+constexpr int kProfile = 3;      // to monitors: thread-profiler snapshot
+constexpr int kRequest = 4;      // from monitors: int request (0, 1 or 2)
+constexpr int kKeepAlive = 100;  // from monitors: no fields, ignored
+constexpr int kData = 101;       // from monitors: string data
+}  // namespace monitor_packet
+
 // Receiver of the data packets (id 101) that monitors send.
 class DM_API DataParserCallback {
 public:
