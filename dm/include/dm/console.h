@@ -1,6 +1,354 @@
-// dm console interface.
+// dm console interface: the drawing interface the console draws through, the console
+// tokenizer and the console's text window.
 #pragma once
 
-#include "dm/export.h"
+#include <cstdint>
+#include <map>
+#include <utility>
 
-namespace dm {}  // namespace dm
+#include "dm/export.h"
+#include "zu/exception.h"
+#include "zu/memory.h"
+#include "zu/mutex.h"
+#include "zu/string.h"
+#include "zu/vector.h"
+
+namespace g {
+
+// An RGBA colour, one byte per channel.
+struct Color {
+    // Opaque black.
+    constexpr Color() = default;
+    // The given channels; alpha 255 is opaque.
+    constexpr Color(uint8_t r, uint8_t g, uint8_t b, uint8_t a = 255)
+        : red(r), green(g), blue(b), alpha(a) {}
+
+    // Opaque white and opaque black.
+    static const Color White;
+    static const Color Black;
+
+    uint8_t red = 0;
+    uint8_t green = 0;
+    uint8_t blue = 0;
+    uint8_t alpha = 255;
+};
+
+inline constexpr Color Color::White{255, 255, 255, 255};
+inline constexpr Color Color::Black{0, 0, 0, 255};
+
+// Channel-wise equality.
+constexpr bool operator==(const Color& a, const Color& b) {
+    return a.red == b.red && a.green == b.green && a.blue == b.blue && a.alpha == b.alpha;
+}
+constexpr bool operator!=(const Color& a, const Color& b) {
+    return !(a == b);
+}
+
+static_assert(sizeof(Color) == 4, "a colour is four bytes");
+
+}  // namespace g
+
+namespace m {
+
+// A pair of coordinates. Console geometry uses Vector2Template<float> in normalised screen
+// units: the whole screen is 1.0 wide and 1.0 high, (0, 0) is its top-left corner.
+template <typename T>
+struct Vector2Template {
+    // (0, 0).
+    constexpr Vector2Template() = default;
+    constexpr Vector2Template(T xValue, T yValue) : x(xValue), y(yValue) {}
+
+    T x = T();
+    T y = T();
+};
+
+// Component-wise equality (exact, also for floats).
+template <typename T>
+constexpr bool operator==(const Vector2Template<T>& a, const Vector2Template<T>& b) {
+    return a.x == b.x && a.y == b.y;
+}
+template <typename T>
+constexpr bool operator!=(const Vector2Template<T>& a, const Vector2Template<T>& b) {
+    return !(a == b);
+}
+
+}  // namespace m
+
+namespace dm {
+
+// The game's 2D drawing interface, implemented by the engine. The console relies only on these
+// first seven operations, in this order, with these arguments and results; positions and sizes
+// are in normalised screen units.
+class DM_API ShapeEngineInterface {
+public:
+    // Called once at the start of each console frame.
+    virtual void begin() = 0;
+    // Text size for what is measured and drawn next; the console always uses 0.02.
+    virtual void setTextSize(float size) = 0;
+    // Height of one line of text at the current text size.
+    virtual float getLineHeight() = 0;
+    // Width (x) and height (y) of `text` at the current text size.
+    virtual m::Vector2Template<float> getTextExtent(const char* text) = 0;
+    // Colour of what is drawn next.
+    virtual void setColor(const g::Color& color) = 0;
+    // A filled rectangle whose top-left corner is at `position`.
+    virtual void drawRectangle(const m::Vector2Template<float>& position,
+                               const m::Vector2Template<float>& size) = 0;
+    // `text` with its top-left corner at `position`.
+    virtual void drawText(const m::Vector2Template<float>& position, const char* text) = 0;
+
+    // Declared after the seven operations so that their slots come first.
+    virtual ~ShapeEngineInterface();
+};
+
+// A console word: the exact characters of one token of a text.
+using ConsoleWord = zu::InplaceString<256>;
+// A list of console words, in the order of the text.
+using ConsoleWordList = zu::Vector<ConsoleWord, zu::HeapAllocator>;
+
+// Appends the words of `text` to `words` (which is not emptied first): runs of white space,
+// quoted strings, numbers that stand before white space or the end, runs of identifier
+// characters, and single other bytes. Every byte lands in exactly one word, so joining the
+// words gives `text` back. Bytes are Latin-1: white space is 0, 9, 10, 11, 13 and 32 (form feed
+// is not), letters are A-Z, a-z, '_' and the bytes 0xC4, 0xC5, 0xD6, 0xE4, 0xE5 and 0xF6.
+DM_API void tokenizeLine(ConsoleWordList& words, const zu::String& text);
+
+// The scanners below return the length of their match at `position` in `text`, or -1 when
+// nothing matches there (also for a position outside the text).
+
+// A run of white-space bytes.
+DM_API int scanWhitespace(const zu::String& text, int position);
+// A run of letters and digits '0'-'9'.
+DM_API int scanIdentifier(const zu::String& text, int position);
+// An optional '+' or '-' and decimal digits (a sign needs a digit behind it), followed by white
+// space or the end of the text; "12;" is not an integer.
+DM_API int scanInteger(const zu::String& text, int position);
+// An optional sign and a run of '0'-'9', '.', 'e', 'E', 'f', 'F' in any order, with the same
+// sign and terminator rules as scanInteger; a lone "." is a float.
+DM_API int scanFloat(const zu::String& text, int position);
+// "0x" or "0X" and a run of '0'-'9', 'a'-'f', 'x', 'X' (upper-case A-F are not hex digits
+// here), followed by white space or the end. Texts shorter than three bytes in total never
+// match; "0x" right at the end of a longer text matches with length 2.
+DM_API int scanHex(const zu::String& text, int position);
+// A double quote and everything up to and including the next double quote; -1 when the quote
+// is not closed.
+DM_API int scanQuoted(const zu::String& text, int position);
+
+// Errors of the console's text window; the text reads "ScrollingTextWindow: <what>".
+ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException, zu::Exception);
+
+// A bounded store of lines, newest last: up to `maxLines` slots that become a ring once they
+// are all used. `lineCounter` counts every line added since the last clear. Line k (0 is the
+// newest) lives in slot lineCounter - k - 1 while the store is filling and in slot
+// (lineCounter - k - 1 + maxLines) mod maxLines once it is full.
+template <typename Line>
+struct BoundedLineStore {
+    zu::Vector<Line, zu::HeapAllocator> lines;  // the slots
+    uint32_t maxLines = 0;
+    uint32_t lineCounter = 0;
+
+    // Number of stored lines (at most maxLines in normal use).
+    uint64_t count() const { return lines.size(); }
+
+    // Stores a copy of `line`, overwriting the oldest once the store is full. The slots grow
+    // as a zu::Vector does but never beyond maxLines, so a full store allocates nothing more.
+    // With a limit of 0 nothing is stored.
+    void add(const zu::String& line) {
+        if (maxLines == 0) {
+            return;
+        }
+        if (lines.size() >= maxLines) {
+            lines[(lineCounter + maxLines) % maxLines] = line;
+        } else {
+            if (lines.size() == lines.capacity()) {
+                size_t grown = lines.grownCapacity(lines.capacity());
+                lines.reserve(grown < maxLines ? grown : maxLines);
+            }
+            lines.emplace_back(line);
+        }
+        ++lineCounter;
+    }
+
+    // Line k counted from the newest (k = 0). A k at or beyond count(), or a slot that the
+    // counters place outside the stored lines, gives an empty line rather than a stray read.
+    const Line& line(uint64_t k) const {
+        const uint64_t stored = lines.size();
+        if (k >= stored) {
+            return emptyLine();
+        }
+        const uint32_t fromNewest = lineCounter - static_cast<uint32_t>(k) - 1;
+        const uint32_t slot =
+            (maxLines != 0 && stored >= maxLines) ? (fromNewest + maxLines) % maxLines : fromNewest;
+        return slot < stored ? lines[slot] : emptyLine();
+    }
+
+    // Forgets every line and restarts the counter; the slots' memory is kept.
+    void clear() {
+        lines.clear();
+        lineCounter = 0;
+    }
+
+    static const Line& emptyLine() {
+        static const Line empty;
+        return empty;
+    }
+};
+
+class InputLine;
+
+// The console's text pane: a bounded history of printed lines (1000), a scroll position, the
+// command line under it and the geometry and colours it is drawn with. Printing may come from
+// any thread; scroll, scrollBottom, clear, setWindowSize and dumpToFile take the same lock and
+// may run meanwhile. Everything else belongs to the thread that updates and draws the console.
+// Geometry is in normalised screen units; text counts as monospaced, 0.01 wide per character.
+class DM_API ScrollingTextWindow {
+public:
+    // One token of a line with the colour it is drawn in.
+    struct FormattedRun {
+        g::Color color;
+        zu::InplaceString<256> text;
+    };
+    // The coloured form of one line: its runs in text order.
+    struct FormattedLine {
+        zu::Vector<FormattedRun, zu::HeapAllocator> runs;
+    };
+    // One FormattedLine per line on screen, used as a ring from `position`.
+    struct FormattedLineRing {
+        zu::Vector<FormattedLine, zu::HeapAllocator> lines;
+        int32_t position = 0;
+    };
+    using ConsoleLine = zu::InplaceString<384>;
+    using KnownWordMap = std::map<zu::InplaceString<256>, bool, std::less<zu::InplaceString<256>>,
+                                  zu::Allocator<std::pair<const zu::InplaceString<256>, bool>>>;
+    using AliasMap =
+        std::map<zu::InplaceString<256>, zu::InplaceString<256>, std::less<zu::InplaceString<256>>,
+                 zu::Allocator<std::pair<const zu::InplaceString<256>, zu::InplaceString<256>>>>;
+
+    // Builds a hidden window that fills the screen but for `margin` on every side and one text
+    // line for the command line at the bottom. `shapeEngine` is not owned and must outlive the
+    // window; a null engine throws ScrollingTextWindowException.
+    ScrollingTextWindow(ShapeEngineInterface* shapeEngine, float margin);
+    virtual ~ScrollingTextWindow();
+    ScrollingTextWindow(const ScrollingTextWindow&) = delete;
+    ScrollingTextWindow& operator=(const ScrollingTextWindow&) = delete;
+
+    // Formats with printf rules into 4096 bytes and prints the result without prefix. A result
+    // that does not fit is dropped whole (nothing is printed), not cut.
+    virtual void print(const char* format, ...) DM_PRINTF(2, 3);
+    // printStringWithPrefix(false, text).
+    virtual void printString(const char* text);
+    // As print, with the prompt as prefix when `withPrefix`.
+    virtual void printWithPrefix(bool withPrefix, const char* format, ...) DM_PRINTF(3, 4);
+    // Adds every line of `text` that a line feed ends, behind the prompt (`withPrefix`) or the
+    // line prefix, wrapped into rows that fit the text area; continuation rows carry the same
+    // prefix. Text after the last line feed waits and is printed in front of what the next call
+    // brings. Thread-safe. A scrolled-up view stays on the text it shows.
+    virtual void printStringWithPrefix(bool withPrefix, const char* text);
+    // Writes nothing: the stored text is assembled and dropped, `fileName` is ignored and no
+    // file is created.
+    virtual void dumpToFile(const char* fileName);
+
+    // Window size; rebuilds the colouring cache for the new number of lines on screen and sets
+    // the text area to the size less the scroll bar's width.
+    void setWindowSize(const m::Vector2Template<float>& size);
+    // The setters below only store their argument.
+    void setWindowPosition(const m::Vector2Template<float>& position) { windowPosition = position; }
+    void setCommandLinePosition(const m::Vector2Template<float>& position) {
+        commandLinePosition = position;
+    }
+    void setCommandLineWidth(float width) { commandLineWidth = width; }
+    void setVisibility(bool isVisible) { visible = isVisible; }
+
+    const m::Vector2Template<float>& getWindowSize() const { return windowSize; }
+    const m::Vector2Template<float>& getWindowPosition() const { return windowPosition; }
+    const m::Vector2Template<float>& getCommandLinePosition() const { return commandLinePosition; }
+    const m::Vector2Template<float>& getTextAreaSize() const { return textAreaSize; }
+    float getCommandLineWidth() const { return commandLineWidth; }
+
+    // Moves the view by `lines` (positive is up, towards older lines), kept between the newest
+    // line (0) and getUpmostShownConsoleLine(); returns how far it really moved.
+    int scroll(int lines);
+    // Moves the view back to the newest line.
+    void scrollBottom();
+
+    // Forgets every stored line and any waiting unterminated text; the scroll position stays.
+    void clear();
+
+    // Line access, for the thread that draws; printing threads change the lines meanwhile.
+
+    // Number of stored lines (at most 1000).
+    uint64_t getConsoleLineCount() const { return consoleLines.count(); }
+    // Line k counted from the newest (0), with its line feed; "" beyond the stored lines.
+    const ConsoleLine& getConsoleLine(uint64_t k) const { return consoleLines.line(k); }
+    // Line k counted from the bottom of the view.
+    const ConsoleLine& getVisibleLine(uint64_t k) const {
+        return getConsoleLine(static_cast<uint64_t>(scrollOffset) + k);
+    }
+    // Whole text lines that fit the window's height at text size 0.02 (which it sets).
+    uint32_t getLinesOnScreen() const;
+    // The largest useful scroll position: stored lines less lines on screen, at least 0.
+    uint32_t getUpmostShownConsoleLine() const;
+    // 0.01 per character.
+    float getStringWidth(const zu::String& text) const;
+    // How many leading characters of `text` fit in `width`: the count stops before the
+    // character at which the running width reaches `width`.
+    int32_t getCharacterFitCount(const zu::String& text, float width) const;
+
+    // The command side (the command line's editing and text, the history and the console cache,
+    // aliases, known words and completion) and the drawing side (colouring, rendering) join
+    // here.
+
+private:
+    void initializeMembers();
+    void addConsoleLine(const zu::String& line);
+    // Adds `line` (without its line feed) as wrapped rows; returns the number of rows added.
+    uint32_t addWrappedLine(const zu::String& prefix, const zu::String& line, bool withPrefix);
+    void breakWideTokens(float room);
+    uint32_t layOutRows(const zu::String& prefix, bool withPrefix);
+    void addRow(const zu::String& prefix, size_t firstToken, size_t endToken, bool withPrefix);
+    void keepViewAfterPrinting(uint32_t addedLines);
+    void moveViewLine(int64_t lines);
+    void emptyFormattedLines();
+
+    ShapeEngineInterface* shapeEngine = nullptr;
+    BoundedLineStore<ConsoleLine> consoleLines;
+    int32_t scrollOffset = 0;
+    BoundedLineStore<zu::InplaceString<256>> commandStack;
+    int32_t commandStackIndex = -1;
+    InputLine* inputLine = nullptr;
+    int32_t commandLineScroll = 0;
+    ConsoleLine pendingLine;
+    int32_t lastKey = -1;
+    int32_t keyRepeatCount = 0;
+    zu::InplaceString<128> prompt;
+    zu::InplaceString<128> cursorText;
+    zu::InplaceString<128> linePrefix;
+    KnownWordMap knownWords;
+    KnownWordMap::iterator completionIterator = knownWords.end();
+    zu::InplaceString<256> completionPrefix;
+    zu::InplaceString<128> completionHead;
+    AliasMap aliases;
+    g::Color colors[6];
+    bool visible = false;
+    FormattedLineRing formattedLines;
+    int32_t viewLine = 0;
+    int32_t cachedViewLine = 0;
+    m::Vector2Template<float> windowPosition;
+    m::Vector2Template<float> windowSize{1.0f, 1.0f};
+    m::Vector2Template<float> commandLinePosition;
+    m::Vector2Template<float> textAreaSize{1.0f, 1.0f};
+    float commandLineWidth = 1.0f;
+    float scrollBarWidth = 0.003125f;
+    float scrollBarMinLength = 0.025f;
+    zu::Mutex mutex;
+    bool cacheDirty = false;
+
+    // Printing's work buffers, reused by every call under `mutex` so that printing allocates
+    // nothing once they have grown; one set per window, so windows never share them.
+    zu::InplaceString<1024> printBuffer;
+    zu::InplaceString<1024> printLine;
+    ConsoleLine printRow;
+    ConsoleWordList printTokens;
+};
+
+}  // namespace dm

@@ -3,7 +3,9 @@
 //   int, unsigned int: 4 bytes, little-endian;
 //   text: its byte length as 4 bytes, then the bytes, no terminator.
 // Reading past the end, or a text longer than what is left of the file or than
-// kMaxTextLength, throws FileException_ReadFailed; nothing is allocated for a bad length.
+// kMaxTextLength, throws FileException_ReadFailed; nothing is allocated for a bad length, and the
+// target of a failed read keeps its value. A text read with a 0 byte inside is malformed and
+// throws too.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +25,8 @@ public:
     FileStream(const FileStream&) = delete;
     FileStream& operator=(const FileStream&) = delete;
 
-    // Writes throw FileException_WriteFailed when the file takes fewer bytes than given.
+    // Writes throw FileException_WriteFailed when the file takes fewer bytes than given, and for
+    // a text longer than kMaxTextLength (it could not be read back). A null text writes as "".
     FileStream& operator<<(int value);
     FileStream& operator<<(unsigned int value);
     FileStream& operator<<(const String& text);

@@ -2,8 +2,10 @@
 //
 // Paths use '/' or '\\' as separators. Find patterns are a folder and a file pattern with '*'
 // and '?' wildcards ("data/levels/*.lvl"); find results are bare names, without "." and "..".
-// File times are 64-bit counts of 100-nanosecond intervals since 1601-01-01 UTC, so tools on
-// Windows read them as FILETIME values.
+// Name matching is case-sensitive on POSIX; the pattern "*.*" matches every name, as it does on
+// Windows. File times are 64-bit counts of 100-nanosecond intervals since 1601-01-01 UTC, so
+// tools on Windows read them as FILETIME values. Operations report failure with false, null
+// or 0; they do not throw.
 #pragma once
 
 #include <cstdint>
@@ -107,12 +109,19 @@ public:
 
     // Lists the files below `path` whose names match `filter` ("*" when null), taking those that
     // `accept` takes (all when it is empty), down into subfolders when `recursive`. `out` is
-    // emptied first and receives full paths. Goes through findFilesInternal.
+    // emptied first and receives full paths: `path`, a '/' unless `path` is empty or already
+    // ends in a separator, then the path below it. Folders themselves are not listed. Goes
+    // through findFilesInternal.
     void listFiles(FilePathList& out, const char* path, const char* filter,
                    FileAcceptDelegate& accept, bool recursive);
 
+    // How many folder levels below its start a recursive listing goes at most.
+    static constexpr int kMaxFindDepth = 64;
+
 protected:
-    // The walk of listFiles over this object's own find calls.
+    // The walk of listFiles over this object's own find calls; appends to `out`. Each folder is
+    // read once with the pattern "*"; names are matched against `filter` here. The walk stops
+    // at kMaxFindDepth levels below `path`, so a folder that links to its parent ends.
     void findFiles(FilePathList& out, const char* path, const char* filter,
                    FileAcceptDelegate& accept, bool recursive);
 
@@ -121,6 +130,10 @@ private:
     virtual void findFilesInternal(FilePathList& out, const char* path, const char* filter,
                                    FileAcceptDelegate& accept, bool recursive);
 };
+
+// True when `name` matches `pattern`: '*' stands for any run of characters, '?' for exactly
+// one, everything else for itself (case-sensitive). "*.*" matches every name.
+ZUL_API bool matchesWildcard(const char* name, const char* pattern);
 
 // The file system of this machine.
 ZUL_API FileSystem& getLocalFileSystem();

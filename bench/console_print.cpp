@@ -1,0 +1,185 @@
+// Printing into the console's text window: lines per second through printString, with and
+// without wrapping, and what printing allocates once the 1000-line ring is full.
+//
+// Allocations are counted by replacing the runtime's allocator (zu::allocateMemory and
+// zu::deleteMemory, which dm and zul use for all their memory) and operator new/delete in this
+// program: the executable's definitions take precedence over the shared libraries' own.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "dm/console.h"
+#include "zu/memory.h"
+
+namespace {
+
+std::atomic<uint64_t> g_allocations{0};
+std::atomic<uint64_t> g_allocatedBytes{0};
+
+void countAllocation(size_t size) {
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    g_allocatedBytes.fetch_add(size, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+namespace zu {
+
+void* allocateMemory(size_t size, size_t alignment) {
+    countAllocation(size);
+    if (alignment < kDefaultAlignment) {
+        alignment = kDefaultAlignment;
+    }
+    void* memory = nullptr;
+    if (posix_memalign(&memory, alignment, size == 0 ? 1 : size) != 0) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void deleteMemory(void* memory) {
+    std::free(memory);
+}
+
+}  // namespace zu
+
+// GCC takes the replaced pair for a mismatch once it inlines both into one function.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+void* operator new(size_t size) {
+    countAllocation(size);
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+// Measures like a monospaced font with a line height of 0.025 at the console's text size.
+class MeasuringShapeEngine : public dm::ShapeEngineInterface {
+public:
+    void begin() override {}
+    void setTextSize(float size) override { m_textSize = size; }
+    float getLineHeight() override { return m_textSize * 1.25f; }
+    m::Vector2Template<float> getTextExtent(const char* text) override {
+        return {0.01f * static_cast<float>(std::strlen(text)), getLineHeight()};
+    }
+    void setColor(const g::Color&) override {}
+    void drawRectangle(const m::Vector2Template<float>&,
+                       const m::Vector2Template<float>&) override {}
+    void drawText(const m::Vector2Template<float>&, const char*) override {}
+
+private:
+    float m_textSize = 0.0f;
+};
+
+constexpr size_t kLineLength = 80;
+constexpr float kScrollBarWidth = 0.003125f;
+
+// 64 different 80-character lines of log-like text: words, numbers, a quoted string,
+// punctuation; each ends with a line feed.
+std::vector<std::string> makeLines() {
+    std::vector<std::string> lines;
+    for (int i = 0; i < 64; ++i) {
+        char text[256];
+        std::snprintf(text, sizeof text,
+                      "frame %06d pos %.2f %.2f -3.25 hp %d ammo %d state \"idle\" tag=alpha;",
+                      i * 37, i * 1.5, i * -0.25, 100 - i, 32 + i);
+        std::string line(text);
+        while (line.size() < kLineLength) {
+            line += " pad";
+        }
+        line.resize(kLineLength);
+        lines.push_back(line + "\n");
+    }
+    return lines;
+}
+
+// Prints through a window whose text area is `textAreaWidth` wide, after filling its ring.
+void printLines(benchmark::State& state, float textAreaWidth) {
+    MeasuringShapeEngine engine;
+    dm::ScrollingTextWindow window(&engine, 0.0f);
+    window.setWindowSize({textAreaWidth + kScrollBarWidth, 0.9f});
+    const std::vector<std::string> lines = makeLines();
+
+    window.printString(lines[0].c_str());
+    const double rowsPerLine = static_cast<double>(window.getConsoleLineCount());
+    for (size_t i = 0; i < 1000; ++i) {
+        window.printString(lines[i % lines.size()].c_str());
+    }
+    if (window.getConsoleLineCount() != 1000) {
+        state.SkipWithError("the ring did not fill up");
+        return;
+    }
+
+    const uint64_t allocationsBefore = g_allocations.load();
+    const uint64_t bytesBefore = g_allocatedBytes.load();
+    size_t next = 0;
+    for (auto _ : state) {
+        window.printString(lines[next].c_str());
+        next = (next + 1) % lines.size();
+    }
+    // Read the counts before the counters below allocate their own entries.
+    const uint64_t allocations = g_allocations.load() - allocationsBefore;
+    const uint64_t bytes = g_allocatedBytes.load() - bytesBefore;
+    const double printed = static_cast<double>(state.iterations());
+    state.SetItemsProcessed(state.iterations());
+    state.counters["rows_per_line"] = rowsPerLine;
+    state.counters["bytes_per_line"] = static_cast<double>(bytes) / printed;
+    state.counters["allocations_per_line"] = static_cast<double>(allocations) / printed;
+}
+
+// 80-character lines in a 0.5-wide area: every line wraps into two rows.
+void BM_PrintStringWrapped(benchmark::State& state) {
+    printLines(state, 0.5f);
+}
+BENCHMARK(BM_PrintStringWrapped);
+
+// The same lines in a full-width area, one row each, for comparison.
+void BM_PrintStringUnwrapped(benchmark::State& state) {
+    printLines(state, 0.996875f);
+}
+BENCHMARK(BM_PrintStringUnwrapped);
+
+// Makes sure the replaced allocator really sees the libraries' allocations, so that a count
+// of 0 means that nothing was allocated rather than that nothing was counted.
+bool allocationsAreCounted() {
+    const uint64_t atStart = g_allocations.load();
+    MeasuringShapeEngine engine;
+    dm::ScrollingTextWindow window(&engine, 0.0f);  // allocates inside libdm
+    const uint64_t afterWindow = g_allocations.load();
+    zu::String text;
+    text.reserve(1000);  // allocates inside libzul
+    return afterWindow > atStart && g_allocations.load() > afterWindow;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (!allocationsAreCounted()) {
+        std::fprintf(stderr, "console_print: allocations made by the libraries are not counted\n");
+        return 1;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

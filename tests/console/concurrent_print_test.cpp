@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "console/fake_shape_engine.h"
+#include "dm/console.h"
+#include "support/test_support.h"
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kLinesPerThread = 60;  // 8 × 60 lines of two rows each: 960 rows, within the ring
+
+// Two 40-character words that identify thread, line and half, e.g. "t3n017a" + 33 × 'a'.
+std::string half(int thread, int line, char which) {
+    char head[16];
+    std::snprintf(head, sizeof head, "t%dn%03d%c", thread, line, which);
+    return head + std::string(33, which);
+}
+
+// Each printed line wraps into exactly two rows in a 0.5-wide text area: the first word with
+// the blank behind it, then the second word.
+TEST(ConcurrentPrinting, LosesAndTearsNoLine) {
+    dmtest::FakeShapeEngine engine;
+    dm::ScrollingTextWindow window(&engine, 0.0f);
+    window.setWindowSize({0.5f + 0.003125f, 0.5f});
+
+    std::atomic<int> ready{0};
+    std::vector<std::thread> printers;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        printers.emplace_back([&window, &ready, thread] {
+            // Start together for the most contention (but never wait long for that).
+            ready.fetch_add(1);
+            dmtest::waitUntil([&ready] { return ready.load() == kThreads; },
+                              std::chrono::seconds(5));
+            for (int line = 0; line < kLinesPerThread; ++line) {
+                const std::string text = half(thread, line, 'a') + " " + half(thread, line, 'b');
+                if (line % 2) {
+                    window.printWithPrefix(false, "%s\n", text.c_str());
+                } else {
+                    window.printString((text + "\n").c_str());
+                }
+            }
+        });
+    }
+    for (std::thread& printer : printers) {
+        printer.join();
+    }
+
+    const std::vector<std::string> rows = dmtest::consoleLinesOldestFirst(window);
+    ASSERT_EQ(rows.size(), static_cast<size_t>(kThreads * kLinesPerThread * 2));
+    std::vector<int> nextLine(kThreads, 0);
+    for (size_t i = 0; i < rows.size(); i += 2) {
+        int thread = -1;
+        int line = -1;
+        ASSERT_EQ(std::sscanf(rows[i].c_str(), "t%dn%3d", &thread, &line), 2) << rows[i];
+        ASSERT_TRUE(thread >= 0 && thread < kThreads) << rows[i];
+        EXPECT_EQ(line, nextLine[thread]) << "thread " << thread << " lost or reordered a line";
+        nextLine[thread] = line + 1;
+        EXPECT_EQ(rows[i], half(thread, line, 'a') + " \n");
+        EXPECT_EQ(rows[i + 1], half(thread, line, 'b') + "\n") << "rows of one line split apart";
+    }
+    for (int thread = 0; thread < kThreads; ++thread) {
+        EXPECT_EQ(nextLine[thread], kLinesPerThread);
+    }
+}
+
+// The game draws through its shape engine on its own thread; printing threads must not call it.
+TEST(ConcurrentPrinting, LeavesTheShapeEngineToTheDrawingThread) {
+    dmtest::FakeShapeEngine engine;
+    dm::ScrollingTextWindow window(&engine, 0.0f);
+    window.setWindowSize({1.0f, 0.2625f});  // ten lines on screen
+    window.print("first\n");
+    engine.resetCalls();
+    std::thread printer([&window] {
+        for (int i = 0; i < 30; ++i) {
+            window.printWithPrefix(i % 2 == 0, "line %d\n", i);
+        }
+    });
+    printer.join();
+    EXPECT_EQ(engine.calls(), 0);
+    EXPECT_EQ(window.getConsoleLineCount(), 31u);
+}
+
+}  // namespace

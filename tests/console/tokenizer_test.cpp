@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "dm/console.h"
+
+namespace {
+
+std::vector<std::string> words(const std::string& text) {
+    dm::ConsoleWordList list;
+    dm::tokenizeLine(list, zu::String(text.c_str()));
+    std::vector<std::string> result;
+    for (const dm::ConsoleWord& word : list) {
+        result.emplace_back(word.c_str(), word.length());
+    }
+    return result;
+}
+
+using Words = std::vector<std::string>;
+
+int scan(int (*scanner)(const zu::String&, int), const std::string& text, int position = 0) {
+    return scanner(zu::String(text.c_str()), position);
+}
+
+TEST(Tokenizer, CutsCommandLinesIntoWords) {
+    EXPECT_EQ(words(""), Words{});
+    EXPECT_EQ(words("set x=0.5;"), (Words{"set", " ", "x", "=", "0", ".", "5", ";"}));
+    EXPECT_EQ(words("set x= 0.5"), (Words{"set", " ", "x", "=", " ", "0.5"}));
+    EXPECT_EQ(words("  echo"), (Words{"  ", "echo"}));
+    EXPECT_EQ(words("say \"a b;c\" now"), (Words{"say", " ", "\"a b;c\"", " ", "now"}));
+    EXPECT_EQ(words("\"abc def"), (Words{"\"", "abc", " ", "def"}));
+    EXPECT_EQ(words("a\t\x0b\r\n b"), (Words{"a", "\t\x0b\r\n ", "b"}));
+}
+
+TEST(Tokenizer, NumbersAreWordsOnlyBeforeWhitespaceOrTheEnd) {
+    EXPECT_EQ(words("5;"), (Words{"5", ";"}));
+    EXPECT_EQ(words("12;"), (Words{"12", ";"}));
+    EXPECT_EQ(words("12ab"), (Words{"12ab"}));
+    EXPECT_EQ(words(".5"), (Words{".", "5"}));
+    EXPECT_EQ(words("-5 +7"), (Words{"-5", " ", "+7"}));
+    EXPECT_EQ(words("-x"), (Words{"-", "x"}));
+    EXPECT_EQ(words("- 1"), (Words{"-", " ", "1"}));
+    EXPECT_EQ(words("1.5e3f 2"), (Words{"1.5e3f", " ", "2"}));
+    EXPECT_EQ(words("1e-5"), (Words{"1e", "-5"}));
+    EXPECT_EQ(words("0xff "), (Words{"0xff", " "}));
+    EXPECT_EQ(words("0xFF "), (Words{"0xFF", " "}));
+    EXPECT_EQ(words("0x1F"), (Words{"0x1F"}));
+    EXPECT_EQ(words("0x "), (Words{"0x", " "}));
+    EXPECT_EQ(words("-0x1f"), (Words{"-", "0x1f"}));
+}
+
+TEST(Tokenizer, UsesLatin1LettersAndKeepsFormFeedApart) {
+    EXPECT_EQ(words("\xc4la \xe5\xf6\xd6x"), (Words{"\xc4la", " ", "\xe5\xf6\xd6x"}));
+    EXPECT_EQ(words("a\xc3\xa9z"), (Words{"a", "\xc3", "\xa9", "z"}));
+    EXPECT_EQ(words("a\fb"), (Words{"a", "\f", "b"}));
+    EXPECT_EQ(words("a \f b"), (Words{"a", " ", "\f", " ", "b"}));
+}
+
+TEST(Tokenizer, AppendsToTheWordsAlreadyThere) {
+    dm::ConsoleWordList list;
+    dm::tokenizeLine(list, "a b");
+    dm::tokenizeLine(list, "c");
+    ASSERT_EQ(list.size(), 4u);
+    EXPECT_STREQ(list[3].c_str(), "c");
+}
+
+TEST(Tokenizer, KeepsWordsLongerThanTheirInlineCapacity) {
+    const std::string longWord(600, 'w');
+    EXPECT_EQ(words(longWord + " x"), (Words{longWord, " ", "x"}));
+}
+
+TEST(Scanners, MatchWhitespaceIdentifiersAndQuotes) {
+    EXPECT_EQ(scan(dm::scanWhitespace, " \t\n\x0b\r x"), 6);
+    EXPECT_EQ(scan(dm::scanWhitespace, "\f"), -1);
+    EXPECT_EQ(scan(dm::scanWhitespace, "x "), -1);
+    EXPECT_EQ(scan(dm::scanIdentifier, "ab_9\xc4\xf6!"), 6);
+    EXPECT_EQ(scan(dm::scanIdentifier, "\xe9t\xe9"), -1);
+    EXPECT_EQ(scan(dm::scanQuoted, "\"a b\" c"), 5);
+    EXPECT_EQ(scan(dm::scanQuoted, "\"\""), 2);
+    EXPECT_EQ(scan(dm::scanQuoted, "\"open"), -1);
+    EXPECT_EQ(scan(dm::scanQuoted, "x\"y\"", 1), 3);
+}
+
+TEST(Scanners, MatchNumbersOnlyWhenWhitespaceOrTheEndFollows) {
+    EXPECT_EQ(scan(dm::scanInteger, "12"), 2);
+    EXPECT_EQ(scan(dm::scanInteger, "12 x"), 2);
+    EXPECT_EQ(scan(dm::scanInteger, "12\fx"), -1);
+    EXPECT_EQ(scan(dm::scanInteger, "12;"), -1);
+    EXPECT_EQ(scan(dm::scanInteger, "12.5"), -1);
+    EXPECT_EQ(scan(dm::scanInteger, "-3 "), 2);
+    EXPECT_EQ(scan(dm::scanInteger, "-"), -1);
+    EXPECT_EQ(scan(dm::scanInteger, "+ 1"), -1);
+    EXPECT_EQ(scan(dm::scanInteger, "x 42", 2), 2);
+
+    EXPECT_EQ(scan(dm::scanFloat, "2.5"), 3);
+    EXPECT_EQ(scan(dm::scanFloat, "."), 1);
+    EXPECT_EQ(scan(dm::scanFloat, "fee"), 3);
+    EXPECT_EQ(scan(dm::scanFloat, "-.5e2F "), 6);
+    EXPECT_EQ(scan(dm::scanFloat, "1e-5"), -1);
+    EXPECT_EQ(scan(dm::scanFloat, "2.5("), -1);
+
+    EXPECT_EQ(scan(dm::scanHex, "0x1f"), 4);
+    EXPECT_EQ(scan(dm::scanHex, "0X1fx "), 5);
+    EXPECT_EQ(scan(dm::scanHex, "0xFF"), -1);
+    EXPECT_EQ(scan(dm::scanHex, "0xfg"), -1);
+    EXPECT_EQ(scan(dm::scanHex, "0x"), -1);      // the whole text is shorter than three bytes
+    EXPECT_EQ(scan(dm::scanHex, "a 0x", 2), 2);  // ...but what is left may be
+    EXPECT_EQ(scan(dm::scanHex, "10x1"), -1);
+}
+
+TEST(Scanners, RefusePositionsOutsideTheText) {
+    for (auto scanner : {dm::scanWhitespace, dm::scanIdentifier, dm::scanInteger, dm::scanFloat,
+                         dm::scanHex, dm::scanQuoted}) {
+        EXPECT_EQ(scan(scanner, "0x1 \"a\"", -1), -1);
+        EXPECT_EQ(scan(scanner, "0x1 \"a\"", 7), -1);
+        EXPECT_EQ(scan(scanner, "0x1 \"a\"", 1000), -1);
+        EXPECT_EQ(scan(scanner, ""), -1);
+    }
+}
+
+// Bytes that steer the tokenizer into every branch, plus any byte at all.
+std::string generateLine(std::mt19937& random) {
+    static const char kInteresting[] =
+        " \t\n\r\x0b\f\"+-.0123456789xXeEfFaAz_;=(\xc4\xe5\xf6\xe9\x7f";
+    std::uniform_int_distribution<int> length(0, 60);
+    std::uniform_int_distribution<int> pick(0, 1);
+    std::uniform_int_distribution<int> interesting(0, sizeof(kInteresting) - 2);
+    std::uniform_int_distribution<int> anyByte(1, 255);
+    std::string line;
+    for (int i = length(random); i > 0; --i) {
+        line +=
+            pick(random) ? kInteresting[interesting(random)] : static_cast<char>(anyByte(random));
+    }
+    return line;
+}
+
+bool isWhitespaceWord(const std::string& word) {
+    return dm::scanWhitespace(zu::String(word.c_str()), 0) == static_cast<int>(word.size());
+}
+
+TEST(Tokenizer, JoiningTheWordsGivesTheLineBack) {
+    std::mt19937 random(20240611);
+    for (int lineNumber = 0; lineNumber < 5000; ++lineNumber) {
+        const std::string line = generateLine(random);
+        const Words cut = words(line);
+        std::string joined;
+        for (size_t i = 0; i < cut.size(); ++i) {
+            ASSERT_FALSE(cut[i].empty()) << "line " << lineNumber;
+            // White-space runs are taken whole, so two never follow each other.
+            if (i > 0) {
+                ASSERT_FALSE(isWhitespaceWord(cut[i - 1]) && isWhitespaceWord(cut[i]))
+                    << "line " << lineNumber;
+            }
+            joined += cut[i];
+        }
+        ASSERT_EQ(joined, line) << "line " << lineNumber;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,278 @@
+// zu::File, the writable folder, the current file system and BufferedMemoryFile.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "support/test_support.h"
+#include "zu/exception.h"
+#include "zu/file.h"
+#include "zu/memory_file.h"
+
+namespace {
+
+std::string readRaw(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The local file system seen through a wrapper that counts opens and can lie about sizes and
+// short reads, as a remote file system with a confused server would.
+class WrappedFileSystem : public zu::FileSystem {
+public:
+    int opens = 0;
+    uint64_t reportedSize = 0;  // 0: the real size
+    uint64_t maxRead = UINT64_MAX;
+
+    zu::FileHandle* openFile(const char* path, zu::BaseFile::Mode mode) override {
+        ++opens;
+        return m_local.openFile(path, mode);
+    }
+    bool closeFile(zu::FileHandle* file) override { return m_local.closeFile(file); }
+    bool fileExists(const char* path) override { return m_local.fileExists(path); }
+    bool directoryExists(const char* path) override { return m_local.directoryExists(path); }
+    bool isFileReadOnly(const char* path) override { return m_local.isFileReadOnly(path); }
+    bool deleteFile(const char* path) override { return m_local.deleteFile(path); }
+    bool createDirectory(const char* path) override { return m_local.createDirectory(path); }
+    bool deleteDirectory(const char* path) override { return m_local.deleteDirectory(path); }
+    bool moveFile(const char* from, const char* to, bool overwrite) override {
+        return m_local.moveFile(from, to, overwrite);
+    }
+    bool copyFile(const char* from, const char* to) override { return m_local.copyFile(from, to); }
+    uint64_t getCurrentPosition(zu::FileHandle* file) override {
+        return m_local.getCurrentPosition(file);
+    }
+    uint64_t seekFile(zu::FileHandle* file, int64_t offset, zu::BaseFile::SeekMode mode) override {
+        return m_local.seekFile(file, offset, mode);
+    }
+    uint64_t getFileSize(zu::FileHandle* file) override {
+        return reportedSize != 0 ? reportedSize : m_local.getFileSize(file);
+    }
+    uint64_t readFile(zu::FileHandle* file, void* buffer, uint64_t count) override {
+        return m_local.readFile(file, buffer, count < maxRead ? count : maxRead);
+    }
+    uint64_t writeFile(zu::FileHandle* file, const void* buffer, uint64_t count) override {
+        return m_local.writeFile(file, buffer, count);
+    }
+    bool flushFileBuffers(zu::FileHandle* file) override { return m_local.flushFileBuffers(file); }
+    zu::FileTime getFileTime(zu::FileHandle* file) override { return m_local.getFileTime(file); }
+    bool setFileTime(zu::FileHandle* file, const zu::FileTime& creation,
+                     const zu::FileTime& lastWrite) override {
+        return m_local.setFileTime(file, creation, lastWrite);
+    }
+    bool getFileAttributes(const char* path, uint64_t& size, uint64_t& time) override {
+        return m_local.getFileAttributes(path, size, time);
+    }
+    bool getDiskSpaceInfo(const char* path, uint64_t& freeBytes, uint64_t& totalBytes) override {
+        return m_local.getDiskSpaceInfo(path, freeBytes, totalBytes);
+    }
+    zu::FindFileHandle* findFirstFile(const char* pattern) override {
+        return m_local.findFirstFile(pattern);
+    }
+    zu::FindFileHandle* findNextFile(zu::FindFileHandle* find) override {
+        return m_local.findNextFile(find);
+    }
+    void findClose(zu::FindFileHandle* find) override { m_local.findClose(find); }
+    const char* findGetFileName(zu::FindFileHandle* find) override {
+        return m_local.findGetFileName(find);
+    }
+    uint64_t findGetFileSize(zu::FindFileHandle* find) override {
+        return m_local.findGetFileSize(find);
+    }
+    uint64_t findGetFileTime(zu::FindFileHandle* find) override {
+        return m_local.findGetFileTime(find);
+    }
+    bool findIsDirectory(zu::FindFileHandle* find) override {
+        return m_local.findIsDirectory(find);
+    }
+    uint64_t getFileSortKey(zu::FileHandle* file) override { return m_local.getFileSortKey(file); }
+
+private:
+    zu::FileSystem& m_local = zu::getLocalFileSystem();
+};
+
+// Puts the local file system back however a test ends.
+struct InstalledFileSystem {
+    explicit InstalledFileSystem(zu::FileSystem& fileSystem) { zu::setFileSystem(&fileSystem); }
+    ~InstalledFileSystem() { zu::setFileSystem(nullptr); }
+};
+
+TEST(File, ReadsWritesAndSeeksThroughTheCurrentFileSystem) {
+    dmtest::TempDir dir;
+    std::string path = dir.file("data.bin");
+    WrappedFileSystem wrapped;
+    zu::File file;
+    {
+        InstalledFileSystem installed(wrapped);
+        EXPECT_EQ(&zu::getFileSystem(), &wrapped);
+        ASSERT_TRUE(file.open(path.c_str(), zu::File::ModeWrite));
+        EXPECT_EQ(wrapped.opens, 1);
+        EXPECT_TRUE(zu::FileUtils::fileExists(path.c_str()));
+        EXPECT_TRUE(zu::FileUtils::directoryExists(dir.path().c_str()));
+    }
+    EXPECT_EQ(&zu::getFileSystem(), &zu::getLocalFileSystem());
+    // The open file still belongs to the file system that opened it.
+    EXPECT_STREQ(file.getPath(), path.c_str());
+    EXPECT_EQ(file.write("0123456789", 10), 10u);
+    EXPECT_TRUE(file.flush());
+    EXPECT_EQ(file.getSize(), 10u);
+    file.close();
+    EXPECT_FALSE(file.isOpen());
+
+    zu::File reader(path.c_str(), zu::File::ModeRead);
+    EXPECT_EQ(reader.seek(3, zu::File::SeekEnd), 7u);
+    char tail[8] = {};
+    EXPECT_EQ(reader.read(tail, sizeof(tail)), 3u);  // short: end of file
+    EXPECT_STREQ(tail, "789");
+    EXPECT_EQ(reader.getPosition(), 10u);
+    EXPECT_TRUE(reader.open(path.c_str(), zu::File::ModeRead));  // reopening closes first
+    EXPECT_EQ(reader.getPosition(), 0u);
+}
+
+TEST(File, FailsWithoutAnOpenFile) {
+    dmtest::TempDir dir;
+    std::string missing = dir.file("missing.txt");
+    EXPECT_THROW(zu::File(missing.c_str(), zu::File::ModeRead), zu::FileException_FileOpenFailed);
+    zu::File file;
+    EXPECT_FALSE(file.open(missing.c_str(), zu::File::ModeRead));
+    EXPECT_FALSE(file.open(nullptr, zu::File::ModeRead));
+    char byte = 0;
+    EXPECT_EQ(file.read(&byte, 1), 0u);
+    EXPECT_EQ(file.write(&byte, 1), 0u);
+    EXPECT_EQ(file.seek(1, zu::File::SeekBegin), 0u);
+    EXPECT_EQ(file.getSize(), 0u);
+    EXPECT_FALSE(file.flush());
+    EXPECT_FALSE(zu::FileUtils::fileExists(nullptr));
+}
+
+TEST(File, StripsFolders) {
+    EXPECT_EQ(zu::File::stripPath("a/b\\c.txt"), "c.txt");
+    EXPECT_EQ(zu::File::stripPath("devkit:\\PLX\\consolecache.bin"), "consolecache.bin");
+    EXPECT_EQ(zu::File::stripPath("plain"), "plain");
+    EXPECT_EQ(zu::File::stripPath("folder/"), "");
+    EXPECT_EQ(zu::File::stripPath(nullptr), "");
+}
+
+TEST(File, WritablePathAndReadOnlyFlag) {
+    dmtest::TempDir dir;
+    std::string previous = zu::File::getFileSysPathForWrite();
+    const char* before = zu::File::getFileSysPathForWrite();
+
+    zu::File::setFileSysPathForWrite(dir.path().c_str());
+    EXPECT_EQ(std::string(zu::File::getFileSysPathForWrite()), dir.path() + "/");
+    EXPECT_EQ(std::string(before), previous);  // an earlier answer stays readable
+    {
+        std::string cache = std::string(zu::File::getFileSysPathForWrite()) + "cache.bin";
+        zu::File file(cache.c_str(), zu::File::ModeWrite);
+        file.write("c", 1);
+    }
+    EXPECT_EQ(readRaw(dir.file("cache.bin")), "c");
+    zu::File::setFileSysPathForWrite("already\\");
+    EXPECT_STREQ(zu::File::getFileSysPathForWrite(), "already\\");
+    zu::File::setFileSysPathForWrite("");
+    EXPECT_STREQ(zu::File::getFileSysPathForWrite(), "./");
+    zu::File::setFileSysPathForWrite(previous.c_str());
+
+    EXPECT_FALSE(zu::File::isFileSystemReadOnly());
+    zu::File::setFileSystemReadOnly(true);
+    EXPECT_TRUE(zu::File::isFileSystemReadOnly());
+    zu::File::setFileSystemReadOnly(false);
+}
+
+// The default comes from the environment of a fresh process.
+TEST(File, WritablePathDefaultsToTheEnvironmentOrTheCurrentFolder) {
+    ASSERT_EQ(setenv("DM_WRITE_PATH", "/var/game-cache", 1), 0);
+    dmtest::ChildProcess fromEnvironment("zu_file_helper", {"write-path"});
+    ASSERT_EQ(unsetenv("DM_WRITE_PATH"), 0);
+    dmtest::ChildProcess fromNothing("zu_file_helper", {"write-path"});
+
+    ASSERT_EQ(fromEnvironment.wait(), 0);
+    EXPECT_NE(fromEnvironment.output().find("write path: /var/game-cache/\n"), std::string::npos)
+        << fromEnvironment.output();
+    ASSERT_EQ(fromNothing.wait(), 0);
+    EXPECT_NE(fromNothing.output().find("write path: ./\n"), std::string::npos)
+        << fromNothing.output();
+}
+
+TEST(BufferedMemoryFile, LoadsWholeFilesAndReadsWithACursor) {
+    dmtest::TempDir dir;
+    std::string path = dir.file("whole.txt");
+    std::ofstream(path) << "hello, memory";
+    zu::BufferedMemoryFile memory;
+    ASSERT_TRUE(memory.load(path.c_str()));
+    ASSERT_EQ(memory.getSize(), 13u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(memory.getData()), 13), "hello, memory");
+
+    char word[6] = {};
+    EXPECT_EQ(memory.read(word, 5), 5u);
+    EXPECT_STREQ(word, "hello");
+    memory.setPosition(100);
+    EXPECT_EQ(memory.getPosition(), 13u);  // clamped to the end
+    EXPECT_EQ(memory.read(word, 5), 0u);
+    memory.setPosition(7);
+    char rest[16] = {};
+    EXPECT_EQ(memory.read(rest, sizeof(rest)), 6u);
+    EXPECT_STREQ(rest, "memory");
+
+    // The rest of an already open file, from its position.
+    zu::FileSystem& local = zu::getLocalFileSystem();
+    zu::FileHandle* handle = local.openFile(path.c_str(), zu::BaseFile::ModeRead);
+    ASSERT_NE(handle, nullptr);
+    local.seekFile(handle, 7, zu::BaseFile::SeekBegin);
+    ASSERT_TRUE(memory.load(local, handle));
+    local.closeFile(handle);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(memory.getData()), memory.getSize()),
+              "memory");
+    EXPECT_EQ(memory.getPosition(), 0u);
+
+    EXPECT_FALSE(memory.load(dir.file("missing").c_str()));
+    EXPECT_EQ(memory.getSize(), 0u);
+    EXPECT_EQ(memory.getData(), nullptr);
+}
+
+TEST(BufferedMemoryFile, RefusesSizesThatCannotBeRead) {
+    dmtest::TempDir dir;
+    std::string path = dir.file("small.txt");
+    std::ofstream(path) << "only twenty-six bytes here";
+    WrappedFileSystem wrapped;
+    zu::BufferedMemoryFile memory;
+
+    // A size no machine holds is refused before any allocation.
+    wrapped.reportedSize = uint64_t(1) << 62;
+    EXPECT_FALSE(memory.load(path.c_str(), &wrapped));
+    EXPECT_EQ(memory.getSize(), 0u);
+
+    // A size the file does not deliver.
+    wrapped.reportedSize = 4096;
+    EXPECT_FALSE(memory.load(path.c_str(), &wrapped));
+    wrapped.reportedSize = 0;
+    wrapped.maxRead = 10;
+    EXPECT_FALSE(memory.load(path.c_str(), &wrapped));
+    EXPECT_EQ(memory.getSize(), 0u);
+
+    wrapped.maxRead = UINT64_MAX;
+    EXPECT_TRUE(memory.load(path.c_str(), &wrapped));
+    EXPECT_EQ(memory.getSize(), 26u);
+}
+
+TEST(BufferedMemoryFile, AppendsAndGrows) {
+    zu::BufferedMemoryFile memory;
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) {
+        std::string piece = std::to_string(i) + ",";
+        memory.append(piece.data(), piece.size());
+        expected += piece;
+    }
+    memory.append(nullptr, 5);  // nothing to append
+    ASSERT_EQ(memory.getSize(), expected.size());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(memory.getData()), memory.getSize()),
+              expected);
+    memory.clear();
+    EXPECT_EQ(memory.getSize(), 0u);
+    memory.append("x", 1);
+    EXPECT_EQ(memory.getSize(), 1u);
+}
+
+}  // namespace

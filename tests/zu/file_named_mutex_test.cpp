@@ -1,0 +1,138 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "support/test_support.h"
+#include "zu/named_mutex.h"
+
+namespace {
+
+// A name no other test run uses at the same time.
+std::string uniqueName(const char* what) {
+    static std::atomic<int> counter{0};
+    return std::string("dmtest ") + what + "/" + std::to_string(getpid()) + "-" +
+           std::to_string(counter++);
+}
+
+bool exists(const std::string& name) {
+    return zu::NamedMutex::doesMutexExist(name.c_str());
+}
+
+TEST(NamedMutex, IsPresentWhileAnyHolderLives) {
+    std::string name = uniqueName("in-process");
+    EXPECT_FALSE(exists(name));
+    {
+        zu::NamedMutex first(name.c_str());
+        ASSERT_TRUE(first.isHeld());
+        EXPECT_STREQ(first.getName(), name.c_str());
+        EXPECT_TRUE(exists(name));
+        {
+            zu::NamedMutex second(name.c_str());  // several holders at once
+            ASSERT_TRUE(second.isHeld());
+            EXPECT_TRUE(exists(name));
+        }
+        EXPECT_TRUE(exists(name));
+    }
+    EXPECT_FALSE(exists(name));
+    EXPECT_FALSE(exists(name));  // probing does not create it
+}
+
+TEST(NamedMutex, NamesThatLookAlikeAfterCleaningStayApart) {
+    std::string base = uniqueName("alike");
+    zu::NamedMutex slashed((base + "a/b").c_str());
+    ASSERT_TRUE(slashed.isHeld());
+    EXPECT_TRUE(exists(base + "a/b"));
+    EXPECT_FALSE(exists(base + "a_b"));
+    EXPECT_FALSE(exists(base + "a\\b"));
+
+    std::string longName = base + std::string(300, 'n');
+    zu::NamedMutex holdsLong(longName.c_str());
+    ASSERT_TRUE(holdsLong.isHeld());
+    EXPECT_TRUE(exists(longName));
+    EXPECT_FALSE(exists(longName + "n"));
+}
+
+// Holders come and go on several threads while probes clean up after them: a holder must never
+// find its own name missing.
+TEST(NamedMutex, HoldersAndProbesRaceSafely) {
+    std::string name = uniqueName("race");
+    std::atomic<int> missing{0};
+    std::atomic<bool> holdersDone{false};
+    auto holder = [&] {
+        for (int i = 0; i < 200; ++i) {
+            zu::NamedMutex mutex(name.c_str());
+            if (!mutex.isHeld() || !exists(name)) {
+                ++missing;
+            }
+        }
+    };
+    std::thread prober([&] {
+        for (int i = 0; i < 100000 && !holdersDone; ++i) {
+            exists(name);
+        }
+    });
+    std::thread holderA(holder);
+    std::thread holderB(holder);
+    holderA.join();
+    holderB.join();
+    holdersDone = true;
+    prober.join();
+    EXPECT_EQ(missing.load(), 0);
+    EXPECT_FALSE(exists(name));
+}
+
+std::string askChild(const std::string& name) {
+    dmtest::ChildProcess checker("zu_file_helper", {"exists", name});
+    EXPECT_EQ(checker.wait(), 0);
+    return checker.output();
+}
+
+TEST(NamedMutex, OtherProcessesSeeItAndAKilledHolderReleasesIt) {
+    std::string name = uniqueName("processes");
+    EXPECT_EQ(askChild(name), "absent\n");
+    dmtest::ChildProcess holder("zu_file_helper", {"hold", name});
+    {
+        zu::NamedMutex mine(name.c_str());
+        ASSERT_TRUE(mine.isHeld());
+        EXPECT_EQ(askChild(name), "exists\n");
+        ASSERT_TRUE(holder.waitForOutput("holding")) << holder.output();
+    }
+    EXPECT_TRUE(exists(name));  // the child still holds it
+    holder.kill();
+    EXPECT_FALSE(exists(name));  // the kernel dropped the dead holder's lock
+}
+
+TEST(NamedMutex, AHolderThatEndsReleasesIt) {
+    dmtest::TempDir dir;
+    std::string fifo = dir.file("release");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::string name = uniqueName("ends");
+    dmtest::ChildProcess holder("zu_file_helper", {"hold", name, fifo});
+    ASSERT_TRUE(holder.waitForOutput("holding")) << holder.output();
+
+    // Shared with a holder in this process; the name stays while either holds it.
+    auto mine = std::make_unique<zu::NamedMutex>(name.c_str());
+    EXPECT_TRUE(exists(name));
+    mine.reset();
+    EXPECT_TRUE(exists(name));
+
+    // Opening and closing the FIFO as its writer tells the child to let go.
+    int writer = -1;
+    ASSERT_TRUE(dmtest::waitUntil([&] {
+        writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        return writer >= 0;
+    }));
+    close(writer);
+    ASSERT_TRUE(holder.waitForOutput("released")) << holder.output();
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_FALSE(exists(name));
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+#include "zu/memory_file.h"
+
+#include <cstring>
+
+#include "zu/exception.h"
+#include "zu/memory.h"
+
+#if !defined(_WIN32)
+#include <unistd.h>
+#endif
+
+namespace zu {
+
+namespace {
+
+// The largest file load takes: half the machine's memory, so that a bogus size (a corrupt or
+// remote file system may report anything) fails cleanly instead of exhausting memory.
+uint64_t maxLoadSize() {
+    uint64_t limit = static_cast<uint64_t>(SIZE_MAX) / 2;
+#if !defined(_WIN32)
+    long pages = sysconf(_SC_PHYS_PAGES);
+    long pageSize = sysconf(_SC_PAGESIZE);
+    if (pages > 0 && pageSize > 0) {
+        uint64_t physical = static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize);
+        if (physical / 2 < limit) {
+            limit = physical / 2;
+        }
+    }
+#endif
+    return limit;
+}
+
+}  // namespace
+
+BufferedMemoryFile::~BufferedMemoryFile() {
+    deleteMemory(m_data);
+}
+
+bool BufferedMemoryFile::load(const char* path, FileSystem* fileSystem) {
+    clear();
+    FileSystem& source = fileSystem != nullptr ? *fileSystem : getFileSystem();
+    FileHandle* file = path != nullptr ? source.openFile(path, BaseFile::ModeRead) : nullptr;
+    if (file == nullptr) {
+        return false;
+    }
+    bool loaded = load(source, file);
+    source.closeFile(file);
+    return loaded;
+}
+
+bool BufferedMemoryFile::load(FileSystem& fileSystem, FileHandle* file) {
+    clear();
+    if (file == nullptr) {
+        return false;
+    }
+    uint64_t size = fileSystem.getFileSize(file);
+    uint64_t position = fileSystem.getCurrentPosition(file);
+    uint64_t remaining = position < size ? size - position : 0;
+    if (remaining > maxLoadSize()) {
+        return false;
+    }
+    try {
+        reserve(remaining);
+    } catch (const OutOfMemoryException&) {
+        return false;
+    }
+    if (fileSystem.readFile(file, m_data, remaining) != remaining) {
+        clear();
+        return false;
+    }
+    m_size = remaining;
+    return true;
+}
+
+void BufferedMemoryFile::append(const void* data, uint64_t size) {
+    if (size == 0 || data == nullptr) {
+        return;
+    }
+    if (size > UINT64_MAX - m_size) {
+        throw OutOfMemoryException("BufferedMemoryFile: appending %llu bytes overflows",
+                                   static_cast<unsigned long long>(size));
+    }
+    uint64_t needed = m_size + size;
+    if (needed > m_capacity) {
+        // Doubling keeps a run of small appends linear.
+        uint64_t doubled = m_capacity > UINT64_MAX / 2 ? UINT64_MAX : m_capacity * 2;
+        reserve(needed > doubled ? needed : doubled);
+    }
+    std::memcpy(m_data + m_size, data, static_cast<size_t>(size));
+    m_size = needed;
+}
+
+void BufferedMemoryFile::clear() {
+    deleteMemory(m_data);
+    m_data = nullptr;
+    m_size = 0;
+    m_capacity = 0;
+    m_position = 0;
+}
+
+uint64_t BufferedMemoryFile::read(void* buffer, uint64_t count) {
+    uint64_t available = m_size - m_position;
+    uint64_t taken = count < available ? count : available;
+    if (taken == 0 || buffer == nullptr) {
+        return 0;
+    }
+    std::memcpy(buffer, m_data + m_position, static_cast<size_t>(taken));
+    m_position += taken;
+    return taken;
+}
+
+// Grows the buffer to hold `size` bytes, keeping its contents; throws OutOfMemoryException.
+void BufferedMemoryFile::reserve(uint64_t size) {
+    if (size <= m_capacity) {
+        return;
+    }
+    if (size > static_cast<uint64_t>(SIZE_MAX)) {
+        throw OutOfMemoryException("BufferedMemoryFile: %llu bytes do not fit in memory",
+                                   static_cast<unsigned long long>(size));
+    }
+    uint8_t* grown = static_cast<uint8_t*>(allocateMemory(static_cast<size_t>(size)));
+    if (m_size > 0) {
+        std::memcpy(grown, m_data, static_cast<size_t>(m_size));
+    }
+    deleteMemory(m_data);
+    m_data = grown;
+    m_capacity = size;
+}
+
+}  // namespace zu
