@@ -156,8 +156,10 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
 zu::InplaceString<128> NetCommunicationPipe::receiveRequest(uint32_t* outValue) {
     zu::ScopedLock lock(m_incomingLock);
     discardAbortedRequest();
-    // The oldest is taken even while its data is still arriving: only the queue is tested.
-    if (m_incomingRequests.empty()) {
+    // Only a request whose data has fully arrived is handed out: one taken half-filled would
+    // be answered with partial data, and its remaining chunks would start a bogus new request.
+    // An incomplete oldest request holds back those behind it, as with notifications.
+    if (m_incomingRequests.empty() || !m_incomingRequests.front().complete) {
         return {};
     }
     // An earlier request left unanswered gives its data up here instead of leaking it.

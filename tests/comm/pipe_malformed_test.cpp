@@ -53,6 +53,23 @@ TEST_F(Malformed, RequestChunkOutsideItsDataIsDropped) {
     EXPECT_STREQ("fine", link.right.pipe().receiveRequest(nullptr).c_str());
 }
 
+TEST_F(Malformed, RequestIsHandedOutOnlyOnceItsDataIsWhole) {
+    const Bytes first(4, 0x11), second(4, 0x22);
+    deliver(pipewire::request("link", 0, 7, "split", 8, 0, 4, first.data()));
+    // Half of "split" has arrived: nothing is handed out yet.
+    EXPECT_TRUE(link.right.pipe().receiveRequest(nullptr).empty());
+    deliver(pipewire::request("link", 0, 7, "split", 8, 4, 4, second.data()));
+    uint32_t value = 0;
+    EXPECT_STREQ("split", link.right.pipe().receiveRequest(&value).c_str());
+    EXPECT_EQ(7u, value);
+    void* data = nullptr;
+    uint32_t size = 0;
+    link.right.pipe().getRequestData(&data, &size);
+    ASSERT_EQ(8u, size);
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    EXPECT_EQ(Bytes(bytes, bytes + 8), (Bytes{0x11, 0x11, 0x11, 0x11, 0x22, 0x22, 0x22, 0x22}));
+}
+
 TEST_F(Malformed, RequestPacketEndingBeforeItsFieldsIsDropped) {
     net::Packet sizesCut(pipewire::kPacketId);
     sizesCut << pipewire::kRequest << "link" << uint32_t(0) << uint32_t(0) << "cut" << uint32_t(8);

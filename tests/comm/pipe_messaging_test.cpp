@@ -53,8 +53,7 @@ public:
 private:
     void run() {
         while (!m_stopping) {
-            // Only after a request has arrived whole: receiveRequest would take one that is
-            // still arriving.
+            // Woken by the request callback, with a poll as a safety net.
             if (!m_arrived.wait(100)) {
                 continue;
             }

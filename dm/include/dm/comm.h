@@ -68,8 +68,8 @@ public:
                                                uint32_t* outResponseSize, const void* data,
                                                uint32_t dataSize) = 0;
     // Takes the oldest incoming request as the current one and returns its text (its value to
-    // `outValue` when non-null), or "" with `outValue` untouched. Does not block. The oldest is
-    // taken even while its data is still arriving; the request callback tells when one is whole.
+    // `outValue` when non-null), or "" with `outValue` untouched. Does not block. A request is
+    // handed out only once all of its data has arrived; until then it holds back newer ones.
     virtual zu::InplaceString<128> receiveRequest(uint32_t* outValue) = 0;
     // The binary data of the current request (null and 0 when there is none). The data stays
     // valid until respond returns, until receiveRequest takes another request, or until the
