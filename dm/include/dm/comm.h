@@ -16,6 +16,7 @@
 #include "zu/event.h"
 #include "zu/mutex.h"
 #include "zu/string.h"
+#include "zu/thread.h"
 #include "zu/vector.h"
 
 namespace dm {
@@ -275,6 +276,85 @@ private:
     zu::Vector<NotificationRecord> m_pumpNotifications;
     net::Packet m_sendPacket;
 };
+
+// The manager's callbacks: a context pointer and a function, set when either is non-null.
+struct ClientConnectionCallback {
+    using Function = void (*)(void* context, CommunicationPipeManager* manager);
+    void* context = nullptr;
+    Function function = nullptr;
+    bool isSet() const { return context != nullptr || function != nullptr; }
+};
+
+struct PipeCreateCallback {
+    using Function = void (*)(void* context, CommunicationPipeManager* manager,
+                              CommunicationPipe* pipe);
+    void* context = nullptr;
+    Function function = nullptr;
+    bool isSet() const { return context != nullptr || function != nullptr; }
+};
+
+// Owns the pipes of one endpoint and the one thread that does all their socket work: a server
+// listens and serves any number of client connections, a client keeps one connection alive.
+// Made and destroyed through the registry functions below.
+class DM_API CommunicationPipeManager : public zu::Thread {
+public:
+    ~CommunicationPipeManager() override;
+
+    // The thread body.
+    int run() override = 0;
+    virtual bool isClient() const = 0;
+    virtual bool isServer() const = 0;
+    virtual const char* getName() const = 0;
+    virtual void setName(const char* name) = 0;
+    // The name of the manager at the other end ("" until learned).
+    virtual const char* getRemoteName() const = 0;
+    // A server's id from init; a client's from the server's welcome. Notifications sent with
+    // value 0 carry it.
+    virtual uint32_t getID() const = 0;
+    // Finds or creates the pipe `pipeName` (letter case ignored).
+    virtual CommunicationPipe* getPipe(const char* pipeName) = 0;
+    // The configured host; its port goes to `outPort` when non-null.
+    virtual const char* getHost(uint32_t* outPort) = 0;
+    virtual void setHost(const char* host, uint32_t port) = 0;
+    // Server: the next accepted client is sent to host:port (only while a client-connection
+    // callback is set). Client: the address to try first.
+    virtual void setRedirect(const char* host, uint32_t port) = 0;
+    virtual void setClientConnectionCallback(ClientConnectionCallback callback) = 0;
+    virtual void setPipeCreateCallback(PipeCreateCallback callback) = 0;
+    // True when the pipe exists; never creates it.
+    virtual bool pipeExists(const char* pipeName);
+};
+
+// --- The process-wide registry of managers, keyed by name (letter case ignored) ---
+
+// Creates a server manager listening on `port` (0 picks a free one; see getHost) and stores it
+// under `name`, replacing (not destroying) any manager stored under that name.
+DM_API CommunicationPipeManager* initCommunicationManagerAsServer(const char* name, int port,
+                                                                  uint32_t id,
+                                                                  bool createPipesOnRequest);
+// Returns the manager `name` if there is one (host and port are then not applied), else
+// creates a client manager that starts connecting to host:port at once.
+DM_API CommunicationPipeManager* initCommunicationManagerAsClient(const char* name,
+                                                                  const char* host, int port);
+// Null when there is no such manager.
+DM_API CommunicationPipeManager* getCommunicationPipeManager(const char* name);
+// The only manager when exactly one is registered, else null.
+DM_API CommunicationPipeManager* getCommunicationPipeManager();
+DM_API bool communicationPipeManagerExists(const char* name);
+DM_API bool isCommunicationPipeManagerMapEmpty();
+// The manager's getPipe(pipeName), creating the pipe if needed; null without such a manager.
+DM_API CommunicationPipe* getCommunicationPipe(const char* managerName, const char* pipeName);
+DM_API CommunicationPipe* getCommunicationPipeChecked(const char* managerName,
+                                                      const char* pipeName);
+// The sole manager's getPipe(pipeName); null when there is not exactly one manager.
+DM_API CommunicationPipe* getCommunicationPipe(const char* pipeName);
+DM_API CommunicationPipe* getCommunicationPipeChecked(const char* pipeName);
+// The sole manager's pipeExists(pipeName); false when there is not exactly one manager.
+DM_API bool isResourceHotLoadPipeCreated(const char* pipeName);
+// Stops, joins and destroys the manager `name` with its pipes; unknown names are ignored.
+DM_API void deinitCommunicationManager(const char* name);
+// Stops, joins and destroys every manager.
+DM_API void deinitCommunicationManagers();
 
 // Writes each byte as two lower-case hexadecimal digits, high nibble first; `out` becomes
 // exactly 2 * size characters.
