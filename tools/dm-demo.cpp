@@ -2,6 +2,8 @@
 //  1. The runtime: a server thread and a client thread exchange packets over loopback TCP.
 //  2. The debug-monitor link: the demo plays a game that prints text, in-place values and a
 //     profile snapshot, watched by the dm-monitor tool started as a second process.
+//  3. Communication pipes: the demo serves the pipe "echo" from a server pipe manager, and the
+//     dm-pipe-echo tool, started as a second process, asks on it through a client manager.
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,9 +14,12 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "d/profile.h"
+#include "dm/comm.h"
 #include "dm/monitor.h"
 
 #include "net/listener.h"
@@ -149,21 +154,44 @@ std::string programFolder() {
     return self.substr(0, self.rfind('/') + 1);
 }
 
-// Starts dm-monitor on `port`, expecting `packets` packets; returns its pid or -1.
-pid_t startMonitorTool(int port, int packets) {
-    std::string tool = programFolder() + "dm-monitor";
-    std::string count = std::to_string(packets);
-    std::string portText = std::to_string(port);
-    const char* argv[] = {tool.c_str(), "--count",   count.c_str(),    "--timeout",
-                          "10",         "127.0.0.1", portText.c_str(), nullptr};
+// Starts the tool `name` from this program's folder with `args`; returns its pid or -1.
+pid_t startTool(const char* name, const std::vector<std::string>& args) {
+    std::string tool = programFolder() + name;
+    std::vector<char*> argv = {tool.data()};
+    std::vector<std::string> copies(args);
+    for (std::string& arg : copies) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     pid_t pid = -1;
-    int failed =
-        posix_spawn(&pid, tool.c_str(), &actions, nullptr, const_cast<char* const*>(argv), environ);
+    int failed = posix_spawn(&pid, tool.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     return failed ? -1 : pid;
+}
+
+// Waits up to `seconds` for `pid` to end while `poll` runs; true when it ended with status 0.
+// A tool that overstays is killed.
+bool waitForTool(pid_t pid, double seconds, const std::function<void()>& poll) {
+    int status = -1;
+    zu::Timer timer;
+    while (timer.getElapsedSeconds() < seconds && waitpid(pid, &status, WNOHANG) == 0) {
+        poll();
+    }
+    bool finished = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (!finished) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    return finished;
+}
+
+// Starts dm-monitor on `port`, expecting `packets` packets; returns its pid or -1.
+pid_t startMonitorTool(int port, int packets) {
+    return startTool("dm-monitor", {"--count", std::to_string(packets), "--timeout", "10",
+                                    "127.0.0.1", std::to_string(port)});
 }
 
 // One game frame's worth of monitor output.
@@ -187,10 +215,8 @@ int runMonitorDemo() {
         dm::deinit();
         return 1;
     }
-    int status = -1;
     int frame = 0;
-    zu::Timer timer;
-    while (timer.getElapsedSeconds() < 10.0 && waitpid(monitor, &status, WNOHANG) == 0) {
+    bool finished = waitForTool(monitor, 10.0, [&] {
         dm::update();  // accepts the monitor once it connects
         if (dm::getMonitorConnectionCount() > 0 && frame < kFrames) {
             printFrame(++frame);
@@ -199,12 +225,50 @@ int runMonitorDemo() {
             }
         }
         zu::sleepMs(16);  // a frame
-    }
+    });
     dm::deinit();
-    bool finished = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return finished ? 0 : 1;
+}
+
+zu::Event g_pipeWork;  // signalled by the pipe's callbacks
+
+void wakePipeServer(void*, dm::CommunicationPipe*) {
+    g_pipeWork.signal();
+}
+
+// Answers what arrived on the pipe: requests with their own text and data, notifications with
+// "echo: " and their text.
+void servePipe(dm::CommunicationPipe& pipe) {
+    for (zu::InplaceString<128> text; !(text = pipe.receiveRequest(nullptr)).empty();) {
+        void* data = nullptr;
+        uint32_t size = 0;
+        pipe.getRequestData(&data, &size);
+        pipe.respond(text.c_str(), data, size);
+    }
+    for (zu::InplaceString<128> text; !(text = pipe.receiveNotify(nullptr)).empty();) {
+        pipe.sendNotify((std::string("echo: ") + text.c_str()).c_str(), 0);
+    }
+}
+
+int runPipeDemo() {
+    std::printf("\n== 3. a pipe between two processes, asked by dm-pipe-echo\n");
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("dm-demo", 0, 1, true);
+    uint32_t port = 0;
+    server->getHost(&port);
+    dm::CommunicationPipe* pipe = server->getPipe("echo");
+    pipe->setRequestCallback({nullptr, wakePipeServer});
+    pipe->setNotifyCallback({nullptr, wakePipeServer});
+    std::printf("server: pipe \"echo\" served by manager \"dm-demo\" on port %u\n", port);
+    std::fflush(stdout);  // the tool shares this output
+    pid_t client = startTool("dm-pipe-echo", {"client", "127.0.0.1", std::to_string(port), "3"});
+    bool finished = client >= 0 && waitForTool(client, 10.0, [&] {
+                        g_pipeWork.wait(kWaitMs);
+                        servePipe(*pipe);
+                    });
+    dm::deinitCommunicationManagers();
     if (!finished) {
-        kill(monitor, SIGKILL);
-        waitpid(monitor, &status, 0);
+        std::printf("dm-pipe-echo did not finish\n");
     }
     return finished ? 0 : 1;
 }
@@ -216,6 +280,8 @@ int main() {
     int failures = runPacketDemo();
     std::fflush(stdout);
     failures += runMonitorDemo();
+    std::fflush(stdout);
+    failures += runPipeDemo();
     std::printf("\n%s\n", failures == 0 ? "demo finished" : "demo failed");
     return failures == 0 ? 0 : 1;
 }
