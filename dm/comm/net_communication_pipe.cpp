@@ -33,6 +33,7 @@ NetCommunicationPipe::NetCommunicationPipe(PipeOwner* owner, const char* name)
     m_pumpResponses.reserve(kMaxSentPerPump);
     m_pumpRequests.reserve(kMaxSentPerPump);
     m_pumpNotifications.reserve(kMaxSentPerPump);
+    m_pumpWaiters.reserve(kMaxSentPerPump);
 }
 
 NetCommunicationPipe::~NetCommunicationPipe() {
@@ -412,11 +413,25 @@ void NetCommunicationPipe::sendCollected(net::Socket& socket) {
 
 // Returns true when messages are left that the next pump can send.
 bool NetCommunicationPipe::markSent() {
-    zu::ScopedLock lock(m_outgoingLock);
+    m_pumpWaiters.clear();
+    bool moreToSend = false;
+    {
+        zu::ScopedLock lock(m_outgoingLock);
+        markSentLocked();
+        moreToSend = hasUnsentInWindow();
+    }
+    // The threads in respond are woken outside the lock, which each of them takes at once.
+    for (zu::Event* waiter : m_pumpWaiters) {
+        waiter->signal();
+    }
+    return moreToSend;
+}
+
+void NetCommunicationPipe::markSentLocked() {
     for (const ResponseRecord& sent : m_pumpResponses) {
         if (ResponseRecord* response = findOutgoingResponse(sent.serial)) {
             response->sent = true;
-            response->event->signal();
+            m_pumpWaiters.push_back(response->event);
         }
     }
     for (const RequestRecord& sent : m_pumpRequests) {
@@ -432,7 +447,6 @@ bool NetCommunicationPipe::markSent() {
             }
         }
     }
-    return hasUnsentInWindow();
 }
 
 // Records queued while the pump was sending, or beyond its share of a pass. Requests and

@@ -94,7 +94,8 @@ private:
     public:
         // Ignores duplicates and handles of kind None; false when the list is full.
         bool add(zu::WaitHandle handle);
-        void wait(uint32_t timeoutMs) const;
+        // The index of the handle that ended the wait, or -1 (time-out, failure, no wait).
+        int wait(uint32_t timeoutMs) const;
 
     private:
         static constexpr size_t kCapacity = 64;
@@ -172,6 +173,9 @@ private:
     uint32_t m_nextConnectionId = 0;
     bool m_wasConnected = false;
     bool m_moreWork = false;  // the pass left work behind: the next one starts at once
+    // False while the last wait was ended by another handle than the listener: a waiting
+    // connection would have ended it first (lower index), so accepting can be skipped.
+    bool m_mayAccept = true;
     size_t m_nextPipeToPump = 0;
     size_t m_pipeCount = 0;  // pipes there were when this pass took its share
     zu::Vector<PipeEntry*> m_passPipes;

@@ -20,6 +20,9 @@ namespace {
 // others; the pass then comes back without sleeping.
 constexpr int kMaxPacketsPerPass = 1024;
 
+// Where the server's wait list holds its listener: right after the manager's wake event.
+constexpr int kListenerWaitIndex = 1;
+
 double appAge() {
     return zu::Timer::getAppAge();
 }
@@ -53,13 +56,15 @@ bool NetCommunicationPipeManager::WaitList::add(zu::WaitHandle handle) {
     return true;
 }
 
-void NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) const {
+int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) const {
     if (timeoutMs == 0) {
-        return;
+        return -1;
     }
-    if (zu::waitForAny(m_handles, m_count, timeoutMs) == zu::kWaitFailed) {
+    const int ready = zu::waitForAny(m_handles, m_count, timeoutMs);
+    if (ready == zu::kWaitFailed) {
         zu::sleepMs(timeoutMs);  // never spin, whatever went wrong with a handle
     }
+    return ready >= 0 ? ready : -1;
 }
 
 // --- Server ---
@@ -67,7 +72,7 @@ void NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) const {
 void NetCommunicationPipeManager::serverPass() {
     m_moreWork = false;
     m_listener->update();
-    if (acceptClient()) {
+    if (m_mayAccept && acceptClient()) {
         return;  // a client was redirected: nothing else this pass
     }
     collectPipes();
@@ -79,13 +84,15 @@ void NetCommunicationPipeManager::serverPass() {
     }
     WaitList waits;
     waits.add(m_wakeEvent.getWaitHandle());
+    const bool listening = m_listener->isListening();
     waits.add(m_listener->getWaitHandle());
     for (const SocketEntry& entry : m_sockets) {
         waits.add(entry.socket->getWaitHandle());
     }
     // Pipes beyond the list's room are served by the pass's bound.
     addPipeWakeHandles(waits);
-    waits.wait(m_moreWork ? 0 : kServerPassMs);
+    const int ready = waits.wait(m_moreWork ? 0 : kServerPassMs);
+    m_mayAccept = listening && (ready < 0 || ready == kListenerWaitIndex);
 }
 
 // Accepts one waiting connection and welcomes it. True when it was redirected elsewhere.

@@ -113,29 +113,38 @@ void NetCommunicationPipe::onResponsePacket(uint32_t id, const char* text, net::
     if (!pipe_protocol::readChunkFields(packet, chunk) || !chunk.liesInside()) {
         return;
     }
-    zu::ScopedLock lock(m_outgoingLock);
-    RequestRecord* request = findOutgoingRequest(id);
-    if (!request) {
-        return;  // nobody waits for it (any more)
-    }
-    request->responseText = text ? text : "";
-    if (chunk.chunkSize > 0) {
-        request->responseSize = chunk.totalSize;
-        // The caller's buffer takes what fits; the full size is still reported.
-        const uint32_t chunkStart = packet.getPos();
-        if (request->responseBuffer && chunk.offset < request->responseCapacity) {
-            const uint32_t fits =
-                std::min(chunk.chunkSize, request->responseCapacity - chunk.offset);
-            packet.read(static_cast<uint8_t*>(request->responseBuffer) + chunk.offset, fits);
+    zu::Event* waiter = nullptr;
+    {
+        zu::ScopedLock lock(m_outgoingLock);
+        RequestRecord* request = findOutgoingRequest(id);
+        if (!request || !storeResponseChunk(*request, text, chunk, packet)) {
+            return;  // nobody waits for it (any more), or more chunks are to come
         }
-        packet.setPos(chunkStart + chunk.chunkSize);
-        request->responseReceivedBytes += chunk.chunkSize;
-        if (!chunk.endsPayload()) {
-            return;
-        }
+        request->responseReceived = true;
+        waiter = request->event;
     }
-    request->responseReceived = true;
-    request->event->signal();
+    // Woken outside the lock, which the waiter takes at once. A late signal to an event that
+    // has meanwhile gone to another call only makes that call look at its record once more.
+    waiter->signal();
+}
+
+// Returns true when the chunk completed the response.
+bool NetCommunicationPipe::storeResponseChunk(RequestRecord& request, const char* text,
+                                              const ChunkFields& chunk, net::Packet& packet) {
+    request.responseText = text ? text : "";
+    if (chunk.chunkSize == 0) {
+        return true;
+    }
+    request.responseSize = chunk.totalSize;
+    // The caller's buffer takes what fits; the full size is still reported.
+    const uint32_t chunkStart = packet.getPos();
+    if (request.responseBuffer && chunk.offset < request.responseCapacity) {
+        const uint32_t fits = std::min(chunk.chunkSize, request.responseCapacity - chunk.offset);
+        packet.read(static_cast<uint8_t*>(request.responseBuffer) + chunk.offset, fits);
+    }
+    packet.setPos(chunkStart + chunk.chunkSize);
+    request.responseReceivedBytes += chunk.chunkSize;
+    return chunk.endsPayload();
 }
 
 // --- Notifications ---

@@ -28,6 +28,12 @@ TEST(Event, WaitTimesOut) {
     zu::Timer timer;
     EXPECT_FALSE(event.wait(30));
     EXPECT_GE(timer.getElapsedSeconds(), 0.029);
+    // Short ones as well: a wait of 1 ms never returns before its millisecond has passed.
+    for (int i = 0; i < 5; ++i) {
+        zu::Timer shortWait;
+        EXPECT_FALSE(event.wait(1));
+        EXPECT_GE(shortWait.getElapsedSeconds(), 0.001);
+    }
 }
 
 TEST(Event, WakesAWaiterOnAnotherThread) {

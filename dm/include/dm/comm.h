@@ -231,6 +231,7 @@ private:
     ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
     bool collectOutgoing();
     bool markSent();
+    void markSentLocked();
     bool hasUnsentInWindow() const;
     void leaveBlockingCall();
     void sendCollected(net::Socket& socket);
@@ -244,6 +245,8 @@ private:
     NotificationRecord* findPartialNotification(uint32_t id);
     bool storeRequestChunk(uint32_t id, uint32_t value, const char* text, const ChunkFields& chunk,
                            net::Packet& packet);
+    bool storeResponseChunk(RequestRecord& request, const char* text, const ChunkFields& chunk,
+                            net::Packet& packet);
     bool storeNotifyChunk(uint32_t id, uint32_t value, const ChunkFields& chunk,
                           net::Packet& packet);
     bool fitsMessageLimit(uint32_t totalSize) const;
@@ -286,6 +289,7 @@ private:
     zu::Vector<ResponseRecord> m_pumpResponses;
     zu::Vector<RequestRecord> m_pumpRequests;
     zu::Vector<NotificationRecord> m_pumpNotifications;
+    zu::Vector<zu::Event*> m_pumpWaiters;  // respond calls to wake once the lock is released
     net::Packet m_sendPacket;
 };
 

@@ -38,13 +38,14 @@ short pollEventsOf(WaitHandle::Kind kind) {
     return 0;
 }
 
-// Milliseconds left until `deadline`, for poll(); -1 waits without limit.
+// Milliseconds left until `deadline`, for poll(); -1 waits without limit. Rounded up: a part
+// of a millisecond left is waited as a whole one, or a short wait would not wait at all.
 int remainingMs(uint32_t timeoutMs, std::chrono::steady_clock::time_point deadline) {
     if (timeoutMs == kInfinite) {
         return -1;
     }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
+    auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
