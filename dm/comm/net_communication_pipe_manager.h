@@ -31,6 +31,8 @@ public:
     // a server by its pipes, sockets and listener.
     static constexpr uint32_t kClientPassMs = 100;
     static constexpr uint32_t kServerPassMs = 1;
+    // Longest sleep of a client pass while not every pipe's wake event fits the wait.
+    static constexpr uint32_t kCrowdedClientPassMs = 1;
 
     // Listens on `port` (server) or starts connecting to host:port (client), and starts the
     // thread.
@@ -109,7 +111,8 @@ private:
     bool serveSocket(size_t index);
     void pollPackets(net::Socket& socket);
     void clientPass();
-    double sendOpenPipes(net::Socket& socket);
+    void sendOpenPipes(net::Socket& socket);
+    double nextOpenPipeDue() const;
     void onClientDropped(net::Socket& socket);
     void connectClient(SocketEntry& entry, double now);
     void collectPipes();

@@ -172,7 +172,7 @@ void NetCommunicationPipeManager::clientPass() {
     net::Socket& socket = *entry.socket;
     collectPipes();
     pumpPipes();
-    const double openPipeDue = sendOpenPipes(socket);
+    sendOpenPipes(socket);
 
     socket.update();
     if (socket.isConnected()) {
@@ -193,10 +193,10 @@ void NetCommunicationPipeManager::clientPass() {
     waits.add(socket.getWaitHandle());
     uint32_t timeoutMs = kClientPassMs;
     if (!addPipeWakeHandles(waits)) {
-        timeoutMs = kServerPassMs;  // pipes that did not fit are polled instead
+        timeoutMs = kCrowdedClientPassMs;  // pipes that did not fit are polled instead
     }
     if (socket.isConnected()) {
-        timeoutMs = std::min(timeoutMs, millisecondsUntil(openPipeDue, now, timeoutMs));
+        timeoutMs = std::min(timeoutMs, millisecondsUntil(nextOpenPipeDue(), now, timeoutMs));
     } else if (!socket.isConnecting()) {
         const double nextConnect = entry.lastConnectAttempt + kReconnectInterval;
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextConnect, now, timeoutMs));
@@ -204,26 +204,30 @@ void NetCommunicationPipeManager::clientPass() {
     waits.wait(m_moreWork ? 0 : timeoutMs);
 }
 
-// Asks the server for every pipe not attached yet, again each kOpenPipeInterval. Returns when
-// the next request falls due (far ahead when none is waiting).
-double NetCommunicationPipeManager::sendOpenPipes(net::Socket& socket) {
-    double nextDue = appAge() + 3600.0;
+// Asks the server for every pipe not attached yet, again each kOpenPipeInterval.
+void NetCommunicationPipeManager::sendOpenPipes(net::Socket& socket) {
     if (!socket.isConnected()) {
-        return nextDue;
+        return;
     }
     zu::InplaceString<128> name = copyName();
     for (PipeEntry* entry : m_passPipes) {
-        if (entry->socket) {
-            continue;
-        }
         const double now = appAge();
-        if (now - entry->lastOpenPipeSent > kOpenPipeInterval) {
+        if (!entry->socket && now - entry->lastOpenPipeSent > kOpenPipeInterval) {
             pipe_protocol::sendOpenPipe(socket, entry->pipe->getName(), name.c_str());
             entry->lastOpenPipeSent = now;
         }
-        nextDue = std::min(nextDue, entry->lastOpenPipeSent + kOpenPipeInterval);
     }
-    return nextDue;
+}
+
+// When the next pipe is to be asked for (far ahead when every pipe is attached).
+double NetCommunicationPipeManager::nextOpenPipeDue() const {
+    double due = appAge() + 3600.0;
+    for (const PipeEntry* entry : m_passPipes) {
+        if (!entry->socket) {
+            due = std::min(due, entry->lastOpenPipeSent + kOpenPipeInterval);
+        }
+    }
+    return due;
 }
 
 void NetCommunicationPipeManager::onClientDropped(net::Socket& socket) {

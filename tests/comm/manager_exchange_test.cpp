@@ -45,7 +45,8 @@ TEST_F(ManagerExchangeTest, RequestsResponsesAndNotificationsFlowBothWays) {
                                                        patternBytes(kLargeData, 1), kLargeData));
     requests.push_back(
         std::make_unique<RequestThread>(clientPipe, "empty", std::vector<uint8_t>(), 16));
-    for (uint32_t i = 0; i < 6; ++i) {
+    // More at once than a pipe sends in one go: the later ones follow as answers come.
+    for (uint32_t i = 0; i < 14; ++i) {
         requests.push_back(std::make_unique<RequestThread>(clientPipe, "small " + std::to_string(i),
                                                            patternBytes(100 + i, i), 256));
     }
@@ -66,13 +67,20 @@ TEST_F(ManagerExchangeTest, RequestsResponsesAndNotificationsFlowBothWays) {
         EXPECT_TRUE(request->echoed()) << request->result();
     }
 
-    // A notification sent with value 0 carries the sending manager's id.
-    ASSERT_TRUE(clientPipe->sendNotify("hello", 0));
-    zu::InplaceString<128> echoed;
-    uint32_t value = 0;
-    ASSERT_TRUE(waitUntil([&] { return !(echoed = clientPipe->receiveNotify(&value)).empty(); }));
-    EXPECT_STREQ(echoed.c_str(), "echo: hello");
-    EXPECT_EQ(value, 5u);
+    // Notifications, more than go out in one pass, come back in order; sent with value 0,
+    // they carry the sending manager's id.
+    constexpr int kNotifications = 20;
+    for (int i = 0; i < kNotifications; ++i) {
+        ASSERT_TRUE(clientPipe->sendNotify(("hello " + std::to_string(i)).c_str(), 0));
+    }
+    for (int i = 0; i < kNotifications; ++i) {
+        zu::InplaceString<128> echoed;
+        uint32_t value = 0;
+        ASSERT_TRUE(
+            waitUntil([&] { return !(echoed = clientPipe->receiveNotify(&value)).empty(); }));
+        EXPECT_EQ(std::string(echoed.c_str()), "echo: hello " + std::to_string(i));
+        EXPECT_EQ(value, 5u);
+    }
 }
 
 TEST_F(ManagerExchangeTest, WithoutCreationOnRequestAPipeAttachesOnceTheServerMakesIt) {
@@ -93,12 +101,16 @@ TEST_F(ManagerExchangeTest, WithoutCreationOnRequestAPipeAttachesOnceTheServerMa
 }
 
 TEST_F(ManagerExchangeTest, ClientBeforeItsServerAttachesAndSendsWhatWasQueued) {
-    const uint32_t port = pickFreePort();
+    // Until the server is up, its port takes connections and drops them at once.
+    auto standIn = std::make_unique<net::Listener>(0, "127.0.0.1");
+    const uint32_t port = standIn->getPort();
     dm::CommunicationPipeManager* client =
         dm::initCommunicationManagerAsClient("early-client", "127.0.0.1", static_cast<int>(port));
     dm::CommunicationPipe* pipe = client->getPipe("early");
     RequestThread queued(pipe, "queued before the server", patternBytes(1000, 3), 1000);
     EXPECT_FALSE(pipe->sendNotify("lost", 0));  // notifications are not kept while detached
+    ASSERT_NE(acceptOne(*standIn), nullptr);    // the client tried, and was dropped
+    standIn.reset();
 
     dm::CommunicationPipeManager* server =
         dm::initCommunicationManagerAsServer("late-server", static_cast<int>(port), 2, true);

@@ -88,6 +88,37 @@ TEST_F(ManagerLoadTest, TwoHundredFiftySixPipesOverThirtyTwoConnections) {
     server->setPipeCreateCallback({});
 }
 
+TEST_F(ManagerLoadTest, MorePipesThanAPassTakesAreServedInTurn) {
+    constexpr int kPipes = 300;
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("crowd-server", 0, 1, true);
+    EchoResponder responder;
+    server->setPipeCreateCallback({&responder, addToResponder});
+    dm::CommunicationPipeManager* client = dm::initCommunicationManagerAsClient(
+        "crowd-client", "127.0.0.1", static_cast<int>(portOf(server)));
+    std::vector<dm::CommunicationPipe*> pipes;
+    for (int p = 0; p < kPipes; ++p) {
+        pipes.push_back(client->getPipe(("crowd " + std::to_string(p)).c_str()));
+    }
+    ASSERT_TRUE(waitUntil([&] {
+        for (dm::CommunicationPipe* pipe : pipes) {
+            if (!pipe->isConnected()) {
+                return false;
+            }
+        }
+        return true;
+    }));
+    for (int p : {0, 1, 150, 255, 256, 298, 299}) {
+        std::vector<uint8_t> answer(4);
+        uint32_t size = 0;
+        zu::InplaceString<128> text =
+            pipes[p]->sendRequest("turn", 0, answer.data(), 4, &size, "abcd", 4);
+        EXPECT_STREQ(text.c_str(), "turn") << p;
+        EXPECT_EQ(size, 4u);
+    }
+    server->setPipeCreateCallback({});
+}
+
 bool everyPipe(const std::vector<dm::CommunicationPipe*>& pipes,
                bool (*holds)(dm::CommunicationPipe*)) {
     for (dm::CommunicationPipe* pipe : pipes) {
