@@ -97,10 +97,16 @@ int NetCommunicationPipeManager::run() {
     zu::registerThread(kManagerThreadSlot);
     zu::setThreadName(zu::getCurrentThreadId(), kManagerThreadName);
     while (!m_stopRequested.load()) {
-        if (m_isServer) {
-            serverPass();
-        } else {
-            clientPass();
+        try {
+            if (m_isServer) {
+                serverPass();
+            } else {
+                clientPass();
+            }
+        } catch (const zu::OutOfMemoryException&) {
+            // Out of memory inside the runtime (a socket's buffers): the connections and pipes
+            // are left as the pass left them, and the next pass tries again a little later.
+            zu::sleepMs(kServerPassMs);
         }
     }
     t_threadStopFlag = nullptr;
@@ -142,8 +148,14 @@ void NetCommunicationPipeManager::setRemoteName(const char* name) {
     if (m_remoteNames.size() == kMaxRemoteNames) {
         return;  // a peer that keeps changing its name does not make this grow
     }
-    zu::InplaceString<128>* kept = zu::newObject<zu::InplaceString<128>>(cut);
-    m_remoteNames.push_back(kept);
+    zu::InplaceString<128>* kept = nullptr;
+    try {
+        kept = zu::newObject<zu::InplaceString<128>>(cut);
+        m_remoteNames.push_back(kept);
+    } catch (const zu::OutOfMemoryException&) {
+        zu::deleteObject(kept);
+        return;  // the name stays as it was
+    }
     m_remoteName.store(kept->c_str(), std::memory_order_release);
 }
 
@@ -155,7 +167,7 @@ CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {
         if (PipeEntry* entry = findEntry(pipeName)) {
             return entry->pipe;
         }
-        pipe = createEntry(pipeName, nullptr)->pipe;
+        pipe = createEntry(pipeName)->pipe;
         callPipeCreateCallback(pipe);
     }
     m_wakeEvent.signal();  // a client asks the server for it at once
@@ -315,7 +327,7 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
         PipeEntry* entry = findEntry(pipeName);
         if (!entry && m_createPipesOnRequest) {
             try {
-                entry = createEntry(pipeName, nullptr);
+                entry = createEntry(pipeName);
                 created = entry->pipe;
             } catch (const zu::OutOfMemoryException&) {
                 // Refused below, as if creation were off; the client asks again later.
@@ -362,7 +374,7 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
 }
 
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry(
-    const char* pipeName, net::Socket* socket) {
+    const char* pipeName) {
     // Each step may run out of memory; what was made before it is given back.
     PipeEntry* entry = zu::newObject<PipeEntry>();
     try {
@@ -379,7 +391,6 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry
         zu::deleteObject(entry);
         throw;
     }
-    entry->socket = socket;
     return entry;
 }
 
@@ -396,7 +407,6 @@ NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() 
     address.port = m_port;
     address.redirectHost = m_redirectHost;
     address.redirectPort = m_redirectPort;
-    address.redirectPending = m_redirectPending;
     return address;
 }
 

@@ -83,13 +83,12 @@ private:
     };
     using PipeMap = std::map<zu::InplaceString<128>, PipeEntry*, zu::LessNoCase,
                              zu::Allocator<std::pair<const zu::InplaceString<128>, PipeEntry*>>>;
-    // Copies of the address fields, taken at the start of a pass.
+    // A copy of the addresses a client connects to, taken under the address lock.
     struct Address {
         zu::InplaceString<128> host;
         uint32_t port = 0;
         zu::InplaceString<128> redirectHost;
         uint32_t redirectPort = 0;
-        bool redirectPending = false;
     };
     // What a pass waits on before the next one.
     class WaitList {
@@ -129,10 +128,9 @@ private:
     void detachPipesFrom(const net::Socket* socket);
 
     // --- Helpers ---
-    PipeEntry* findEntry(const char* pipeName);                         // pipesLock held
-    PipeEntry* createEntry(const char* pipeName, net::Socket* socket);  // pipesLock held
+    PipeEntry* findEntry(const char* pipeName);    // pipesLock held
+    PipeEntry* createEntry(const char* pipeName);  // pipesLock held
     NetCommunicationPipe* findPipe(const char* pipeName);
-    void collectPipes(zu::Vector<PipeEntry*>& into);
     Address copyAddress();
     zu::InplaceString<128> copyName();
     void setRemoteName(const char* name);
