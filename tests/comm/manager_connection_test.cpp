@@ -127,7 +127,7 @@ TEST_F(ManagerConnectionTest, RequestsSurviveTheServerProcessBeingKilledAndResta
 std::string connectedServerName(const char* clientName, uint32_t port) {
     dm::CommunicationPipeManager* client =
         dm::initCommunicationManagerAsClient(clientName, "127.0.0.1", static_cast<int>(port));
-    dm::CommunicationPipe* pipe = client->getPipe("lobby");
+    dm::CommunicationPipe* pipe = client->getPipe((std::string("lobby of ") + clientName).c_str());
     if (!waitUntil([&] { return pipe->isConnected(); })) {
         return "(not connected)";
     }
@@ -148,7 +148,16 @@ TEST_F(ManagerConnectionTest, ARedirectSendsExactlyTheNextClientElsewhere) {
     EXPECT_EQ(connectedServerName("second", hubPort), "target");
     EXPECT_EQ(connectedServerName("third", hubPort), "hub");
     EXPECT_EQ(m_connections.calls.load(), 2);
-    EXPECT_TRUE(target->getPipe("lobby")->isConnected());
+    EXPECT_TRUE(target->getPipe("lobby of second")->isConnected());
+
+    // A client that leaves takes the address of a pending redirect with it: the next client is
+    // sent to an empty address, drops, and comes back to the address it was given.
+    hub->setRedirect("127.0.0.1", portOf(target));
+    dm::deinitCommunicationManager("first");
+    ASSERT_TRUE(waitUntil([&] { return !hub->getPipe("lobby of first")->isConnected(); }));
+    EXPECT_EQ(connectedServerName("fourth", hubPort), "hub");
+    EXPECT_EQ(m_connections.calls.load(), 4);  // the fourth came twice
+    EXPECT_FALSE(target->pipeExists("lobby of fourth"));
 }
 
 TEST_F(ManagerConnectionTest, AWelcomeOfAnotherVersionDropsTheConnection) {
