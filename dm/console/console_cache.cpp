@@ -98,6 +98,17 @@ void readLineStore(zu::FileStream& stream, BoundedLineStore<Line>& store, const 
     }
 }
 
+// No flush to the medium before the rename: a cache is not worth a stall of the game's thread,
+// and a crash right after a save loses at most that save.
+void writeCacheFile(const char* path,
+                    const BoundedLineStore<ScrollingTextWindow::ConsoleLine>& lines,
+                    const BoundedLineStore<zu::InplaceString<256>>& commands) {
+    zu::File file(path, zu::File::ModeWrite);
+    zu::FileStream stream(file);
+    writeLineStore(stream, lines);
+    writeLineStore(stream, commands);
+}
+
 }  // namespace
 
 // A cache that cannot be loaded is no error of the window: it starts empty, as on a first run,
@@ -138,43 +149,42 @@ void ScrollingTextWindow::load() {
                                           static_cast<uint32_t>(formattedLines.lines.size()));
 }
 
-// Holds the lock throughout, so that printing threads neither change the lines being written
-// nor lose a change made meanwhile: one save costs them a wait of one file write, at most once
-// a second.
+// Copies the stores under the lock and writes the copy without it: printing threads wait for a
+// copy of the lines, not for the file. A line printed after the copy marks the cache dirty
+// again and goes into the next save. Runs on the thread that updates the console, one save at a
+// time.
 void ScrollingTextWindow::save() {
-    zu::ScopedLock lock(mutex);
-    if (!cacheDirty) {
-        return;
-    }
-    cacheDirty = false;
-    if (zu::File::isFileSystemReadOnly()) {
-        return;
+    BoundedLineStore<ConsoleLine> lines;
+    BoundedLineStore<zu::InplaceString<256>> commands;
+    {
+        zu::ScopedLock lock(mutex);
+        if (!cacheDirty) {
+            return;
+        }
+        cacheDirty = false;
+        if (zu::File::isFileSystemReadOnly()) {
+            return;
+        }
+        lines = consoleLines;
+        commands = commandStack;
     }
     const zu::InplaceString<256> temporaryPath = temporaryCacheFilePath();
     zu::FileSystem& fileSystem = zu::getFileSystem();
     try {
-        writeCacheFile(temporaryPath.c_str());
+        writeCacheFile(temporaryPath.c_str(), lines, commands);
     } catch (const zu::FileException&) {
         // No room, no folder, no permission: no cache this time, and the old file stays.
         fileSystem.deleteFile(temporaryPath.c_str());
         return;
     } catch (...) {
         fileSystem.deleteFile(temporaryPath.c_str());
+        zu::ScopedLock lock(mutex);
         cacheDirty = true;
         throw;
     }
     if (!fileSystem.moveFile(temporaryPath.c_str(), cacheFilePath().c_str(), true)) {
         fileSystem.deleteFile(temporaryPath.c_str());
     }
-}
-
-// No flush to the medium before the rename: a cache is not worth a stall of the game's thread,
-// and a crash right after a save loses at most that save.
-void ScrollingTextWindow::writeCacheFile(const char* path) {
-    zu::File file(path, zu::File::ModeWrite);
-    zu::FileStream stream(file);
-    writeLineStore(stream, consoleLines);
-    writeLineStore(stream, commandStack);
 }
 
 }  // namespace dm

@@ -97,7 +97,6 @@ void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool co
     } else {
         ++keyRepeatCount;
     }
-    const int64_t storedLines = static_cast<int64_t>(getConsoleLineCount());
     switch (key) {
         case KeyTab:
             if (!alt) {
@@ -113,6 +112,9 @@ void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool co
         case InputLine::KeyEnd:
         case InputLine::KeyHome:
             if (control) {
+                // The count under the lock: printing threads add lines meanwhile.
+                zu::ScopedLock lock(mutex);
+                const int64_t storedLines = static_cast<int64_t>(getConsoleLineCount());
                 scrollView(key == InputLine::KeyEnd ? -storedLines : storedLines);
             } else {
                 inputLine->handleKey(key, character, true);

@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "console/fake_shape_engine.h"
@@ -338,6 +341,44 @@ TEST_F(CacheTest, ASaveThatFailsLeavesThePreviousFileAsItWas) {
     ScrollingTextWindow reloaded(&engine, 0.0f);
     for (const char* expected : {"cmd4", "cmd3", "cmd2", "cmd1"}) {
         EXPECT_EQ(browse(reloaded, vk::Up), expected);
+    }
+}
+
+TEST_F(CacheTest, SavesAndScrollsWhileOtherThreadsPrint) {
+    constexpr int kPrinters = 4;
+    constexpr int kLinesEach = 150;
+    ScrollingTextWindow window(&engine, 0.0f);
+    std::atomic<int> finished{0};
+    std::vector<std::thread> printers;
+    for (int thread = 0; thread < kPrinters; ++thread) {
+        printers.emplace_back([&window, &finished, thread] {
+            for (int line = 0; line < kLinesEach; ++line) {
+                window.printWithPrefix(true, "t%d n%03d\n", thread, line);
+            }
+            finished.fetch_add(1);
+        });
+    }
+    // The main thread's share: saving, scrolling and browsing while the lines come in.
+    for (int round = 0; round < 100000 && finished.load() < kPrinters; ++round) {
+        window.save();
+        window.appendInput(round % 2 == 0 ? vk::PageUp : vk::PageDown, 0, false, false, false);
+        window.appendInput(vk::End, 0, false, true, false);
+    }
+    for (std::thread& printer : printers) {
+        printer.join();
+    }
+    window.save();
+
+    ScrollingTextWindow reloaded(&engine, 0.0f);
+    const std::vector<std::string> lines = dmtest::consoleLinesOldestFirst(reloaded);
+    ASSERT_EQ(lines.size(), static_cast<size_t>(kPrinters * kLinesEach));
+    std::vector<int> nextLine(kPrinters, 0);
+    for (const std::string& line : lines) {
+        int thread = -1;
+        int number = -1;
+        ASSERT_EQ(std::sscanf(line.c_str(), ">t%d n%3d\n", &thread, &number), 2) << line;
+        ASSERT_TRUE(thread >= 0 && thread < kPrinters) << line;
+        EXPECT_EQ(number, nextLine[thread]++) << line;
     }
 }
 

@@ -388,7 +388,6 @@ private:
     void scrollView(int64_t lines);
     void scrollCommands(int delta);
     void loadCacheOrKeepDefaults();
-    void writeCacheFile(const char* path);
     // `depth` counts how many aliases the words lie inside.
     void resolveAliases(ConsoleWordList& out, const ConsoleWordList& in, int depth = 0) const;
     void checkAliasValidity(AliasNameSet& visited, const ConsoleWordList& words,
