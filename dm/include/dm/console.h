@@ -319,8 +319,8 @@ public:
     // Handles one key: Tab completes (Shift+Tab backwards, Alt+Tab nothing), Page Up/Down
     // scroll the text by a page, Control+Home/End to the oldest/newest line, Up/Down browse the
     // history (with Control they scroll the text a line); every other key edits the command
-    // line. A Tab right after another Tab, or any key with Shift held, continues the current
-    // completion cycle instead of starting a new one.
+    // line. A plain Tab starts a new completion cycle unless the last key pressed without Shift
+    // was a Tab as well; Shift+Tab always goes on with the current cycle.
     void appendInput(int key, char character, bool alt, bool control, bool shift);
     const zu::String& getText() const;
     // Replaces the command line's text and puts the cursor at its end.
@@ -356,9 +356,9 @@ public:
     void parseCommandLine(ConsoleWordList& words, bool addToStack);
     // Throws ScrollingTextWindowException_IllegalAliasDefinition when defining alias `name` as
     // `text` would loop, judged against the aliases now in the map: an alias met twice while
-    // expanding `text` counts as a loop, even on separate branches ("b;b" where b is an alias).
-    // Enter the new definition first, check, and take it out again when this throws, so that a
-    // name referring to itself is caught too.
+    // expanding `text` counts as a loop, even on separate branches ("b;b" where b is an alias);
+    // so do aliases nested deeper than kMaxAliasNesting. Enter the new definition first, check, and
+    // take it out again when this throws, so that a name referring to itself is caught too.
     void checkAliasValidity(const zu::InplaceString<256>& name, const zu::String& text) const;
     // Alias name (case-insensitive) to alias text.
     const AliasMap& getAliasesMap() const { return aliases; }
