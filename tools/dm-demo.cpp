@@ -1,8 +1,21 @@
-// dm-demo: shows the runtime at work. A server thread and a client thread exchange packets over
-// loopback TCP; the client sends numbered pings with a text and a payload, the server answers
-// each, and the demo prints what travelled and how long a round trip took.
+// dm-demo: shows dm at work, one service after another.
+//  1. The runtime: a server thread and a client thread exchange packets over loopback TCP.
+//  2. The debug-monitor link: the demo plays a game that prints text, in-place values and a
+//     profile snapshot, watched by the dm-monitor tool started as a second process.
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+#include <signal.h>
+
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <string>
+
+#include "d/profile.h"
+#include "dm/monitor.h"
 
 #include "net/listener.h"
 #include "net/packet.h"
@@ -113,9 +126,8 @@ int runClient(uint32_t port) {
     return 0;
 }
 
-}  // namespace
-
-int main() {
+int runPacketDemo() {
+    std::printf("== 1. packets over loopback TCP\n");
     net::Listener listener(0, "127.0.0.1");
     if (!listener.isListening()) {
         std::printf("could not listen on loopback\n");
@@ -126,6 +138,84 @@ int main() {
     server.startThread();
     int clientResult = runClient(listener.getPort());
     int serverResult = server.joinThread();
-    std::printf("%s\n", clientResult == 0 && serverResult == 0 ? "demo finished" : "demo failed");
     return clientResult == 0 && serverResult == 0 ? 0 : 1;
+}
+
+// The folder this program lives in, where the other tools are built too.
+std::string programFolder() {
+    char path[PATH_MAX] = {};
+    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    std::string self = length > 0 ? std::string(path, static_cast<size_t>(length)) : "./";
+    return self.substr(0, self.rfind('/') + 1);
+}
+
+// Starts dm-monitor on `port`, expecting `packets` packets; returns its pid or -1.
+pid_t startMonitorTool(int port, int packets) {
+    std::string tool = programFolder() + "dm-monitor";
+    std::string count = std::to_string(packets);
+    std::string portText = std::to_string(port);
+    const char* argv[] = {tool.c_str(), "--count",   count.c_str(),    "--timeout",
+                          "10",         "127.0.0.1", portText.c_str(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    pid_t pid = -1;
+    int failed =
+        posix_spawn(&pid, tool.c_str(), &actions, nullptr, const_cast<char* const*>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return failed ? -1 : pid;
+}
+
+// One game frame's worth of monitor output.
+void printFrame(int frame) {
+    d::Profile::ThreadProfiler::Scope scope("demo frame");
+    dm::print("frame %d: hello from the game\n", frame);
+    dm::printInPlace(1, "frame", "%d", frame);
+    dm::printInPlace(1, "frame time", "%.1f ms", 16.6 + frame * 0.1);
+    dm::printInPlace(2, "streamed", "%d KiB", frame * 256);
+}
+
+int runMonitorDemo() {
+    std::printf("\n== 2. the debug-monitor link, watched by dm-monitor\n");
+    std::fflush(stdout);  // the tool shares this output
+    dm::init(0);
+    constexpr int kFrames = 3;
+    constexpr int kPacketsPerFrame = 4;
+    pid_t monitor = startMonitorTool(dm::getMonitorPort(), kFrames * kPacketsPerFrame + 1);
+    if (monitor < 0) {
+        std::printf("could not start dm-monitor\n");
+        dm::deinit();
+        return 1;
+    }
+    int status = -1;
+    int frame = 0;
+    zu::Timer timer;
+    while (timer.getElapsedSeconds() < 10.0 && waitpid(monitor, &status, WNOHANG) == 0) {
+        dm::update();  // accepts the monitor once it connects
+        if (dm::getMonitorConnectionCount() > 0 && frame < kFrames) {
+            printFrame(++frame);
+            if (frame == kFrames) {
+                dm::createProfilePacket();
+            }
+        }
+        zu::sleepMs(16);  // a frame
+    }
+    dm::deinit();
+    bool finished = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (!finished) {
+        kill(monitor, SIGKILL);
+        waitpid(monitor, &status, 0);
+    }
+    return finished ? 0 : 1;
+}
+
+}  // namespace
+
+int main() {
+    zu::setThreadName(zu::getCurrentThreadId(), "dm-demo main");
+    int failures = runPacketDemo();
+    std::fflush(stdout);
+    failures += runMonitorDemo();
+    std::printf("\n%s\n", failures == 0 ? "demo finished" : "demo failed");
+    return failures == 0 ? 0 : 1;
 }

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <thread>
@@ -40,17 +41,34 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
-ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args) {
-    std::string path = std::string(DM_TEST_PROGRAM_DIR) + "/" + program;
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                           bool withInput) {
+    std::string path =
+        program.rfind('/', 0) == 0 ? program : std::string(DM_TEST_PROGRAM_DIR) + "/" + program;
     int fds[2];
     if (pipe(fds) != 0) {
         return;
+    }
+    int inputFds[2] = {-1, -1};
+    if (withInput) {
+        // The test's end must not leak into other children, or closeInput would not end input.
+        if (pipe(inputFds) != 0) {
+            close(fds[0]);
+            close(fds[1]);
+            return;
+        }
+        fcntl(inputFds[1], F_SETFD, FD_CLOEXEC);
+        signal(SIGPIPE, SIG_IGN);  // a child that has gone makes writeInput fail, not kill us
     }
     pid_t pid = fork();
     if (pid == 0) {
         dup2(fds[1], STDOUT_FILENO);
         close(fds[0]);
         close(fds[1]);
+        if (withInput) {
+            dup2(inputFds[0], STDIN_FILENO);
+            close(inputFds[0]);
+        }
         std::vector<char*> argv;
         argv.push_back(path.data());
         std::vector<std::string> copies(args);
@@ -62,12 +80,17 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         _exit(127);
     }
     close(fds[1]);
+    if (withInput) {
+        close(inputFds[0]);
+        m_inputFd = inputFds[1];
+    }
     m_pid = pid;
     m_outputFd = fds[0];
     fcntl(m_outputFd, F_SETFL, fcntl(m_outputFd, F_GETFL) | O_NONBLOCK);
 }
 
 ChildProcess::~ChildProcess() {
+    closeInput();
     kill();
     if (m_outputFd >= 0) {
         close(m_outputFd);
@@ -131,6 +154,25 @@ void ChildProcess::kill() {
         int status = 0;
         waitpid(m_pid, &status, 0);
         m_pid = -1;
+    }
+}
+
+bool ChildProcess::writeInput(const std::string& text) {
+    size_t written = 0;
+    while (m_inputFd >= 0 && written < text.size()) {
+        ssize_t done = write(m_inputFd, text.data() + written, text.size() - written);
+        if (done < 0 && errno != EINTR) {
+            return false;
+        }
+        written += done > 0 ? static_cast<size_t>(done) : 0;
+    }
+    return m_inputFd >= 0;
+}
+
+void ChildProcess::closeInput() {
+    if (m_inputFd >= 0) {
+        close(m_inputFd);
+        m_inputFd = -1;
     }
 }
 

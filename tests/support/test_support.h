@@ -31,8 +31,10 @@ bool waitUntil(const std::function<bool()>& condition,
 // A program started as a second process, with its standard output captured.
 class ChildProcess {
 public:
-    // Starts DM_TEST_PROGRAM_DIR/<program> with `args`.
-    ChildProcess(const std::string& program, const std::vector<std::string>& args);
+    // Starts DM_TEST_PROGRAM_DIR/<program> (or `program` itself when it is an absolute path)
+    // with `args`. With `withInput` its standard input is a pipe fed by writeInput.
+    ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                 bool withInput = false);
     ~ChildProcess();  // kills the process if it still runs
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -47,11 +49,17 @@ public:
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(10));
     void kill();
 
+    // Writes `text` to the child's standard input (see withInput); false when it cannot.
+    bool writeInput(const std::string& text);
+    // Closes the child's standard input, so that it reads end-of-file.
+    void closeInput();
+
 private:
     void readAvailable(int timeoutMs);
 
     int m_pid = -1;
     int m_outputFd = -1;
+    int m_inputFd = -1;
     std::string m_output;
 };
 

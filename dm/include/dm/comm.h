@@ -1,6 +1,298 @@
-// dm comm interface.
+// Communication pipes: named two-way message channels between processes, carried over TCP,
+// and the text encoders for binary data and URLs.
+//
+// A pipe is owned by a pipe manager, whose single thread moves the queued messages over the
+// connection's socket and feeds received packets back into the pipe. Application threads use
+// the CommunicationPipe interface only.
 #pragma once
 
-#include "dm/export.h"
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 
-namespace dm {}  // namespace dm
+#include "dm/export.h"
+#include "net/packet.h"
+#include "net/socket.h"
+#include "zu/event.h"
+#include "zu/mutex.h"
+#include "zu/string.h"
+#include "zu/vector.h"
+
+namespace dm {
+
+class CommunicationPipe;
+class CommunicationPipeManager;
+namespace pipe_protocol {
+struct ChunkFields;
+}
+
+// A callback on a pipe: a context pointer and a function. It counts as set when either member
+// is non-null; the function is then called with the context and the pipe.
+struct PipeCallback {
+    using Function = void (*)(void* context, CommunicationPipe* pipe);
+
+    void* context = nullptr;
+    Function function = nullptr;
+
+    bool isSet() const { return context != nullptr || function != nullptr; }
+};
+
+// One named, two-way message channel. Thread-safe: any number of threads may call these.
+class DM_API CommunicationPipe {
+public:
+    CommunicationPipe() = default;
+    CommunicationPipe(const CommunicationPipe&) = delete;
+    CommunicationPipe& operator=(const CommunicationPipe&) = delete;
+
+    virtual const char* getName() const = 0;
+    // True while the pipe is attached to a connection.
+    virtual bool isConnected() const = 0;
+    virtual CommunicationPipeManager* getManager() const = 0;
+    // The peer's address while connected, else "".
+    virtual zu::InplaceString<128> getConnectedIP() const = 0;
+
+    // Queues a notification; false (nothing queued) while not connected. A value of 0 is sent
+    // as the owning manager's id. Does not block.
+    virtual bool sendNotify(const char* text, uint32_t value) = 0;
+    // The oldest notification if it has arrived whole (its value goes to `outValue` when that
+    // is non-null), else "" with `outValue` untouched. Does not block.
+    virtual zu::InplaceString<128> receiveNotify(uint32_t* outValue) = 0;
+
+    // Queues a request and blocks, without a time-out, until its response has arrived; returns
+    // the response text. Binary response data is copied to `responseBuffer` up to
+    // `responseCapacity` bytes; its full size goes to `outResponseSize` (when non-null), so a
+    // larger result than the buffer shows. `data` (may be null when `dataSize` is 0) must stay
+    // valid until the call returns. Requests survive disconnects and go out once connected.
+    virtual zu::InplaceString<128> sendRequest(const char* text, uint32_t value,
+                                               void* responseBuffer, uint32_t responseCapacity,
+                                               uint32_t* outResponseSize, const void* data,
+                                               uint32_t dataSize) = 0;
+    // Takes the oldest incoming request as the current one and returns its text (its value to
+    // `outValue` when non-null), or "" with `outValue` untouched. Does not block. A request is
+    // handed out only once all of its data has arrived; until then it holds back newer ones.
+    virtual zu::InplaceString<128> receiveRequest(uint32_t* outValue) = 0;
+    // The binary data of the current request (null and 0 when there is none). The data stays
+    // valid until respond returns, until receiveRequest takes another request, or until the
+    // first of these calls after the pipe was reset by a reconnect.
+    virtual void getRequestData(void** outData, uint32_t* outSize) = 0;
+    // Answers the current request and blocks until the response has been written to the
+    // socket. `data` must stay valid until then. A request taken before the pipe was last
+    // reset (a reconnect) is not answered: the call returns at once.
+    virtual void respond(const char* text, const void* data, uint32_t dataSize) = 0;
+
+    // Callbacks run on the manager's thread, outside the pipe's locks.
+    // Called when the pipe is attached to a connection.
+    virtual void setConnectionCallback(PipeCallback callback) = 0;
+    // Called when a notification has arrived whole.
+    virtual void setNotifyCallback(PipeCallback callback) = 0;
+    // Called when a request has arrived whole.
+    virtual void setRequestCallback(PipeCallback callback) = 0;
+
+    virtual ~CommunicationPipe();
+};
+
+// What a pipe needs from the manager that owns it.
+class DM_API PipeOwner {
+public:
+    PipeOwner() = default;
+    PipeOwner(const PipeOwner&) = delete;
+    PipeOwner& operator=(const PipeOwner&) = delete;
+
+    // The manager reported by CommunicationPipe::getManager (may be null).
+    virtual CommunicationPipeManager* getOwningManager() = 0;
+    // The value that replaces a notification value of 0 on sending.
+    virtual uint32_t getOwnerId() const = 0;
+
+protected:
+    virtual ~PipeOwner();
+};
+
+// Snapshot of a pipe's queue lengths, for diagnostics.
+struct PipeQueueSizes {
+    size_t incomingRequests = 0;
+    size_t outgoingRequests = 0;
+    size_t incomingNotifications = 0;
+    size_t outgoingNotifications = 0;
+    size_t outgoingResponses = 0;
+};
+
+// The pipe over a net::Socket. The public CommunicationPipe operations are for any thread; the
+// operations below them are for the owning manager's thread only (one thread per pipe).
+class DM_API NetCommunicationPipe final : public CommunicationPipe {
+public:
+    // Incoming requests and notifications larger than this are dropped unread by default:
+    // room for whole-file reads of a few hundred MiB.
+    static constexpr uint32_t kDefaultMaxMessageSize = 512u * 1024u * 1024u;
+    // Marks the current request as taken over an earlier connection (never sent).
+    static constexpr const char* kAbortToken = "666ABORTALL666";
+
+    // `owner` may be null (no manager; notification values of 0 are then sent as 0).
+    NetCommunicationPipe(PipeOwner* owner, const char* name);
+    // No thread may be blocked in sendRequest or respond any more.
+    ~NetCommunicationPipe() override;
+
+    const char* getName() const override { return m_name.c_str(); }
+    bool isConnected() const override { return m_socket.load() != nullptr; }
+    CommunicationPipeManager* getManager() const override;
+    zu::InplaceString<128> getConnectedIP() const override;
+    bool sendNotify(const char* text, uint32_t value) override;
+    zu::InplaceString<128> receiveNotify(uint32_t* outValue) override;
+    zu::InplaceString<128> sendRequest(const char* text, uint32_t value, void* responseBuffer,
+                                       uint32_t responseCapacity, uint32_t* outResponseSize,
+                                       const void* data, uint32_t dataSize) override;
+    zu::InplaceString<128> receiveRequest(uint32_t* outValue) override;
+    void getRequestData(void** outData, uint32_t* outSize) override;
+    void respond(const char* text, const void* data, uint32_t dataSize) override;
+    void setConnectionCallback(PipeCallback callback) override;
+    void setNotifyCallback(PipeCallback callback) override;
+    void setRequestCallback(PipeCallback callback) override;
+
+    // Limit for the total size of incoming request data and notification texts; larger
+    // messages are dropped instead of allocated.
+    void setMaxMessageSize(uint32_t bytes) { m_maxMessageSize.store(bytes); }
+    uint32_t getMaxMessageSize() const { return m_maxMessageSize.load(); }
+    PipeQueueSizes getQueueSizes() const;
+    // Signalled whenever something is queued for sending; a manager sleeps on it.
+    zu::WaitHandle getWakeHandle() const { return m_wakeEvent.getWaitHandle(); }
+
+    // --- For the owning manager's thread ---
+
+    // Resets the pipe, binds it to `socket` (not owned) and calls the connection callback.
+    void attachSocket(net::Socket* socket);
+    // Unbinds the socket; queues are kept for the next attach.
+    void detachSocket();
+    // Starts over after a reconnect: incoming requests are dropped, a request taken before
+    // is not answered, unanswered outgoing requests are sent again, queued notifications go.
+    void reset();
+    // Sends up to 8 queued messages of each kind on `socket` (nothing when it is null).
+    void pumpOutgoing(net::Socket* socket);
+
+    // Receive handlers. The connection loop has read the message head (kind, pipe name and
+    // the fields up to the text); `packet` is positioned just behind them. Malformed or
+    // oversized chunks are dropped.
+    void onRequestPacket(uint32_t id, uint32_t value, const char* text, net::Packet& packet,
+                         uint32_t packetSize);
+    void onResponsePacket(uint32_t id, const char* text, net::Packet& packet);
+    void onNotifyPacket(uint32_t id, uint32_t value, net::Packet& packet);
+
+private:
+    struct RequestRecord {
+        uint32_t id = 0;
+        uint32_t value = 0;
+        zu::InplaceString<128> text;
+        zu::InplaceString<128> responseText;
+        bool responseReceived = false;
+        bool sent = false;
+        bool complete = false;  // incoming: every chunk has arrived
+        void* responseBuffer = nullptr;
+        uint32_t responseCapacity = 0;
+        uint32_t responseSize = 0;
+        uint32_t responseReceivedBytes = 0;
+        // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns.
+        void* data = nullptr;
+        uint32_t dataSize = 0;
+        uint32_t dataReceivedBytes = 0;
+        zu::Event* event = nullptr;  // outgoing: sendRequest waits on it
+    };
+    struct ResponseRecord {
+        uint32_t serial = 0;  // tells apart responses that share a request id
+        uint32_t requestId = 0;
+        zu::InplaceString<128> text;
+        bool sent = false;
+        const void* data = nullptr;
+        uint32_t dataSize = 0;
+        zu::Event* event = nullptr;  // respond waits on it
+    };
+    struct NotificationRecord {
+        uint32_t id = 0;
+        uint32_t value = 0;
+        zu::InplaceString<128> text;
+        uint32_t expectedLength = 0;
+        uint32_t receivedLength = 0;
+    };
+    using ChunkFields = pipe_protocol::ChunkFields;
+
+    static constexpr uint32_t kNoId = 0xFFFFFFFFu;
+    static constexpr size_t kInitialQueueRoom = 16;
+    static constexpr size_t kMaxSentPerPump = 8;
+
+    // Outgoing side (outgoingLock held).
+    zu::Event* takeEvent();
+    void releaseEvent(zu::Event* event);
+    RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr);
+    ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
+    bool collectOutgoing();
+    void markSent();
+    void sendCollected(net::Socket& socket);
+
+    // Incoming side (incomingLock held).
+    void discardAbortedRequest();
+    void freeIncomingRequests();
+    RequestRecord* findPartialRequest(uint32_t id);
+    RequestRecord* addIncomingRequest(uint32_t id, uint32_t value, const char* text,
+                                      const ChunkFields& chunk);
+    NotificationRecord* findPartialNotification(uint32_t id);
+    bool storeRequestChunk(uint32_t id, uint32_t value, const char* text, const ChunkFields& chunk,
+                           net::Packet& packet);
+    bool storeNotifyChunk(uint32_t id, uint32_t value, const ChunkFields& chunk,
+                          net::Packet& packet);
+    bool fitsMessageLimit(uint32_t totalSize) const;
+    void invoke(const PipeCallback& callback);
+
+    PipeOwner* const m_owner;
+    const zu::InplaceString<128> m_name;
+
+    // Guarded by m_incomingLock.
+    mutable zu::Mutex m_incomingLock;
+    RequestRecord m_currentRequest;
+    zu::Vector<RequestRecord> m_incomingRequests;
+    zu::Vector<NotificationRecord> m_incomingNotifications;
+    uint32_t m_lastCompletedRequestId = kNoId;
+    uint32_t m_lastCompletedNotifyId = kNoId;
+    PipeCallback m_connectionCallback;
+    PipeCallback m_notifyCallback;
+    PipeCallback m_requestCallback;
+
+    // Guarded by m_outgoingLock.
+    mutable zu::Mutex m_outgoingLock;
+    zu::Vector<RequestRecord> m_outgoingRequests;
+    zu::Vector<NotificationRecord> m_outgoingNotifications;
+    zu::Vector<ResponseRecord> m_outgoingResponses;
+    zu::Vector<zu::Event*> m_spareEvents;  // reused by blocking calls, so none is made per call
+    uint32_t m_nextRequestId = 0;
+    uint32_t m_nextNotifyId = 0;
+    uint32_t m_nextResponseSerial = 0;
+    zu::InplaceString<128> m_connectedIP;
+
+    std::atomic<net::Socket*> m_socket{nullptr};
+    std::atomic<uint32_t> m_maxMessageSize{kDefaultMaxMessageSize};
+    zu::Event m_wakeEvent;
+
+    // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,
+    // kept between passes so that pumping allocates nothing once warmed up.
+    zu::Vector<ResponseRecord> m_pumpResponses;
+    zu::Vector<RequestRecord> m_pumpRequests;
+    zu::Vector<NotificationRecord> m_pumpNotifications;
+    net::Packet m_sendPacket;
+};
+
+// Writes each byte as two lower-case hexadecimal digits, high nibble first; `out` becomes
+// exactly 2 * size characters.
+DM_API void binaryDataToString(const uint8_t* data, size_t size, zu::String& out);
+// Reads pairs of hexadecimal digits (either case) into bytes; `out` gets length / 2 bytes and
+// an odd last character is ignored. Invalid digits are not reported: they count as 255, so an
+// invalid high digit gives 0xF0 + low and an invalid low digit gives high * 16 - 1.
+DM_API void stringToBinaryData(const zu::String& in, zu::Vector<char>& out);
+
+}  // namespace dm
+
+namespace net {
+
+// Keeps letters, digits and "$-_.+!*'()," and writes every other byte as "%XX" (upper case).
+DM_API zu::InplaceString<256> urlEncodeString(zu::InplaceString<128> in);
+// Turns "%" and the (up to) two characters after it into one byte, taking each escape digit
+// as its distance from '0': decimal escapes such as "%20" decode, hexadecimal letters do not
+// ("%2F" gives '6'). '+' stays as it is. A '%' at the end gives a zero byte.
+DM_API zu::InplaceString<256> urlDecodeString(zu::InplaceString<128> in);
+
+}  // namespace net

@@ -1,0 +1,438 @@
+// NetCommunicationPipe: the queues, the blocking calls and the manager's send step. The
+// receive handlers are in net_pipe_receive.cpp.
+#include <utility>
+
+#include "comm/pipe_protocol.h"
+#include "dm/comm.h"
+#include "zu/memory.h"
+
+namespace dm {
+
+CommunicationPipe::~CommunicationPipe() = default;
+PipeOwner::~PipeOwner() = default;
+
+namespace {
+
+const char* orEmpty(const char* text) {
+    return text ? text : "";
+}
+
+bool isAbortToken(const zu::String& text) {
+    return text.equalsIgnoreCase(NetCommunicationPipe::kAbortToken);
+}
+
+}  // namespace
+
+NetCommunicationPipe::NetCommunicationPipe(PipeOwner* owner, const char* name)
+    : m_owner(owner), m_name(orEmpty(name)) {
+    m_incomingRequests.reserve(kInitialQueueRoom);
+    m_incomingNotifications.reserve(kInitialQueueRoom);
+    m_outgoingRequests.reserve(kInitialQueueRoom);
+    m_outgoingNotifications.reserve(kInitialQueueRoom);
+    m_outgoingResponses.reserve(kInitialQueueRoom);
+    m_pumpResponses.reserve(kMaxSentPerPump);
+    m_pumpRequests.reserve(kMaxSentPerPump);
+    m_pumpNotifications.reserve(kMaxSentPerPump);
+}
+
+NetCommunicationPipe::~NetCommunicationPipe() {
+    freeIncomingRequests();
+    zu::deleteMemory(m_currentRequest.data);
+    for (zu::Event* event : m_spareEvents) {
+        zu::deleteObject(event);
+    }
+}
+
+CommunicationPipeManager* NetCommunicationPipe::getManager() const {
+    return m_owner ? m_owner->getOwningManager() : nullptr;
+}
+
+zu::InplaceString<128> NetCommunicationPipe::getConnectedIP() const {
+    if (!isConnected()) {
+        return {};
+    }
+    zu::ScopedLock lock(m_outgoingLock);
+    return m_connectedIP;
+}
+
+PipeQueueSizes NetCommunicationPipe::getQueueSizes() const {
+    PipeQueueSizes sizes;
+    {
+        zu::ScopedLock lock(m_incomingLock);
+        sizes.incomingRequests = m_incomingRequests.size();
+        sizes.incomingNotifications = m_incomingNotifications.size();
+    }
+    zu::ScopedLock lock(m_outgoingLock);
+    sizes.outgoingRequests = m_outgoingRequests.size();
+    sizes.outgoingNotifications = m_outgoingNotifications.size();
+    sizes.outgoingResponses = m_outgoingResponses.size();
+    return sizes;
+}
+
+// --- Notifications ---
+
+bool NetCommunicationPipe::sendNotify(const char* text, uint32_t value) {
+    if (!isConnected()) {
+        return false;  // notifications are never kept for a later connection
+    }
+    {
+        zu::ScopedLock lock(m_outgoingLock);
+        NotificationRecord& notification = m_outgoingNotifications.emplace_back();
+        notification.id = m_nextNotifyId++;
+        notification.value = value;
+        notification.text = orEmpty(text);
+    }
+    m_wakeEvent.signal();
+    return true;
+}
+
+zu::InplaceString<128> NetCommunicationPipe::receiveNotify(uint32_t* outValue) {
+    zu::ScopedLock lock(m_incomingLock);
+    // Only the oldest is looked at: an incomplete one holds back those behind it.
+    if (m_incomingNotifications.empty()) {
+        return {};
+    }
+    NotificationRecord& oldest = m_incomingNotifications.front();
+    if (oldest.receivedLength < oldest.expectedLength) {
+        return {};
+    }
+    if (outValue) {
+        *outValue = oldest.value;
+    }
+    zu::InplaceString<128> text(std::move(oldest.text));
+    m_incomingNotifications.erase(0);
+    return text;
+}
+
+// --- Requests ---
+
+zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint32_t value,
+                                                         void* responseBuffer,
+                                                         uint32_t responseCapacity,
+                                                         uint32_t* outResponseSize,
+                                                         const void* data, uint32_t dataSize) {
+    uint32_t id = 0;
+    zu::Event* event = nullptr;
+    {
+        // Numbered under the lock, so that ids rise in queue order: the receiver drops an id
+        // that is not above the last one it completed, and requests go out in queue order.
+        zu::ScopedLock lock(m_outgoingLock);
+        id = m_nextRequestId++;
+        event = takeEvent();
+        RequestRecord& request = m_outgoingRequests.emplace_back();
+        request.id = id;
+        request.value = value;
+        request.text = orEmpty(text);
+        request.responseBuffer = responseBuffer;
+        request.responseCapacity = responseBuffer ? responseCapacity : 0;
+        // Only read by the sender; the record never owns it.
+        request.data = data ? const_cast<void*>(data) : nullptr;
+        request.dataSize = data ? dataSize : 0;
+        request.event = event;
+    }
+    m_wakeEvent.signal();
+
+    zu::InplaceString<128> responseText;
+    for (;;) {
+        event->wait();
+        zu::ScopedLock lock(m_outgoingLock);
+        size_t index = 0;
+        RequestRecord* request = findOutgoingRequest(id, &index);
+        if (request && !request->responseReceived) {
+            continue;  // woken early; the response is not complete yet
+        }
+        if (request) {
+            responseText = std::move(request->responseText);
+            if (outResponseSize) {
+                *outResponseSize = request->responseSize;
+            }
+            m_outgoingRequests.erase(index);
+        }
+        releaseEvent(event);
+        return responseText;
+    }
+}
+
+zu::InplaceString<128> NetCommunicationPipe::receiveRequest(uint32_t* outValue) {
+    zu::ScopedLock lock(m_incomingLock);
+    discardAbortedRequest();
+    // Only a request whose data has fully arrived is handed out: one taken half-filled would
+    // be answered with partial data, and its remaining chunks would start a bogus new request.
+    // An incomplete oldest request holds back those behind it, as with notifications.
+    if (m_incomingRequests.empty() || !m_incomingRequests.front().complete) {
+        return {};
+    }
+    // An earlier request left unanswered gives its data up here instead of leaking it.
+    zu::deleteMemory(m_currentRequest.data);
+    m_currentRequest = std::move(m_incomingRequests.front());
+    m_incomingRequests.front().data = nullptr;
+    m_incomingRequests.erase(0);
+    if (outValue) {
+        *outValue = m_currentRequest.value;
+    }
+    return m_currentRequest.text;
+}
+
+void NetCommunicationPipe::getRequestData(void** outData, uint32_t* outSize) {
+    zu::ScopedLock lock(m_incomingLock);
+    discardAbortedRequest();
+    const bool hasRequest = !m_currentRequest.text.empty();
+    if (outData) {
+        *outData = hasRequest ? m_currentRequest.data : nullptr;
+    }
+    if (outSize) {
+        *outSize = hasRequest ? m_currentRequest.dataSize : 0;
+    }
+}
+
+void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t dataSize) {
+    uint32_t requestId = 0;
+    void* requestData = nullptr;
+    {
+        zu::ScopedLock lock(m_incomingLock);
+        if (isAbortToken(m_currentRequest.text)) {
+            discardAbortedRequest();  // the request came over an earlier connection
+            return;
+        }
+        requestId = m_currentRequest.id;
+        // Freed only once the response is out: the caller may answer with the request's data.
+        requestData = m_currentRequest.data;
+        m_currentRequest = RequestRecord();
+    }
+
+    zu::Event* event = nullptr;
+    uint32_t serial = 0;
+    {
+        zu::ScopedLock lock(m_outgoingLock);
+        event = takeEvent();
+        serial = m_nextResponseSerial++;
+        ResponseRecord& response = m_outgoingResponses.emplace_back();
+        response.serial = serial;
+        response.requestId = requestId;
+        response.text = orEmpty(text);
+        response.data = data;
+        response.dataSize = data ? dataSize : 0;
+        response.event = event;
+    }
+    m_wakeEvent.signal();
+
+    for (;;) {
+        event->wait();
+        zu::ScopedLock lock(m_outgoingLock);
+        size_t index = 0;
+        ResponseRecord* response = findOutgoingResponse(serial, &index);
+        if (response && !response->sent) {
+            continue;
+        }
+        if (response) {
+            m_outgoingResponses.erase(index);
+        }
+        releaseEvent(event);
+        break;
+    }
+    zu::deleteMemory(requestData);
+}
+
+// --- Callbacks ---
+
+void NetCommunicationPipe::setConnectionCallback(PipeCallback callback) {
+    zu::ScopedLock lock(m_incomingLock);
+    m_connectionCallback = callback;
+}
+
+void NetCommunicationPipe::setNotifyCallback(PipeCallback callback) {
+    zu::ScopedLock lock(m_incomingLock);
+    m_notifyCallback = callback;
+}
+
+void NetCommunicationPipe::setRequestCallback(PipeCallback callback) {
+    zu::ScopedLock lock(m_incomingLock);
+    m_requestCallback = callback;
+}
+
+void NetCommunicationPipe::invoke(const PipeCallback& callback) {
+    // A pair with only a context counts as set, but there is nothing to call.
+    if (callback.isSet() && callback.function) {
+        callback.function(callback.context, this);
+    }
+}
+
+// --- Connection ---
+
+void NetCommunicationPipe::attachSocket(net::Socket* socket) {
+    reset();
+    zu::InplaceString<128> peer = socket ? socket->getConnectedIP() : zu::InplaceString<128>();
+    {
+        // Kept here so that application threads never touch the manager's socket.
+        zu::ScopedLock lock(m_outgoingLock);
+        m_connectedIP = std::move(peer);
+    }
+    m_socket.store(socket);
+    PipeCallback callback;
+    {
+        zu::ScopedLock lock(m_incomingLock);
+        callback = m_connectionCallback;
+    }
+    invoke(callback);
+}
+
+void NetCommunicationPipe::detachSocket() {
+    m_socket.store(nullptr);
+    zu::ScopedLock lock(m_outgoingLock);
+    m_connectedIP.clear();
+}
+
+void NetCommunicationPipe::reset() {
+    {
+        zu::ScopedLock lock(m_incomingLock);
+        freeIncomingRequests();
+        m_currentRequest.text = kAbortToken;
+        m_lastCompletedRequestId = kNoId;
+    }
+    zu::ScopedLock lock(m_outgoingLock);
+    for (RequestRecord& request : m_outgoingRequests) {
+        request.sent = false;  // unanswered requests go out again on the new connection
+    }
+    m_outgoingNotifications.clear();
+}
+
+void NetCommunicationPipe::discardAbortedRequest() {
+    if (isAbortToken(m_currentRequest.text)) {
+        m_currentRequest.text.clear();
+        zu::deleteMemory(m_currentRequest.data);
+        m_currentRequest.data = nullptr;
+        m_currentRequest.dataSize = 0;
+    }
+}
+
+void NetCommunicationPipe::freeIncomingRequests() {
+    for (RequestRecord& request : m_incomingRequests) {
+        zu::deleteMemory(request.data);
+    }
+    m_incomingRequests.clear();
+}
+
+// --- Sending (manager thread) ---
+
+void NetCommunicationPipe::pumpOutgoing(net::Socket* socket) {
+    if (!socket || !collectOutgoing()) {
+        return;
+    }
+    sendCollected(*socket);
+    markSent();
+}
+
+bool NetCommunicationPipe::collectOutgoing() {
+    m_pumpResponses.clear();
+    m_pumpRequests.clear();
+    m_pumpNotifications.clear();
+    zu::ScopedLock lock(m_outgoingLock);
+    if (m_outgoingResponses.empty() && m_outgoingRequests.empty() &&
+        m_outgoingNotifications.empty()) {
+        return false;
+    }
+    // Only the first few of each kind are looked at; the rest wait for a later pass.
+    for (size_t i = 0; i < m_outgoingResponses.size() && i < kMaxSentPerPump; ++i) {
+        if (!m_outgoingResponses[i].sent) {
+            m_pumpResponses.push_back(m_outgoingResponses[i]);
+        }
+    }
+    for (size_t i = 0; i < m_outgoingRequests.size() && i < kMaxSentPerPump; ++i) {
+        if (!m_outgoingRequests[i].sent) {
+            m_pumpRequests.push_back(m_outgoingRequests[i]);
+        }
+    }
+    for (size_t i = 0; i < m_outgoingNotifications.size() && i < kMaxSentPerPump; ++i) {
+        m_pumpNotifications.push_back(m_outgoingNotifications[i]);
+    }
+    return true;
+}
+
+void NetCommunicationPipe::sendCollected(net::Socket& socket) {
+    // The data pointers stay valid: their owners block until the records are marked below.
+    const char* name = m_name.c_str();
+    for (const ResponseRecord& response : m_pumpResponses) {
+        pipe_protocol::sendResponse(socket, m_sendPacket, name, response.requestId,
+                                    response.text.c_str(), response.data, response.dataSize);
+        socket.update();
+    }
+    for (const RequestRecord& request : m_pumpRequests) {
+        pipe_protocol::sendRequest(socket, m_sendPacket, name, request.id, request.value,
+                                   request.text.c_str(), request.data, request.dataSize);
+        socket.update();
+    }
+    const uint32_t ownerId = m_owner ? m_owner->getOwnerId() : 0;
+    for (const NotificationRecord& notification : m_pumpNotifications) {
+        const uint32_t value = notification.value != 0 ? notification.value : ownerId;
+        pipe_protocol::sendNotify(socket, m_sendPacket, name, notification.id, value,
+                                  notification.text.c_str());
+        socket.update();
+    }
+}
+
+void NetCommunicationPipe::markSent() {
+    zu::ScopedLock lock(m_outgoingLock);
+    for (const ResponseRecord& sent : m_pumpResponses) {
+        if (ResponseRecord* response = findOutgoingResponse(sent.serial)) {
+            response->sent = true;
+            response->event->signal();
+        }
+    }
+    for (const RequestRecord& sent : m_pumpRequests) {
+        if (RequestRecord* request = findOutgoingRequest(sent.id)) {
+            request->sent = true;
+        }
+    }
+    for (const NotificationRecord& sent : m_pumpNotifications) {
+        for (size_t i = 0; i < m_outgoingNotifications.size(); ++i) {
+            if (m_outgoingNotifications[i].id == sent.id) {
+                m_outgoingNotifications.erase(i);
+                break;
+            }
+        }
+    }
+}
+
+// --- Outgoing bookkeeping (outgoingLock held) ---
+
+zu::Event* NetCommunicationPipe::takeEvent() {
+    if (m_spareEvents.empty()) {
+        return zu::newObject<zu::Event>();
+    }
+    zu::Event* event = m_spareEvents.back();
+    m_spareEvents.pop_back();
+    event->reset();  // a late duplicate signal of its last user must not count
+    return event;
+}
+
+void NetCommunicationPipe::releaseEvent(zu::Event* event) {
+    m_spareEvents.push_back(event);
+}
+
+NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findOutgoingRequest(uint32_t id,
+                                                                               size_t* outIndex) {
+    for (size_t i = 0; i < m_outgoingRequests.size(); ++i) {
+        if (m_outgoingRequests[i].id == id) {
+            if (outIndex) {
+                *outIndex = i;
+            }
+            return &m_outgoingRequests[i];
+        }
+    }
+    return nullptr;
+}
+
+NetCommunicationPipe::ResponseRecord* NetCommunicationPipe::findOutgoingResponse(uint32_t serial,
+                                                                                 size_t* outIndex) {
+    for (size_t i = 0; i < m_outgoingResponses.size(); ++i) {
+        if (m_outgoingResponses[i].serial == serial) {
+            if (outIndex) {
+                *outIndex = i;
+            }
+            return &m_outgoingResponses[i];
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace dm

@@ -1,0 +1,316 @@
+// The debug-monitor link: one listener, the accepted monitor connections in acceptance order,
+// and the packets exchanged with them. All state sits behind one recursive lock.
+#include "dm/monitor.h"
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+
+#include "d/profile.h"
+#include "net/listener.h"
+#include "net/packet.h"
+#include "net/socket.h"
+#include "zu/memory.h"
+#include "zu/mutex.h"
+#include "zu/vector.h"
+
+namespace dm {
+
+namespace {
+
+constexpr int kTextPacketId = monitor_packet::kText;
+constexpr int kInPlacePacketId = monitor_packet::kInPlace;
+constexpr int kProfilePacketId = monitor_packet::kProfile;
+constexpr int kRequestPacketId = monitor_packet::kRequest;
+constexpr int kDataPacketId = monitor_packet::kData;
+
+constexpr int kRequestCount = 3;
+// pollPacket reads the socket again whenever its buffer runs dry, so a monitor that never
+// stops sending would keep update from returning; the rest waits for the next frame.
+constexpr int kMaxPacketsPerUpdate = 4096;
+// Formatted texts hold at most kTextBufferSize - 1 characters.
+constexpr size_t kTextBufferSize = 256;
+
+struct MonitorLink {
+    MonitorLink() = default;
+    ~MonitorLink() { closeAll(); }
+    MonitorLink(const MonitorLink&) = delete;
+    MonitorLink& operator=(const MonitorLink&) = delete;
+
+    void closeAll() {
+        zu::deleteObject(listener);
+        listener = nullptr;
+        for (net::Socket* connection : connections) {
+            zu::deleteObject(connection);
+        }
+        connections.clear();
+    }
+
+    zu::Mutex lock;
+    bool initialised = false;
+    net::Listener* listener = nullptr;
+    DataParserCallback* dataParserCallback = nullptr;
+    bool requestFlags[kRequestCount] = {};
+    zu::Vector<net::Socket*> connections;
+
+    // One packet per outgoing kind, reused so that sending allocates nothing once warm.
+    net::Packet textPacket{kTextPacketId};
+    net::Packet inPlacePacket{kInPlacePacketId};
+    net::Packet profilePacket{kProfilePacketId};
+
+    // Changed by init and deinit: an update whose data callback called either stops walking
+    // the connections it no longer owns.
+    uint32_t generation = 0;
+    // Set while update runs, so that a callback calling update again does not walk the
+    // connections underneath the outer walk.
+    bool updating = false;
+};
+
+MonitorLink g_link;
+
+class UpdatingFlag {
+public:
+    UpdatingFlag() { g_link.updating = true; }
+    ~UpdatingFlag() { g_link.updating = false; }
+    UpdatingFlag(const UpdatingFlag&) = delete;
+    UpdatingFlag& operator=(const UpdatingFlag&) = delete;
+};
+
+void acceptMonitors() {
+    if (!g_link.listener) {
+        return;
+    }
+    g_link.listener->update();
+    while (net::Socket* connection = g_link.listener->pollConnect()) {
+        try {
+            g_link.connections.push_back(connection);
+        } catch (...) {
+            zu::deleteObject(connection);  // out of memory: turn the monitor away
+            return;
+        }
+    }
+}
+
+void receiveData(net::Packet& packet) {
+    const char* data = nullptr;
+    packet >> data;
+    if (!packet.hasError() && g_link.dataParserCallback) {
+        g_link.dataParserCallback->parseData(data);
+    }
+}
+
+void receiveRequest(net::Packet& packet) {
+    int32_t request = -1;
+    packet >> request;
+    if (!packet.hasError() && request >= 0 && request < kRequestCount) {
+        g_link.requestFlags[request] = true;
+    }
+}
+
+void dispatchPacket(net::Packet& packet) {
+    switch (packet.getID()) {
+        case kDataPacketId:
+            receiveData(packet);
+            break;
+        case kRequestPacketId:
+            receiveRequest(packet);
+            break;
+        default:
+            break;  // 100 (a monitor's keep-alive) and unknown ids carry nothing for us
+    }
+}
+
+// Dispatches what each monitor sent and drops the ones that are gone. A data callback that
+// re-initialises or closes the link ends the walk.
+void pollMonitors() {
+    const uint32_t generation = g_link.generation;
+    size_t index = 0;
+    while (index < g_link.connections.size()) {
+        net::Socket* connection = g_link.connections[index];
+        connection->update();
+        for (int taken = 0; taken < kMaxPacketsPerUpdate; ++taken) {
+            net::Packet* packet = connection->pollPacket(nullptr);
+            if (!packet) {
+                break;
+            }
+            dispatchPacket(*packet);
+            if (g_link.generation != generation) {
+                return;
+            }
+        }
+        if (connection->isConnected()) {
+            ++index;
+        } else {
+            zu::deleteObject(connection);
+            g_link.connections.erase(index);
+        }
+    }
+}
+
+void sendToAll(const net::Packet& packet) {
+    for (net::Socket* connection : g_link.connections) {
+        connection->sendPacket(packet);
+    }
+}
+
+// A field that did not fit (a name beyond the packet's limit) would leave monitors a packet
+// they cannot read; such a packet is not sent.
+void sendToAllIfWhole(const net::Packet& packet) {
+    if (!packet.hasError()) {
+        sendToAll(packet);
+    }
+}
+
+// Formats like vsnprintf into `text`, cut to kTextBufferSize - 1 characters.
+void formatText(char (&text)[kTextBufferSize], const char* format, va_list args) {
+    if (vsnprintf(text, kTextBufferSize, format, args) < 0) {
+        text[0] = 0;
+    }
+}
+
+void sendText(int channel, const char* format, va_list args) {
+    zu::ScopedLock guard(g_link.lock);
+    if (g_link.connections.empty() || !format) {
+        return;
+    }
+    char text[kTextBufferSize];
+    formatText(text, format, args);
+    net::Packet& packet = g_link.textPacket;
+    packet.reset(kTextPacketId);
+    packet << static_cast<int32_t>(channel) << text;
+    sendToAllIfWhole(packet);
+}
+
+void sendInPlace(int group, const char* name, const char* format, va_list args) {
+    zu::ScopedLock guard(g_link.lock);
+    if (g_link.connections.empty() || !format) {
+        return;
+    }
+    char text[kTextBufferSize];
+    formatText(text, format, args);
+    net::Packet& packet = g_link.inPlacePacket;
+    packet.reset(kInPlacePacketId);
+    packet << static_cast<int32_t>(group) << name << text;
+    sendToAllIfWhole(packet);
+}
+
+}  // namespace
+
+void init(int port) {
+    zu::ScopedLock guard(g_link.lock);
+    g_link.closeAll();
+    try {
+        g_link.listener = zu::newObject<net::Listener>(static_cast<uint32_t>(port));
+    } catch (...) {
+        g_link.listener = nullptr;  // no monitors this run; the game goes on
+    }
+    g_link.initialised = true;
+    for (bool& flag : g_link.requestFlags) {
+        flag = false;
+    }
+    ++g_link.generation;
+}
+
+void update() {
+    zu::ScopedLock guard(g_link.lock);
+    if (g_link.updating) {
+        return;
+    }
+    UpdatingFlag updating;
+    acceptMonitors();
+    pollMonitors();
+}
+
+void deinit() {
+    zu::ScopedLock guard(g_link.lock);
+    g_link.closeAll();
+    g_link.initialised = false;
+    ++g_link.generation;
+}
+
+void print(int channel, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    sendText(channel, format, args);
+    va_end(args);
+}
+
+void print(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    sendText(0, format, args);
+    va_end(args);
+}
+
+void printInPlace(int group, const char* name, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    sendInPlace(group, name, format, args);
+    va_end(args);
+}
+
+void printInPlace(const char* name, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    sendInPlace(0, name, format, args);
+    va_end(args);
+}
+
+const char* getInPlaceGroupName(int group) {
+    switch (group) {
+        case 0:
+            return "Default In Place Data";
+        case 1:
+            return "Engine Statistics";
+        case 2:
+            return "Streaming Statistics";
+        case 3:
+            return "Resource Statistics";
+        default:
+            return "Unknown In Place Data";
+    }
+}
+
+void broadcastPacket(net::Packet* packet) {
+    zu::ScopedLock guard(g_link.lock);
+    if (packet) {
+        sendToAll(*packet);
+    }
+}
+
+bool checkAndClearRequest(int request) {
+    zu::ScopedLock guard(g_link.lock);
+    if (request < 0 || request >= kRequestCount || !g_link.requestFlags[request]) {
+        return false;
+    }
+    g_link.requestFlags[request] = false;
+    return true;
+}
+
+void createProfilePacket() {
+    zu::ScopedLock guard(g_link.lock);
+    net::Packet& packet = g_link.profilePacket;
+    packet.reset(kProfilePacketId);
+    packet << d::Profile::ThreadProfiler::instance();
+    sendToAllIfWhole(packet);
+}
+
+void setDataParserCallback(DataParserCallback* callback) {
+    zu::ScopedLock guard(g_link.lock);
+    g_link.dataParserCallback = callback;
+}
+
+int getMonitorPort() {
+    zu::ScopedLock guard(g_link.lock);
+    if (!g_link.listener || !g_link.listener->isListening()) {
+        return 0;
+    }
+    return static_cast<int>(g_link.listener->getPort());
+}
+
+int getMonitorConnectionCount() {
+    zu::ScopedLock guard(g_link.lock);
+    return static_cast<int>(g_link.connections.size());
+}
+
+}  // namespace dm

@@ -1,0 +1,314 @@
+// Incoming data the pipe must not trust: chunks outside their message, packets that end
+// early, oversized messages, responses larger than the caller's buffer, and a fuzz run.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "comm/pipe_link.h"
+
+namespace {
+
+using dmtest::PendingRequest;
+using dmtest::PipeLink;
+using dmtest::waitUntil;
+namespace pipewire = dmtest::pipewire;
+using Bytes = std::vector<uint8_t>;
+
+// The packet without its last `bytesRemoved` payload bytes.
+net::Packet cutShort(const net::Packet& packet, uint32_t bytesRemoved) {
+    net::Packet cut;
+    cut.assign(packet.getID(), packet.getData(), packet.getSize() - bytesRemoved);
+    return cut;
+}
+
+// Packets written by hand on the left socket, handled by the right pipe.
+class Malformed : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(link.connected); }
+    void deliver(const net::Packet& packet) {
+        link.left.send(packet);
+        link.left.sendMarker();
+        link.right.receiveUntilMarker();
+    }
+    size_t incomingRequests() { return link.right.pipe().getQueueSizes().incomingRequests; }
+    size_t incomingNotifications() {
+        return link.right.pipe().getQueueSizes().incomingNotifications;
+    }
+
+    PipeLink link;
+};
+
+TEST_F(Malformed, RequestChunkOutsideItsDataIsDropped) {
+    const Bytes chunk(16, 0x5A);
+    deliver(pipewire::request("link", 0, 0, "past end", 10, 8, 4, chunk.data()));
+    deliver(pipewire::request("link", 0, 0, "wraps", 10, 0xFFFFFFFCu, 8, chunk.data()));
+    EXPECT_EQ(0u, incomingRequests());
+    // The pipe still takes a proper one with the same id.
+    deliver(pipewire::request("link", 0, 0, "fine", 4, 0, 4, chunk.data()));
+    EXPECT_STREQ("fine", link.right.pipe().receiveRequest(nullptr).c_str());
+}
+
+TEST_F(Malformed, RequestIsHandedOutOnlyOnceItsDataIsWhole) {
+    const Bytes first(4, 0x11), second(4, 0x22);
+    deliver(pipewire::request("link", 0, 7, "split", 8, 0, 4, first.data()));
+    // Half of "split" has arrived: nothing is handed out yet.
+    EXPECT_TRUE(link.right.pipe().receiveRequest(nullptr).empty());
+    deliver(pipewire::request("link", 0, 7, "split", 8, 4, 4, second.data()));
+    uint32_t value = 0;
+    EXPECT_STREQ("split", link.right.pipe().receiveRequest(&value).c_str());
+    EXPECT_EQ(7u, value);
+    void* data = nullptr;
+    uint32_t size = 0;
+    link.right.pipe().getRequestData(&data, &size);
+    ASSERT_EQ(8u, size);
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    EXPECT_EQ(Bytes(bytes, bytes + 8), (Bytes{0x11, 0x11, 0x11, 0x11, 0x22, 0x22, 0x22, 0x22}));
+}
+
+TEST_F(Malformed, RequestPacketEndingBeforeItsFieldsIsDropped) {
+    net::Packet sizesCut(pipewire::kPacketId);
+    sizesCut << pipewire::kRequest << "link" << uint32_t(0) << uint32_t(0) << "cut" << uint32_t(8);
+    deliver(sizesCut);
+    const Bytes hundred(100, 3);
+    deliver(cutShort(pipewire::request("link", 0, 0, "short", 100, 0, 100, hundred.data()), 90));
+    EXPECT_EQ(0u, incomingRequests());
+}
+
+TEST_F(Malformed, ChunkThatDisagreesWithItsRequestsSizeIsDropped) {
+    deliver(pipewire::request("link", 0, 0, "two parts", 8, 0, 4, "abcd"));
+    deliver(pipewire::request("link", 0, 0, "two parts", 16, 4, 12, "efghijklmnop"));
+    deliver(pipewire::request("link", 0, 0, "two parts", 8, 4, 4, "efgh"));
+    EXPECT_STREQ("two parts", link.right.pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    link.right.pipe().getRequestData(&data, &size);
+    ASSERT_EQ(8u, size);
+    EXPECT_EQ(0, std::memcmp("abcdefgh", data, 8));
+}
+
+TEST_F(Malformed, NotifyChunkOutsideItsTextIsDropped) {
+    deliver(pipewire::notify("link", 0, 0, 3, 2, 2, "xy"));
+    net::Packet cut(pipewire::kPacketId);
+    cut << pipewire::kNotify << "link" << uint32_t(1) << uint32_t(0) << uint32_t(5);
+    deliver(cut);
+    const Bytes fifty(50, 'f');
+    deliver(cutShort(pipewire::notify("link", 2, 0, 50, 0, 50, fifty.data()), 40));
+    EXPECT_EQ(0u, incomingNotifications());
+
+    // More text than announced, spread over chunks that each lie inside it.
+    deliver(pipewire::notify("link", 3, 0, 4, 0, 3, "abc"));
+    deliver(pipewire::notify("link", 3, 0, 4, 1, 3, "XYZ"));
+    deliver(pipewire::notify("link", 3, 0, 4, 3, 1, "d"));
+    EXPECT_STREQ("abcd", link.right.pipe().receiveNotify(nullptr).c_str());
+}
+
+TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
+    dm::NetCommunicationPipe& pipe = link.right.pipe();
+    EXPECT_EQ(512u * 1024 * 1024, pipe.getMaxMessageSize());
+    // Claiming 4 GiB with the default limit.
+    deliver(pipewire::request("link", 0, 0, "huge", 0xFFFFFFFFu, 0, 4, "abcd"));
+    EXPECT_EQ(0u, incomingRequests());
+
+    pipe.setMaxMessageSize(1024);
+    const Bytes chunk(16, 1);
+    deliver(pipewire::request("link", 0, 0, "over", 1025, 0, 16, chunk.data()));
+    deliver(pipewire::notify("link", 0, 0, 1025, 0, 16, chunk.data()));
+    EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(0u, incomingNotifications());
+    deliver(pipewire::request("link", 0, 0, "at limit", 1024, 0, 16, chunk.data()));
+    deliver(pipewire::notify("link", 0, 0, 1024, 0, 16, chunk.data()));
+    EXPECT_EQ(1u, incomingRequests());
+    EXPECT_EQ(1u, incomingNotifications());
+}
+
+TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
+    PendingRequest request(link.right.pipe(), "waiting");
+    ASSERT_TRUE(waitUntil([&] { return link.right.pipe().getQueueSizes().outgoingRequests; }));
+    deliver(pipewire::response("link", 0, "past end", 4, 2, 4, "abcd"));
+    net::Packet cut(pipewire::kPacketId);
+    cut << pipewire::kResponse << "link" << uint32_t(0) << "no sizes";
+    deliver(cut);
+    const Bytes hundred(100, 9);
+    deliver(cutShort(pipewire::response("link", 0, "short", 100, 0, 100, hundred.data()), 90));
+    deliver(pipewire::response("link", 55, "nobody asked", 0, 0, 0, nullptr));
+    EXPECT_FALSE(request.done());
+    EXPECT_EQ(1u, link.right.pipe().getQueueSizes().outgoingRequests);
+
+    deliver(pipewire::response("link", 0, "good", 0, 0, 0, nullptr));
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_STREQ("good", request.result());
+}
+
+// A response of `size` bytes from a real pipe into a buffer of `capacity` bytes with a guard
+// area behind it.
+void expectClippedResponse(uint32_t size, uint32_t capacity) {
+    PipeLink link;
+    ASSERT_TRUE(link.connected);
+    link.start();
+    Bytes answer(size);
+    for (uint32_t i = 0; i < size; ++i) {
+        answer[i] = static_cast<uint8_t>(i % 251);
+    }
+    std::thread responder([&] {
+        waitUntil([&] { return !link.right.pipe().receiveRequest(nullptr).empty(); });
+        link.right.pipe().respond("clipped", answer.data(), size);
+    });
+    constexpr uint32_t kGuard = 64;
+    Bytes buffer(capacity + kGuard, 0xEE);
+    uint32_t reported = 0;
+    zu::InplaceString<128> text =
+        link.left.pipe().sendRequest("give", 0, buffer.data(), capacity, &reported, nullptr, 0);
+    responder.join();
+    EXPECT_STREQ("clipped", text.c_str());
+    EXPECT_EQ(size, reported);
+    EXPECT_TRUE(std::equal(answer.begin(), answer.begin() + capacity, buffer.begin()));
+    EXPECT_EQ(Bytes(kGuard, 0xEE), Bytes(buffer.begin() + capacity, buffer.end()));
+}
+
+TEST(PipeResponseCapacity, ResponseLargerThanTheBufferFillsItAndReportsTheFullSize) {
+    expectClippedResponse(1000, 100);
+    // Over several packets, most of them wholly past the buffer.
+    expectClippedResponse(3 * net::Packet::kMaxPayload, 1000);
+}
+
+// --- Fuzz ---
+
+Bytes payloadOf(const net::Packet& packet) {
+    return Bytes(packet.getData(), packet.getData() + packet.getSize());
+}
+
+// Valid packets to start mutations from: every kind, with and without data.
+std::vector<Bytes> seedPayloads() {
+    const Bytes data(300, 7);
+    std::vector<Bytes> seeds;
+    seeds.push_back(payloadOf(pipewire::request("fuzz", 1, 2, "text", 300, 0, 150, data.data())));
+    seeds.push_back(payloadOf(pipewire::request("fuzz", 1, 2, "text", 300, 150, 150, data.data())));
+    seeds.push_back(payloadOf(pipewire::request("fuzz", 4, 0, "", 0, 0, 0, nullptr)));
+    seeds.push_back(payloadOf(pipewire::response("fuzz", 0, "r", 300, 0, 200, data.data())));
+    seeds.push_back(payloadOf(pipewire::response("fuzz", 0, "r", 300, 200, 100, data.data())));
+    seeds.push_back(payloadOf(pipewire::notify("fuzz", 3, 0, 300, 0, 120, data.data())));
+    seeds.push_back(payloadOf(pipewire::notify("fuzz", 3, 0, 300, 120, 180, data.data())));
+    return seeds;
+}
+
+Bytes mutate(Bytes bytes, std::mt19937& random) {
+    static const uint32_t kInteresting[] = {
+        0, 1, 3, 4, 5, 64, 300, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0xFFFFFFFCu, 0x10000};
+    const int edits = 1 + static_cast<int>(random() % 4);
+    for (int e = 0; e < edits && !bytes.empty(); ++e) {
+        const size_t at = random() % bytes.size();
+        switch (random() % 4) {
+            case 0:
+                bytes[at] ^= static_cast<uint8_t>(1u << (random() % 8));
+                break;
+            case 1:
+                bytes.resize(at);
+                break;
+            case 2: {
+                const uint32_t value = kInteresting[random() % (sizeof(kInteresting) / 4)];
+                for (size_t i = 0; i < 4 && at + i < bytes.size(); ++i) {
+                    bytes[at + i] = static_cast<uint8_t>(value >> (8 * i));
+                }
+                break;
+            }
+            default:
+                bytes.insert(bytes.begin() + static_cast<long>(at), static_cast<uint8_t>(random()));
+                break;
+        }
+    }
+    return bytes;
+}
+
+// Random bytes, mostly behind a kind the pipe handles and its name, so that they get as far as
+// the handlers.
+Bytes randomPayload(std::mt19937& random) {
+    net::Packet head(pipewire::kPacketId);
+    if (random() % 4 != 0) {
+        head << static_cast<int32_t>(pipewire::kRequest + random() % 3) << "fuzz";
+    }
+    Bytes bytes = payloadOf(head);
+    const size_t tail = random() % 200;
+    for (size_t i = 0; i < tail; ++i) {
+        bytes.push_back(static_cast<uint8_t>(random()));
+    }
+    return bytes;
+}
+
+// Takes whatever the pipe offers and reads every byte of it.
+void drain(dm::NetCommunicationPipe& pipe, uint64_t& checksum) {
+    for (int i = 0; i < 64 && !pipe.receiveRequest(nullptr).empty(); ++i) {
+        void* data = nullptr;
+        uint32_t size = 0;
+        pipe.getRequestData(&data, &size);
+        for (uint32_t b = 0; b < size; ++b) {
+            checksum += static_cast<uint8_t*>(data)[b];
+        }
+    }
+    for (int i = 0; i < 64; ++i) {
+        zu::InplaceString<128> text = pipe.receiveNotify(nullptr);
+        if (text.empty()) {
+            break;
+        }
+        checksum += text.length();
+    }
+}
+
+TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
+    constexpr int kPackets = 6000;
+    dmtest::TestPipeOwner owner(1);
+    dm::NetCommunicationPipe pipe(&owner, "fuzz");
+    pipe.setMaxMessageSize(64 * 1024);
+    int callbacks = 0;
+    const dm::PipeCallback countCallback{
+        &callbacks, [](void* counter, dm::CommunicationPipe*) { ++*static_cast<int*>(counter); }};
+    pipe.setRequestCallback(countCallback);
+    pipe.setNotifyCallback(countCallback);
+
+    // A waiting request, so that responses have somewhere to go; its buffer is small.
+    Bytes responseBuffer(64);
+    std::atomic<bool> answered{false};
+    std::thread sender([&] {
+        pipe.sendRequest("q", 0, responseBuffer.data(), 64, nullptr, nullptr, 0);
+        answered = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return pipe.getQueueSizes().outgoingRequests == 1; }));
+
+    std::mt19937 random(20240611);
+    const std::vector<Bytes> seeds = seedPayloads();
+    uint64_t checksum = 0;
+    for (int i = 0; i < kPackets; ++i) {
+        const Bytes bytes =
+            i % 4 == 0 ? randomPayload(random) : mutate(seeds[random() % seeds.size()], random);
+        net::Packet packet;
+        packet.assign(pipewire::kPacketId, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        dmtest::dispatchToPipe(pipe, packet, packet.getSize());
+        if (i % 16 == 0) {
+            drain(pipe, checksum);
+        }
+    }
+    drain(pipe, checksum);
+
+    if (!answered) {
+        net::Packet answer = pipewire::response("fuzz", 0, "", 0, 0, 0, nullptr);
+        answer.setPos(0);
+        dmtest::dispatchToPipe(pipe, answer, answer.getSize());
+    }
+    sender.join();
+    EXPECT_GT(callbacks, 0);
+
+    // Still in working order after a reset.
+    pipe.reset();
+    net::Packet request = pipewire::request("fuzz", 0, 0, "after", 3, 0, 3, "end");
+    request.setPos(0);
+    dmtest::dispatchToPipe(pipe, request, request.getSize());
+    EXPECT_STREQ("after", pipe.receiveRequest(nullptr).c_str());
+    pipe.setRequestCallback({});
+    pipe.setNotifyCallback({});
+}
+
+}  // namespace

@@ -1,0 +1,249 @@
+// The pipe messages on the wire, read back field by field, and the reassembly rules of the
+// receive handlers for packets written by hand.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "comm/pipe_link.h"
+
+namespace {
+
+using dmtest::PipeLink;
+using dmtest::waitUntil;
+namespace pipewire = dmtest::pipewire;
+
+// Everything the socket delivers up to the peer's marker, undecoded.
+std::vector<net::Packet> captureUntilMarker(net::Socket& socket) {
+    std::vector<net::Packet> packets;
+    waitUntil([&] {
+        socket.update();
+        uint32_t size = 0;
+        while (net::Packet* packet = socket.pollPacket(&size)) {
+            if (packet->getID() == pipewire::kMarkerId) {
+                return true;
+            }
+            packets.push_back(*packet);
+            packets.back().setPos(0);
+        }
+        const zu::WaitHandle handle = socket.getWaitHandle();
+        zu::waitForAny(&handle, 1, 5);
+        return false;
+    });
+    return packets;
+}
+
+struct Chunked {
+    int32_t kind = -1;
+    std::string pipe;
+    uint32_t id = 0;
+    uint32_t value = 0;
+    std::string text;
+    uint32_t total = 0;
+    uint32_t offset = 0;
+    uint32_t chunkSize = 0;
+    std::vector<uint8_t> chunk;
+    bool endsAfterChunk = false;
+};
+
+Chunked decode(net::Packet& packet) {
+    Chunked message;
+    const char* pipe = "";
+    const char* text = "";
+    EXPECT_EQ(pipewire::kPacketId, packet.getID());
+    packet >> message.kind >> pipe >> message.id;
+    if (message.kind == pipewire::kRequest) {
+        packet >> message.value >> text;
+    } else if (message.kind == pipewire::kResponse) {
+        packet >> text;
+    } else {
+        packet >> message.value;
+    }
+    packet >> message.total >> message.offset >> message.chunkSize;
+    message.pipe = pipe;
+    message.text = text;
+    message.chunk.resize(message.chunkSize);
+    EXPECT_EQ(message.chunkSize, packet.read(message.chunk.data(), message.chunkSize));
+    EXPECT_FALSE(packet.hasError());
+    message.endsAfterChunk = packet.getRemaining() == 0;
+    return message;
+}
+
+TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
+    PipeLink link("Wire");
+    ASSERT_TRUE(link.connected);
+    for (uint32_t expectedId = 0; expectedId < 2; ++expectedId) {
+        dmtest::PendingRequest pending(link.left.pipe(), "request", 9 + expectedId);
+        ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+        link.left.pump();
+        link.left.sendMarker();
+        std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
+        ASSERT_EQ(1u, packets.size());
+        Chunked request = decode(packets[0]);
+        EXPECT_EQ(pipewire::kRequest, request.kind);
+        EXPECT_EQ("Wire", request.pipe);
+        EXPECT_EQ(expectedId, request.id);
+        EXPECT_EQ(9 + expectedId, request.value);
+        EXPECT_EQ(0u, request.total);
+        EXPECT_EQ(0u, request.offset);
+        EXPECT_EQ(0u, request.chunkSize);
+        EXPECT_TRUE(request.endsAfterChunk);
+        // Answer it by hand so that the sender moves on.
+        link.right.send(pipewire::response("Wire", expectedId, "ok", 0, 0, 0, nullptr));
+        link.right.sendMarker();
+        link.left.receiveUntilMarker();
+        ASSERT_TRUE(waitUntil([&] { return pending.done(); }));
+        EXPECT_STREQ("ok", pending.result());
+    }
+}
+
+TEST(PipeWire, LargePayloadIsSplitIntoConsecutiveChunksEachWithTheWholeHead) {
+    PipeLink link;
+    ASSERT_TRUE(link.connected);
+    std::vector<uint8_t> data(700 * 1024);
+    for (size_t i = 0; i < data.size(); ++i) {
+        data[i] = static_cast<uint8_t>(i * 7);
+    }
+    std::thread sender([&] {
+        link.left.pipe().sendRequest("bulk", 3, nullptr, 0, nullptr, data.data(),
+                                     static_cast<uint32_t>(data.size()));
+    });
+    // Expectations only until the sender is answered below: it must not be left blocked.
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    link.left.pump();
+    link.left.sendMarker();
+    std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
+    EXPECT_GE(packets.size(), 3u);
+    std::vector<uint8_t> joined;
+    for (net::Packet& packet : packets) {
+        Chunked chunk = decode(packet);
+        EXPECT_EQ("bulk", chunk.text);
+        EXPECT_EQ(3u, chunk.value);
+        EXPECT_EQ(data.size(), chunk.total);
+        EXPECT_EQ(joined.size(), chunk.offset);
+        EXPECT_GT(chunk.chunkSize, 0u);
+        EXPECT_TRUE(chunk.endsAfterChunk);
+        joined.insert(joined.end(), chunk.chunk.begin(), chunk.chunk.end());
+    }
+    EXPECT_TRUE(joined == data);
+    link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
+    link.right.sendMarker();
+    link.left.receiveUntilMarker();
+    sender.join();
+}
+
+TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
+    PipeLink link;
+    ASSERT_TRUE(link.connected);
+    ASSERT_TRUE(link.left.pipe().sendNotify("ping", 4));
+    ASSERT_TRUE(link.left.pipe().sendNotify("", 4));
+    link.left.pump();
+    link.left.sendMarker();
+    std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
+    ASSERT_EQ(2u, packets.size());
+    Chunked ping = decode(packets[0]);
+    EXPECT_EQ(pipewire::kNotify, ping.kind);
+    EXPECT_EQ(0u, ping.id);
+    EXPECT_EQ(4u, ping.total);
+    EXPECT_EQ(std::vector<uint8_t>({'p', 'i', 'n', 'g'}), ping.chunk);
+    Chunked empty = decode(packets[1]);
+    EXPECT_EQ(1u, empty.id);
+    EXPECT_EQ(0u, empty.total);
+    EXPECT_EQ(0u, empty.chunkSize);
+}
+
+// --- Reassembly of packets written by hand ---
+
+class Reassembly : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(link.connected); }
+    void deliver(const std::vector<net::Packet>& packets) {
+        for (const net::Packet& packet : packets) {
+            link.left.send(packet);
+        }
+        link.left.sendMarker();
+        link.right.receiveUntilMarker();
+    }
+    dm::NetCommunicationPipe& pipe() { return link.right.pipe(); }
+
+    PipeLink link;
+};
+
+TEST_F(Reassembly, RequestEndingAfterItsTextIsCompleteWithoutData) {
+    net::Packet bare(pipewire::kPacketId);
+    bare << pipewire::kRequest << "link" << uint32_t(0) << uint32_t(5) << "bare";
+    deliver({bare});
+    uint32_t value = 0;
+    EXPECT_STREQ("bare", pipe().receiveRequest(&value).c_str());
+    EXPECT_EQ(5u, value);
+    void* data = &value;
+    uint32_t size = 1;
+    pipe().getRequestData(&data, &size);
+    EXPECT_EQ(nullptr, data);
+    EXPECT_EQ(0u, size);
+}
+
+TEST_F(Reassembly, RequestChunksLandAtTheirOffsetsAndTheChunkEndingThePayloadCompletes) {
+    std::atomic<int> completed{0};
+    pipe().setRequestCallback({&completed, [](void* counter, dm::CommunicationPipe*) {
+                                   ++*static_cast<std::atomic<int>*>(counter);
+                               }});
+    deliver({pipewire::request("link", 0, 1, "parts", 12, 4, 4, "5678"),
+             pipewire::request("link", 0, 1, "parts", 12, 0, 4, "1234")});
+    EXPECT_EQ(0, completed.load());
+    EXPECT_EQ(1u, pipe().getQueueSizes().incomingRequests);
+    deliver({pipewire::request("link", 0, 1, "parts", 12, 8, 4, "9abc")});
+    EXPECT_EQ(1, completed.load());
+
+    EXPECT_STREQ("parts", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(12u, size);
+    EXPECT_EQ(0, std::memcmp("123456789abc", data, 12));
+    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(data) % 64);
+}
+
+TEST_F(Reassembly, EmptyChunkCompletesARequestAtOnceWithZeroedData) {
+    deliver({pipewire::request("link", 0, 0, "early", 16, 0, 0, nullptr)});
+    EXPECT_STREQ("early", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(16u, size);
+    EXPECT_EQ(std::vector<uint8_t>(16, 0),
+              std::vector<uint8_t>(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + 16));
+}
+
+TEST_F(Reassembly, IncompleteOldestNotificationHoldsBackNewerOnes) {
+    deliver({pipewire::notify("link", 1, 0, 6, 0, 3, "abc"),
+             pipewire::notify("link", 2, 0, 1, 0, 1, "x")});
+    EXPECT_STREQ("", pipe().receiveNotify(nullptr).c_str());
+    // The offset is not used: chunks are appended in the order they arrive.
+    deliver({pipewire::notify("link", 1, 0, 6, 0, 3, "def")});
+    EXPECT_STREQ("abcdef", pipe().receiveNotify(nullptr).c_str());
+    EXPECT_STREQ("x", pipe().receiveNotify(nullptr).c_str());
+}
+
+TEST_F(Reassembly, NotificationTextEndsAtAZeroByteInItsChunk) {
+    deliver({pipewire::notify("link", 0, 0, 7, 0, 4, "ab\0c"),
+             pipewire::notify("link", 0, 0, 7, 4, 3, "def")});
+    zu::InplaceString<128> text = pipe().receiveNotify(nullptr);
+    EXPECT_STREQ("abdef", text.c_str());
+    EXPECT_EQ(5u, text.length());
+}
+
+TEST_F(Reassembly, CompletedNotificationIdStartsANewOneWhenReused) {
+    deliver({pipewire::notify("link", 0, 1, 3, 0, 3, "one"),
+             pipewire::notify("link", 0, 2, 3, 0, 3, "two")});
+    uint32_t value = 0;
+    EXPECT_STREQ("one", pipe().receiveNotify(&value).c_str());
+    EXPECT_EQ(1u, value);
+    EXPECT_STREQ("two", pipe().receiveNotify(&value).c_str());
+    EXPECT_EQ(2u, value);
+}
+
+}  // namespace

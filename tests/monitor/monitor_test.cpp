@@ -1,0 +1,500 @@
+// The debug-monitor link against real monitor connections on loopback.
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+#include <atomic>
+#include <climits>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "d/profile.h"
+#include "dm/monitor.h"
+#include "net/packet.h"
+#include "net/socket.h"
+#include "support/test_support.h"
+#include "zu/thread.h"
+
+namespace {
+
+using dmtest::waitUntil;
+
+struct Text {
+    int channel = -1;
+    std::string text;
+};
+
+struct InPlace {
+    int group = -1;
+    std::string name;
+    std::string text;
+};
+
+// A monitor tool's end of the link.
+class Monitor {
+public:
+    explicit Monitor(int port) { m_socket.connect("127.0.0.1", static_cast<uint32_t>(port)); }
+
+    void send(const net::Packet& packet) {
+        m_socket.update();
+        EXPECT_TRUE(m_socket.sendPacket(packet));
+        m_socket.update();
+    }
+
+    // Waits until the game has received everything sent so far (Linux: the peer acknowledged
+    // every byte), so that a following update() is sure to see it.
+    bool waitDelivered() {
+        return waitUntil([&] {
+            m_socket.update();
+            int unacknowledged = -1;
+            return !m_socket.hasSendsToDo() &&
+                   ioctl(static_cast<int>(m_socket.getWaitHandle().handle), TIOCOUTQ,
+                         &unacknowledged) == 0 &&
+                   unacknowledged == 0;
+        });
+    }
+
+    std::optional<net::Packet> receive() {
+        std::optional<net::Packet> received;
+        waitUntil([&] {
+            m_socket.update();
+            if (net::Packet* packet = m_socket.pollPacket(nullptr)) {
+                received = *packet;
+            }
+            return received.has_value();
+        });
+        return received;
+    }
+
+    std::optional<Text> receiveText() {
+        std::optional<net::Packet> packet = receive();
+        if (!packet || packet->getID() != 1) {
+            ADD_FAILURE() << "expected a text packet, got " << (packet ? packet->getID() : -1);
+            return std::nullopt;
+        }
+        Text text;
+        const char* characters = "";
+        *packet >> text.channel >> characters;
+        text.text = characters;
+        EXPECT_FALSE(packet->hasError());
+        return text;
+    }
+
+    std::optional<InPlace> receiveInPlace() {
+        std::optional<net::Packet> packet = receive();
+        if (!packet || packet->getID() != 2) {
+            ADD_FAILURE() << "expected an in-place packet, got " << (packet ? packet->getID() : -1);
+            return std::nullopt;
+        }
+        InPlace value;
+        const char* name = "";
+        const char* text = "";
+        *packet >> value.group >> name >> text;
+        value.name = name;
+        value.text = text;
+        EXPECT_FALSE(packet->hasError());
+        return value;
+    }
+
+    std::string nextText() {
+        std::optional<Text> text = receiveText();
+        return text ? text->text : "<nothing>";
+    }
+
+    bool waitForClose() {
+        return waitUntil([&] {
+            m_socket.update();
+            while (m_socket.pollPacket(nullptr)) {
+            }
+            return !m_socket.isConnected();
+        });
+    }
+
+    void close() { m_socket.close(); }
+
+private:
+    net::Socket m_socket;
+};
+
+class RecordingParser : public dm::DataParserCallback {
+public:
+    void parseData(const char* data) override {
+        received.push_back(data);
+        if (echoChannel >= 0) {
+            dm::print(echoChannel, "echo: %s", data);
+        }
+    }
+    std::vector<std::string> received;
+    int echoChannel = -1;
+};
+
+net::Packet dataPacket(const char* data) {
+    net::Packet packet(101);
+    packet << data;
+    return packet;
+}
+
+net::Packet requestPacket(int request) {
+    net::Packet packet(4);
+    packet << static_cast<int32_t>(request);
+    return packet;
+}
+
+class MonitorLinkTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dm::init(0);
+        m_port = dm::getMonitorPort();
+        ASSERT_GT(m_port, 0);
+    }
+
+    void TearDown() override {
+        dm::setDataParserCallback(nullptr);
+        dm::deinit();
+    }
+
+    // Connects a monitor and runs frames until the link has accepted it.
+    std::unique_ptr<Monitor> connectMonitor() {
+        const int before = dm::getMonitorConnectionCount();
+        auto monitor = std::make_unique<Monitor>(m_port);
+        EXPECT_TRUE(updateUntil([&] { return dm::getMonitorConnectionCount() == before + 1; }));
+        return monitor;
+    }
+
+    static bool updateUntil(const std::function<bool()>& condition) {
+        return waitUntil([&] {
+            dm::update();
+            return condition();
+        });
+    }
+
+    int m_port = 0;
+};
+
+TEST_F(MonitorLinkTest, MonitorsReceiveTheSameTextAndOutliveOnesThatLeave) {
+    auto first = connectMonitor();
+    auto second = connectMonitor();
+    dm::print("one");
+    dm::print(5, "two %d", 2);
+    for (Monitor* monitor : {first.get(), second.get()}) {
+        std::optional<Text> one = monitor->receiveText();
+        std::optional<Text> two = monitor->receiveText();
+        ASSERT_TRUE(one && two);
+        EXPECT_EQ(one->channel, 0);
+        EXPECT_EQ(one->text, "one");
+        EXPECT_EQ(two->channel, 5);
+        EXPECT_EQ(two->text, "two 2");
+    }
+
+    auto third = connectMonitor();
+    first->close();
+    ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 2; }));
+    dm::print("three");
+    EXPECT_EQ(second->nextText(), "three");
+    EXPECT_EQ(third->nextText(), "three");
+    second->close();
+    ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 1; }));
+    dm::print("four");
+    EXPECT_EQ(third->nextText(), "four");
+}
+
+TEST_F(MonitorLinkTest, PacketsFromMonitorsAreHandledInAcceptanceOrder) {
+    RecordingParser parser;
+    dm::setDataParserCallback(&parser);
+    auto first = connectMonitor();
+    auto second = connectMonitor();
+    second->send(dataPacket("from the second"));
+    first->send(dataPacket("from the first"));
+    ASSERT_TRUE(first->waitDelivered());
+    ASSERT_TRUE(second->waitDelivered());
+
+    dm::update();
+    EXPECT_EQ(parser.received, (std::vector<std::string>{"from the first", "from the second"}));
+}
+
+// %n makes vsnprintf store how much it had formatted: it shows whether formatting happened.
+TEST_F(MonitorLinkTest, PrintWithoutMonitorsFormatsNothing) {
+    int formatted = -1;
+    dm::print("abc%n", &formatted);
+    dm::print(2, "abc%n", &formatted);
+    dm::printInPlace("name", "abc%n", &formatted);
+    dm::printInPlace(1, "name", "abc%n", &formatted);
+    EXPECT_EQ(formatted, -1);
+
+    auto monitor = connectMonitor();
+    dm::print("abc%n", &formatted);
+    EXPECT_EQ(formatted, 3);
+    EXPECT_EQ(monitor->nextText(), "abc");
+}
+
+TEST_F(MonitorLinkTest, LongTextsArriveCutTo255Characters) {
+    auto monitor = connectMonitor();
+    const std::string longText(300, 'x');
+    const std::string longName(300, 'n');
+    const std::string nameBeyondAnyPacket(net::Packet::kMaxPayload, 'h');
+    dm::printInPlace(nameBeyondAnyPacket.c_str(), "unsendable");  // dropped, not sent broken
+    dm::print(1, "%s", longText.c_str());
+    dm::printInPlace(3, longName.c_str(), "%s!", longText.c_str());
+
+    EXPECT_EQ(monitor->nextText(), longText.substr(0, 255));
+    std::optional<InPlace> value = monitor->receiveInPlace();
+    ASSERT_TRUE(value);
+    EXPECT_EQ(value->name, longName);  // the name is sent as given
+    EXPECT_EQ(value->text, longText.substr(0, 255));
+}
+
+TEST_F(MonitorLinkTest, InPlaceValuesCarryGroupNameAndText) {
+    auto monitor = connectMonitor();
+    dm::printInPlace(2, "queue", "%d files", 7);
+    dm::printInPlace("score", "%d", 42);
+
+    std::optional<InPlace> queue = monitor->receiveInPlace();
+    std::optional<InPlace> score = monitor->receiveInPlace();
+    ASSERT_TRUE(queue && score);
+    EXPECT_EQ(queue->group, 2);
+    EXPECT_EQ(queue->name, "queue");
+    EXPECT_EQ(queue->text, "7 files");
+    EXPECT_EQ(score->group, 0);
+    EXPECT_EQ(score->name, "score");
+    EXPECT_EQ(score->text, "42");
+}
+
+TEST(MonitorGroupNames, NameTheFourGroupsAndNothingElse) {
+    EXPECT_STREQ(dm::getInPlaceGroupName(0), "Default In Place Data");
+    EXPECT_STREQ(dm::getInPlaceGroupName(1), "Engine Statistics");
+    EXPECT_STREQ(dm::getInPlaceGroupName(2), "Streaming Statistics");
+    EXPECT_STREQ(dm::getInPlaceGroupName(3), "Resource Statistics");
+    EXPECT_STREQ(dm::getInPlaceGroupName(4), "Unknown In Place Data");
+    EXPECT_STREQ(dm::getInPlaceGroupName(-1), "Unknown In Place Data");
+}
+
+TEST_F(MonitorLinkTest, RequestsRaiseOnlyTheirOwnFlagOnce) {
+    auto monitor = connectMonitor();
+    monitor->send(requestPacket(3));
+    monitor->send(requestPacket(-1));
+    monitor->send(requestPacket(1));
+    // Packets of one monitor are handled in order: once 1 is seen, 3 and -1 have been too.
+    ASSERT_TRUE(updateUntil([] { return dm::checkAndClearRequest(1); }));
+    EXPECT_FALSE(dm::checkAndClearRequest(1));
+    EXPECT_FALSE(dm::checkAndClearRequest(0));
+    EXPECT_FALSE(dm::checkAndClearRequest(2));
+
+    monitor->send(requestPacket(2));
+    monitor->send(requestPacket(2));
+    ASSERT_TRUE(monitor->waitDelivered());
+    dm::update();
+    EXPECT_TRUE(dm::checkAndClearRequest(2));
+    EXPECT_FALSE(dm::checkAndClearRequest(2));
+    for (int request : {-1, 3, 1000, INT_MAX, INT_MIN}) {
+        EXPECT_FALSE(dm::checkAndClearRequest(request)) << request;
+    }
+}
+
+TEST_F(MonitorLinkTest, InitClearsRequestFlagsAndDeinitKeepsThem) {
+    auto monitor = connectMonitor();
+    monitor->send(requestPacket(0));
+    monitor->send(requestPacket(2));
+    ASSERT_TRUE(monitor->waitDelivered());
+    dm::update();
+    dm::deinit();
+    EXPECT_TRUE(dm::checkAndClearRequest(0));
+    dm::init(0);
+    EXPECT_FALSE(dm::checkAndClearRequest(2));
+}
+
+TEST_F(MonitorLinkTest, DataReachesTheCallbackWhichMayPrint) {
+    RecordingParser parser;
+    parser.echoChannel = 9;
+    auto monitor = connectMonitor();
+    monitor->send(dataPacket("nobody listens"));
+    ASSERT_TRUE(monitor->waitDelivered());
+    dm::update();
+
+    dm::setDataParserCallback(&parser);
+    monitor->send(dataPacket("hello"));
+    monitor->send(dataPacket(""));
+
+    ASSERT_TRUE(updateUntil([&] { return parser.received.size() == 2; }));
+    EXPECT_EQ(parser.received, (std::vector<std::string>{"hello", ""}));
+    std::optional<Text> echo = monitor->receiveText();
+    ASSERT_TRUE(echo);
+    EXPECT_EQ(echo->channel, 9);
+    EXPECT_EQ(echo->text, "echo: hello");
+}
+
+TEST_F(MonitorLinkTest, MalformedAndUnknownPacketsAreDropped) {
+    RecordingParser parser;
+    dm::setDataParserCallback(&parser);
+    auto monitor = connectMonitor();
+    monitor->send(net::Packet(101));  // no text at all
+    net::Packet lyingText(101);
+    const uint8_t hugeLength[] = {0xff, 0xff, 0xff, 0x7f, 'a'};
+    lyingText.write(hugeLength, sizeof(hugeLength));
+    monitor->send(lyingText);
+    net::Packet shortRequest(4);
+    const uint8_t twoBytes[] = {1, 0};
+    shortRequest.write(twoBytes, sizeof(twoBytes));
+    monitor->send(shortRequest);
+    net::Packet unknown(77);
+    unknown << "whatever" << 12;
+    monitor->send(unknown);
+    monitor->send(net::Packet(100));
+    monitor->send(dataPacket("valid"));
+
+    ASSERT_TRUE(updateUntil([&] { return !parser.received.empty(); }));
+    EXPECT_EQ(parser.received, std::vector<std::string>{"valid"});
+    for (int request = 0; request < 3; ++request) {
+        EXPECT_FALSE(dm::checkAndClearRequest(request));
+    }
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 1);
+    dm::print("still connected");
+    EXPECT_EQ(monitor->nextText(), "still connected");
+}
+
+TEST_F(MonitorLinkTest, DeinitClosesMonitorsAndInitListensAgain) {
+    auto before = connectMonitor();
+    dm::deinit();
+    EXPECT_EQ(dm::getMonitorPort(), 0);
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
+    EXPECT_TRUE(before->waitForClose());
+    dm::update();
+    dm::print("nobody hears this");
+
+    dm::init(0);
+    m_port = dm::getMonitorPort();
+    ASSERT_GT(m_port, 0);
+    auto after = connectMonitor();
+    dm::print("back");
+    EXPECT_EQ(after->nextText(), "back");
+}
+
+TEST_F(MonitorLinkTest, InitAgainWithoutDeinitReplacesTheListener) {
+    auto old = connectMonitor();
+    dm::init(0);
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
+    EXPECT_TRUE(old->waitForClose());
+    m_port = dm::getMonitorPort();
+    auto fresh = connectMonitor();
+    dm::print("fresh");
+    EXPECT_EQ(fresh->nextText(), "fresh");
+}
+
+TEST(MonitorLinkLifecycle, CallsWithoutAListenerDoNothing) {
+    dm::update();
+    dm::print("nobody");
+    dm::createProfilePacket();
+    dm::broadcastPacket(nullptr);
+    EXPECT_EQ(dm::getMonitorPort(), 0);
+
+    dm::init(70000);  // not a port
+    EXPECT_EQ(dm::getMonitorPort(), 0);
+    dm::update();
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
+    dm::deinit();
+}
+
+class DeinitFromCallback : public dm::DataParserCallback {
+public:
+    void parseData(const char*) override {
+        ++calls;
+        dm::update();  // ignored: update is already running
+        dm::deinit();
+    }
+    int calls = 0;
+};
+
+TEST_F(MonitorLinkTest, ACallbackMayCloseTheLinkDuringUpdate) {
+    DeinitFromCallback parser;
+    dm::setDataParserCallback(&parser);
+    auto first = connectMonitor();
+    auto second = connectMonitor();
+    first->send(dataPacket("stop"));
+    first->send(dataPacket("never seen"));
+    second->send(dataPacket("never seen either"));
+    ASSERT_TRUE(first->waitDelivered());
+    ASSERT_TRUE(second->waitDelivered());
+
+    dm::update();
+    EXPECT_EQ(parser.calls, 1);
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
+    EXPECT_TRUE(first->waitForClose());
+    EXPECT_TRUE(second->waitForClose());
+}
+
+TEST_F(MonitorLinkTest, BroadcastSendsAnyPacketToEveryMonitor) {
+    auto first = connectMonitor();
+    auto second = connectMonitor();
+    net::Packet custom(55);
+    custom << "custom" << 7;
+    dm::broadcastPacket(&custom);
+    dm::broadcastPacket(nullptr);
+    for (Monitor* monitor : {first.get(), second.get()}) {
+        std::optional<net::Packet> packet = monitor->receive();
+        ASSERT_TRUE(packet);
+        EXPECT_EQ(packet->getID(), 55);
+        EXPECT_EQ(packet->getSize(), custom.getSize());
+    }
+}
+
+TEST_F(MonitorLinkTest, ProfilePacketsCarryThisThreadsScopes) {
+    dm::createProfilePacket();  // nobody connected: built and dropped
+    auto monitor = connectMonitor();
+    { d::Profile::ThreadProfiler::Scope scope("monitor test scope"); }
+    dm::createProfilePacket();
+
+    std::optional<net::Packet> packet = monitor->receive();
+    ASSERT_TRUE(packet);
+    ASSERT_EQ(packet->getID(), 3);
+    d::Profile::ProfileSnapshot snapshot;
+    *packet >> snapshot;
+    ASSERT_FALSE(packet->hasError());
+    bool found = false;
+    for (const d::Profile::ProfileThreadRecord& thread : snapshot.threads) {
+        if (thread.threadId != zu::getCurrentThreadId()) {
+            continue;
+        }
+        for (const d::Profile::ProfileScopeRecord& scope : thread.scopes) {
+            found = found || scope.name == "monitor test scope";
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+// Printing threads and the updating main thread share the link; every text arrives once and
+// each thread's texts keep their order.
+TEST_F(MonitorLinkTest, PrintsFromSeveralThreadsArriveWholeAndInOrder) {
+    constexpr int kThreads = 4;
+    constexpr int kPrintsPerThread = 200;
+    auto monitor = connectMonitor();
+    std::atomic<int> finished{0};
+    std::vector<std::thread> printers;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        printers.emplace_back([thread, &finished] {
+            for (int i = 0; i < kPrintsPerThread; ++i) {
+                dm::print(thread, "%d", i);
+            }
+            ++finished;
+        });
+    }
+    EXPECT_TRUE(updateUntil([&] { return finished == kThreads; }));
+    for (std::thread& printer : printers) {
+        printer.join();
+    }
+    std::vector<int> next(kThreads, 0);
+    int received = 0;
+    bool inOrder = true;
+    for (; received < kThreads * kPrintsPerThread; ++received) {
+        std::optional<Text> text = monitor->receiveText();
+        if (!text || text->channel < 0 || text->channel >= kThreads) {
+            break;
+        }
+        inOrder = inOrder && std::stoi(text->text) == next[text->channel]++;
+    }
+    EXPECT_EQ(received, kThreads * kPrintsPerThread);
+    EXPECT_TRUE(inOrder);
+}
+
+}  // namespace

@@ -1,0 +1,134 @@
+// dm-monitor run as a separate process against a stand-in game, also a separate process.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "net/listener.h"
+#include "support/test_support.h"
+
+namespace {
+
+using dmtest::ChildProcess;
+
+const std::string kTool = DM_MONITOR_TOOL;
+
+// Starts the stand-in game and reads the port it listens on.
+std::string startGame(ChildProcess& game) {
+    if (!game.started() || !game.waitForOutput("\n")) {
+        return "";
+    }
+    const std::string& output = game.output();
+    const size_t start = output.find("port ");
+    if (start == std::string::npos) {
+        return "";
+    }
+    const size_t end = output.find('\n', start);
+    return output.substr(start + 5, end - start - 5);
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+TEST(MonitorTool, ShowsWhatTheGameSendsAndSendsCommandsBack) {
+    ChildProcess game("monitor_fake_game", {});
+    const std::string port = startGame(game);
+    ASSERT_FALSE(port.empty()) << game.output();
+    ChildProcess tool(kTool, {"127.0.0.1", port}, true);
+    ASSERT_TRUE(tool.started());
+
+    ASSERT_TRUE(tool.waitForOutput("[0] greeting done")) << tool.output() << game.output();
+    const std::string greeting = tool.output();
+    EXPECT_TRUE(contains(greeting, "[0] hello from the game\n")) << greeting;
+    EXPECT_TRUE(contains(greeting, "[3] warning: low fuel\n"));
+    EXPECT_TRUE(contains(greeting, "[Engine Statistics] fps = 60\n"));
+    EXPECT_TRUE(contains(greeting, "[Streaming Statistics] queued files = 3\n"));
+    EXPECT_TRUE(contains(greeting, "[Default In Place Data] score = 42\n"));
+    EXPECT_TRUE(contains(greeting, "[Engine Statistics] fps = 59\n"));
+    EXPECT_TRUE(contains(greeting, "[profile] "));
+    EXPECT_TRUE(contains(greeting, "\"Fake Game Main\": 3 scopes, longest \"frame\""));
+    EXPECT_LT(greeting.find("hello from the game"), greeting.find("warning: low fuel"));
+    EXPECT_LT(greeting.find("[profile]"), greeting.find("greeting done"));
+
+    ASSERT_TRUE(tool.writeInput("request 3\nrequest 1\n"));
+    EXPECT_TRUE(tool.waitForOutput("[0] request 1 handled")) << tool.output();
+    ASSERT_TRUE(tool.writeInput("data hello there\n"));
+    EXPECT_TRUE(tool.waitForOutput("[0] data received: hello there")) << tool.output();
+    ASSERT_TRUE(tool.writeInput("ping\nbogus\n"));
+
+    tool.closeInput();
+    EXPECT_EQ(tool.wait(), 0) << tool.output();
+    EXPECT_EQ(game.wait(), 0) << game.output();
+    EXPECT_TRUE(contains(game.output(), "game: request 1\n"));
+    EXPECT_FALSE(contains(game.output(), "game: request 3"));
+    EXPECT_TRUE(contains(game.output(), "game: data hello there\n"));
+    EXPECT_TRUE(contains(game.output(), "game: done\n"));
+}
+
+TEST(MonitorTool, QuitEndsTheRunAndTheGameSeesItLeave) {
+    ChildProcess game("monitor_fake_game", {});
+    const std::string port = startGame(game);
+    ASSERT_FALSE(port.empty());
+    ChildProcess tool(kTool, {"127.0.0.1", port}, true);
+    ASSERT_TRUE(tool.waitForOutput("[0] greeting done"));
+    ASSERT_TRUE(tool.writeInput("quit\n"));
+    EXPECT_EQ(tool.wait(), 0);
+    EXPECT_EQ(game.wait(), 0) << game.output();
+}
+
+TEST(MonitorTool, CountEndsTheRunAfterThatManyPackets) {
+    ChildProcess game("monitor_fake_game", {});
+    const std::string port = startGame(game);
+    ASSERT_FALSE(port.empty());
+    ChildProcess tool(kTool, {"--count", "2", "127.0.0.1", port}, true);
+    tool.closeInput();  // with --count, the end of input does not end the run
+    EXPECT_EQ(tool.wait(), 0);
+    EXPECT_EQ(tool.output(), "[0] hello from the game\n[3] warning: low fuel\n");
+    EXPECT_EQ(game.wait(), 0) << game.output();
+}
+
+TEST(MonitorTool, TheGameLeavingEndsTheRun) {
+    ChildProcess game("monitor_fake_game", {});
+    const std::string port = startGame(game);
+    ASSERT_FALSE(port.empty());
+    ChildProcess tool(kTool, {"127.0.0.1", port}, true);
+    ASSERT_TRUE(tool.waitForOutput("[0] greeting done"));
+    ASSERT_TRUE(tool.writeInput("data quit\n"));  // the stand-in game ends on this
+    EXPECT_EQ(game.wait(), 0) << game.output();
+    EXPECT_EQ(tool.wait(), 0) << tool.output();
+}
+
+TEST(MonitorTool, FailsWhenNothingListens) {
+    std::string port;
+    {
+        net::Listener listener(0, "127.0.0.1");
+        port = std::to_string(listener.getPort());
+    }  // closed again: the port now refuses connections
+    ChildProcess tool(kTool, {"127.0.0.1", port}, true);
+    EXPECT_EQ(tool.wait(), 1);
+}
+
+TEST(MonitorTool, TimeoutBeforeTheCountFails) {
+    net::Listener silentGame(0, "127.0.0.1");  // accepts in the backlog, never sends
+    ChildProcess tool(
+        kTool,
+        {"--count", "1", "--timeout", "0.2", "127.0.0.1", std::to_string(silentGame.getPort())},
+        true);
+    EXPECT_EQ(tool.wait(), 3);
+}
+
+TEST(MonitorTool, RejectsBadUsage) {
+    for (const auto& args :
+         std::vector<std::vector<std::string>>{{},
+                                               {"127.0.0.1"},
+                                               {"127.0.0.1", "0"},
+                                               {"127.0.0.1", "port"},
+                                               {"--count", "x", "127.0.0.1", "1"},
+                                               {"--frobnicate", "127.0.0.1", "1"}}) {
+        ChildProcess tool(kTool, args, true);
+        EXPECT_EQ(tool.wait(), 2);
+    }
+}
+
+}  // namespace
