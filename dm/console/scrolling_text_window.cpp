@@ -66,8 +66,9 @@ ScrollingTextWindow::ScrollingTextWindow(ShapeEngineInterface* engine, float mar
     commandLinePosition = {margin, 1.0f - (lineHeight + margin)};
     commandLineWidth = 1.0f - 2.0f * margin;
     inputLine = zu::newObject<InputLine>();
-    // Last step of construction, for the command side: load the console cache, so that the
-    // lines and history of the previous run replace the empty stores.
+    // The lines and history of the previous run replace the empty stores; a cache that cannot
+    // be loaded leaves them empty and does not fail the construction.
+    loadCacheOrKeepDefaults();
 }
 
 ScrollingTextWindow::~ScrollingTextWindow() {
