@@ -221,12 +221,15 @@ public:
         if (flags < 0) {
             return nullptr;
         }
-        int fd = openRetrying(NativePath(path).c_str(), flags);
+        // Opened non-blocking so that a FIFO or device in place of a file cannot stall the
+        // caller; only regular files are kept, and they go back to blocking I/O.
+        int fd = openRetrying(NativePath(path).c_str(), flags | O_NONBLOCK);
         if (fd < 0) {
             return nullptr;
         }
         struct stat info;
-        if (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+        if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+            ::fcntl(fd, F_SETFL, flags & ~O_CREAT & ~O_TRUNC) != 0) {
             ::close(fd);
             return nullptr;
         }
