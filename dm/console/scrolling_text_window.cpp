@@ -325,6 +325,21 @@ void ScrollingTextWindow::clear() {
     cacheDirty = true;
 }
 
+uint64_t ScrollingTextWindow::getConsoleLineCount() const {
+    zu::ScopedLock lock(mutex);
+    return consoleLines.count();
+}
+
+ScrollingTextWindow::ConsoleLine ScrollingTextWindow::getConsoleLine(uint64_t k) const {
+    zu::ScopedLock lock(mutex);
+    return consoleLines.line(k);
+}
+
+ScrollingTextWindow::ConsoleLine ScrollingTextWindow::getVisibleLine(uint64_t k) const {
+    zu::ScopedLock lock(mutex);
+    return consoleLines.line(static_cast<uint64_t>(scrollOffset) + k);
+}
+
 uint32_t ScrollingTextWindow::getLinesOnScreen() const {
     shapeEngine->setTextSize(kTextSize);
     const float lineHeight = shapeEngine->getLineHeight();

@@ -358,9 +358,14 @@ TEST_F(CacheTest, SavesAndScrollsWhileOtherThreadsPrint) {
             finished.fetch_add(1);
         });
     }
-    // The main thread's share: saving, scrolling and browsing while the lines come in.
+    // The main thread's share: saving, scrolling, browsing and reading the lines on screen (as
+    // drawing does) while the lines come in.
     for (int round = 0; round < 100000 && finished.load() < kPrinters; ++round) {
         window.save();
+        for (uint64_t k = 0; k < 40; ++k) {
+            const auto line = window.getVisibleLine(k);
+            ASSERT_TRUE(line.empty() || line[0] == '>') << line.c_str();
+        }
         window.appendInput(round % 2 == 0 ? vk::PageUp : vk::PageDown, 0, false, false, false);
         window.appendInput(vk::End, 0, false, true, false);
     }

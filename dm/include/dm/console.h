@@ -293,16 +293,15 @@ public:
     // Forgets every stored line and any waiting unterminated text; the scroll position stays.
     void clear();
 
-    // Line access, for the thread that draws; printing threads change the lines meanwhile.
+    // Line access, for the thread that draws while other threads may print. Each call takes
+    // the window's lock and returns a copy, so a line never changes under its reader.
 
     // Number of stored lines (at most 1000).
-    uint64_t getConsoleLineCount() const { return consoleLines.count(); }
+    uint64_t getConsoleLineCount() const;
     // Line k counted from the newest (0), with its line feed; "" beyond the stored lines.
-    const ConsoleLine& getConsoleLine(uint64_t k) const { return consoleLines.line(k); }
+    ConsoleLine getConsoleLine(uint64_t k) const;
     // Line k counted from the bottom of the view.
-    const ConsoleLine& getVisibleLine(uint64_t k) const {
-        return getConsoleLine(static_cast<uint64_t>(scrollOffset) + k);
-    }
+    ConsoleLine getVisibleLine(uint64_t k) const;
     // Whole text lines that fit the window's height at text size 0.02 (which it sets).
     uint32_t getLinesOnScreen() const;
     // The largest useful scroll position: stored lines less lines on screen, at least 0.
@@ -429,7 +428,7 @@ private:
     float commandLineWidth = 1.0f;
     float scrollBarWidth = 0.003125f;
     float scrollBarMinLength = 0.025f;
-    zu::Mutex mutex;
+    mutable zu::Mutex mutex;
     bool cacheDirty = false;
 
     // Printing's work buffers, reused by every call under `mutex` so that printing allocates
