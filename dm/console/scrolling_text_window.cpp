@@ -66,8 +66,9 @@ ScrollingTextWindow::ScrollingTextWindow(ShapeEngineInterface* engine, float mar
     commandLinePosition = {margin, 1.0f - (lineHeight + margin)};
     commandLineWidth = 1.0f - 2.0f * margin;
     inputLine = zu::newObject<InputLine>();
-    // Last step of construction, for the command side: load the console cache, so that the
-    // lines and history of the previous run replace the empty stores.
+    // The lines and history of the previous run replace the empty stores; a cache that cannot
+    // be loaded leaves them empty and does not fail the construction.
+    loadCacheOrKeepDefaults();
 }
 
 ScrollingTextWindow::~ScrollingTextWindow() {
@@ -322,6 +323,21 @@ void ScrollingTextWindow::clear() {
     cachedViewLine = viewLine;
     pendingLine.clear();
     cacheDirty = true;
+}
+
+uint64_t ScrollingTextWindow::getConsoleLineCount() const {
+    zu::ScopedLock lock(mutex);
+    return consoleLines.count();
+}
+
+ScrollingTextWindow::ConsoleLine ScrollingTextWindow::getConsoleLine(uint64_t k) const {
+    zu::ScopedLock lock(mutex);
+    return consoleLines.line(k);
+}
+
+ScrollingTextWindow::ConsoleLine ScrollingTextWindow::getVisibleLine(uint64_t k) const {
+    zu::ScopedLock lock(mutex);
+    return consoleLines.line(static_cast<uint64_t>(scrollOffset) + k);
 }
 
 uint32_t ScrollingTextWindow::getLinesOnScreen() const {

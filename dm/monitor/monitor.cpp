@@ -147,9 +147,15 @@ void pollMonitors() {
     }
 }
 
+// A monitor that stops reading (suspended, or stopped in a debugger) must not stall the game:
+// once this much waits for it, its packets are dropped until it catches up.
+constexpr uint32_t kMaxQueuedPerMonitor = 4 * 1024 * 1024;
+
 void sendToAll(const net::Packet& packet) {
     for (net::Socket* connection : g_link.connections) {
-        connection->sendPacket(packet);
+        if (connection->getQueuedSendBytes() < kMaxQueuedPerMonitor) {
+            connection->sendPacket(packet);
+        }
     }
 }
 

@@ -114,6 +114,7 @@ public:
     }
 
     void close() { m_socket.close(); }
+    net::Socket& socket() { return m_socket; }
 
 private:
     net::Socket m_socket;
@@ -199,6 +200,37 @@ TEST_F(MonitorLinkTest, MonitorsReceiveTheSameTextAndOutliveOnesThatLeave) {
     ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 1; }));
     dm::print("four");
     EXPECT_EQ(third->nextText(), "four");
+}
+
+TEST_F(MonitorLinkTest, AMonitorThatStopsReadingNeitherStallsTheGameNorLosesItsPlace) {
+    auto stalled = connectMonitor();  // never reads from here on
+    auto reading = connectMonitor();
+    std::atomic<bool> sawLast{false};
+    std::thread reader([&] {
+        waitUntil([&] {
+            reading->socket().update();
+            while (net::Packet* packet = reading->socket().pollPacket(nullptr)) {
+                int channel = 0;
+                const char* characters = "";
+                *packet >> channel >> characters;
+                sawLast = sawLast || std::string(characters) == "last";
+            }
+            return sawLast.load();
+        });
+    });
+    const std::string text(250, 'x');
+    // Far more than the stalled monitor's socket buffers and queue allowance can hold: without
+    // the allowance a print would wait for it and, after a long stall, drop the connection.
+    for (int i = 0; i < 100000; ++i) {
+        dm::print("%s", text.c_str());
+    }
+    EXPECT_EQ(dm::getMonitorConnectionCount(), 2);
+    // The reading monitor keeps up and gets the last text, whatever the stalled one misses.
+    EXPECT_TRUE(waitUntil([&] {
+        dm::print("last");
+        return sawLast.load();
+    }));
+    reader.join();
 }
 
 TEST_F(MonitorLinkTest, PacketsFromMonitorsAreHandledInAcceptanceOrder) {

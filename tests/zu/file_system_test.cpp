@@ -89,6 +89,21 @@ TEST_F(LocalFileSystemTest, OpenModes) {
     EXPECT_EQ(fs.openFile(file("missing/x.txt").c_str(), zu::BaseFile::ModeWrite), nullptr);
 }
 
+TEST_F(LocalFileSystemTest, OnlyRegularFilesOpen) {
+    // A FIFO where a file is expected must neither open nor block the caller.
+    std::string fifo = file("cache.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(fs.openFile(fifo.c_str(), zu::BaseFile::ModeRead), nullptr);
+    ASSERT_TRUE(writeVia(file("plain.txt"), zu::BaseFile::ModeWrite, "x"));
+    EXPECT_FALSE(fs.copyFile(fifo.c_str(), file("copy.txt").c_str()));
+    EXPECT_FALSE(fs.copyFile(file("plain.txt").c_str(), fifo.c_str()));
+    EXPECT_EQ(fs.openFile(m_dir.path().c_str(), zu::BaseFile::ModeRead), nullptr);
+    // Append mode survives the switch back to blocking I/O.
+    ASSERT_TRUE(writeVia(file("log.txt"), zu::BaseFile::ModeAppend, "one "));
+    ASSERT_TRUE(writeVia(file("log.txt"), zu::BaseFile::ModeAppend, "two"));
+    EXPECT_EQ(readRaw(file("log.txt")), "one two");
+}
+
 TEST_F(LocalFileSystemTest, SeekModesAndAsyncReads) {
     std::string path = file("hundred.bin");
     std::string bytes;

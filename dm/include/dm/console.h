@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "dm/export.h"
@@ -136,6 +137,10 @@ DM_API int scanQuoted(const zu::String& text, int position);
 
 // Errors of the console's text window; the text reads "ScrollingTextWindow: <what>".
 ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException, zu::Exception);
+// An alias definition that would make an alias expand into itself, or aliases nested too deep
+// to expand.
+ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException_IllegalAliasDefinition,
+                     ScrollingTextWindowException);
 
 // A bounded store of lines, newest last: up to `maxLines` slots that become a ring once they
 // are all used. `lineCounter` counts every line added since the last clear. Line k (0 is the
@@ -198,8 +203,9 @@ class InputLine;
 
 // The console's text pane: a bounded history of printed lines (1000), a scroll position, the
 // command line under it and the geometry and colours it is drawn with. Printing may come from
-// any thread; scroll, scrollBottom, clear, setWindowSize and dumpToFile take the same lock and
-// may run meanwhile. Everything else belongs to the thread that updates and draws the console.
+// any thread; scroll, scrollBottom, clear, setWindowSize, dumpToFile, save and load take the
+// same lock and may run meanwhile. Everything else (the command line, history, aliases, known
+// words) belongs to the thread that updates and draws the console.
 // Geometry is in normalised screen units; text counts as monospaced, 0.01 wide per character.
 class DM_API ScrollingTextWindow {
 public:
@@ -223,6 +229,19 @@ public:
     using AliasMap =
         std::map<zu::InplaceString<256>, zu::InplaceString<256>, std::less<zu::InplaceString<256>>,
                  zu::Allocator<std::pair<const zu::InplaceString<256>, zu::InplaceString<256>>>>;
+    // Alias names met while checking a definition; case-insensitive like the alias map.
+    using AliasNameSet = std::set<zu::InplaceString<256>, std::less<zu::InplaceString<256>>,
+                                  zu::Allocator<zu::InplaceString<256>>>;
+
+    // Name of the console cache in the writable folder (zu::File::getFileSysPathForWrite()).
+    static constexpr const char* kCacheFileName = "consolecache.bin";
+    // Largest line limit, and so line count, that load() takes from a cache file for either
+    // store; the defaults are 1000 console lines and 30 commands.
+    static constexpr uint32_t kMaxCachedLineLimit = 65536;
+    // How deep aliases may nest inside one another, when checked and when expanded.
+    static constexpr int kMaxAliasNesting = 64;
+    // Most words that one command line may expand into through its aliases.
+    static constexpr size_t kMaxExpandedWords = 65536;
 
     // Builds a hidden window that fills the screen but for `margin` on every side and one text
     // line for the command line at the bottom. `shapeEngine` is not owned and must outlive the
@@ -274,16 +293,15 @@ public:
     // Forgets every stored line and any waiting unterminated text; the scroll position stays.
     void clear();
 
-    // Line access, for the thread that draws; printing threads change the lines meanwhile.
+    // Line access, for the thread that draws while other threads may print. Each call takes
+    // the window's lock and returns a copy, so a line never changes under its reader.
 
     // Number of stored lines (at most 1000).
-    uint64_t getConsoleLineCount() const { return consoleLines.count(); }
+    uint64_t getConsoleLineCount() const;
     // Line k counted from the newest (0), with its line feed; "" beyond the stored lines.
-    const ConsoleLine& getConsoleLine(uint64_t k) const { return consoleLines.line(k); }
+    ConsoleLine getConsoleLine(uint64_t k) const;
     // Line k counted from the bottom of the view.
-    const ConsoleLine& getVisibleLine(uint64_t k) const {
-        return getConsoleLine(static_cast<uint64_t>(scrollOffset) + k);
-    }
+    ConsoleLine getVisibleLine(uint64_t k) const;
     // Whole text lines that fit the window's height at text size 0.02 (which it sets).
     uint32_t getLinesOnScreen() const;
     // The largest useful scroll position: stored lines less lines on screen, at least 0.
@@ -294,9 +312,64 @@ public:
     // character at which the running width reaches `width`.
     int32_t getCharacterFitCount(const zu::String& text, float width) const;
 
-    // The command side (the command line's editing and text, the history and the console cache,
-    // aliases, known words and completion) and the drawing side (colouring, rendering) join
-    // here.
+    // The command line. Keys are Windows virtual-key codes; `character` is what the key typed
+    // (0 for none).
+
+    // Handles one key: Tab completes (Shift+Tab backwards, Alt+Tab nothing), Page Up/Down
+    // scroll the text by a page, Control+Home/End to the oldest/newest line, Up/Down browse the
+    // history (with Control they scroll the text a line); every other key edits the command
+    // line. A plain Tab starts a new completion cycle unless the last key pressed without Shift
+    // was a Tab as well; Shift+Tab always goes on with the current cycle.
+    void appendInput(int key, char character, bool alt, bool control, bool shift);
+    const zu::String& getText() const;
+    // Replaces the command line's text and puts the cursor at its end.
+    void setText(const zu::String& text);
+    // Types `text` at the cursor: CR and LF become spaces, tabs are dropped.
+    void appendText(const zu::String& text);
+
+    // History: stores `command` as the newest of the last 30 (or the cache file's limit), also
+    // when it repeats the one before, and ends browsing.
+    void addToCommandStack(const zu::InplaceString<128>& command);
+
+    // The console cache: the stored lines and the history, with their counters, in the file
+    // kCacheFileName of the writable folder.
+
+    // Writes the cache when something it holds has changed since the last save; unless the file
+    // system is read-only. The file is replaced whole: a save that fails (it is then dropped,
+    // silently, until the next change) leaves the previous file as it was.
+    void save();
+    // Replaces the stored lines and the history with the cache file's, if there is one. A file
+    // that cannot be read, is cut short, or holds counts or limits that it cannot hold or that
+    // are beyond kMaxCachedLineLimit throws a zu::Exception saying what is wrong, and changes
+    // nothing. The constructor loads the cache this way and, when that throws, starts empty.
+    void load();
+
+    // Parsing and aliases.
+
+    // Appends the words of the command line to `words`, with aliases replaced by the words of
+    // their texts, and empties the command line. With `addToStack` the line goes into the
+    // history first. An empty command line does nothing. Aliases that expand deeper than
+    // kMaxAliasNesting or into more than kMaxExpandedWords words (possible only when the alias
+    // map was filled without checkAliasValidity) throw
+    // ScrollingTextWindowException_IllegalAliasDefinition.
+    void parseCommandLine(ConsoleWordList& words, bool addToStack);
+    // Throws ScrollingTextWindowException_IllegalAliasDefinition when defining alias `name` as
+    // `text` would loop, judged against the aliases now in the map: an alias met twice while
+    // expanding `text` counts as a loop, even on separate branches ("b;b" where b is an alias);
+    // so do aliases nested deeper than kMaxAliasNesting. Enter the new definition first, check, and
+    // take it out again when this throws, so that a name referring to itself is caught too.
+    void checkAliasValidity(const zu::InplaceString<256>& name, const zu::String& text) const;
+    // Alias name (case-insensitive) to alias text.
+    const AliasMap& getAliasesMap() const { return aliases; }
+    AliasMap& accessAliasesMap() { return aliases; }
+
+    // Known words, for completion and colouring; compared without regard to case and stored in
+    // lower case. A function word completes with an argument list "(  );".
+
+    // Adds `word` unless it is already known; a known word keeps its function flag.
+    void addKnownWord(const char* word, bool isFunction);
+    void removeKnownWord(const char* word);
+    void removeAllKnownWords();
 
 private:
     void initializeMembers();
@@ -309,6 +382,21 @@ private:
     void keepViewAfterPrinting(uint32_t addedLines);
     void moveViewLine(int64_t lines);
     void emptyFormattedLines();
+
+    // Scrolls the text and moves viewLine along, so that drawing colours what comes into view.
+    void scrollView(int64_t lines);
+    void scrollCommands(int delta);
+    void loadCacheOrKeepDefaults();
+    // `depth` counts how many aliases the words lie inside.
+    void resolveAliases(ConsoleWordList& out, const ConsoleWordList& in, int depth = 0) const;
+    void checkAliasValidity(AliasNameSet& visited, const ConsoleWordList& words,
+                            int depth = 1) const;
+    const zu::InplaceString<256>* findAlias(const zu::String& word) const;
+    void completeCommand(bool forward, bool restart);
+    void startCompletion(bool forward);
+    void continueCompletion(bool forward);
+    bool completionMatches(KnownWordMap::const_iterator word) const;
+    void applyCompletion();
 
     ShapeEngineInterface* shapeEngine = nullptr;
     BoundedLineStore<ConsoleLine> consoleLines;
@@ -340,7 +428,7 @@ private:
     float commandLineWidth = 1.0f;
     float scrollBarWidth = 0.003125f;
     float scrollBarMinLength = 0.025f;
-    zu::Mutex mutex;
+    mutable zu::Mutex mutex;
     bool cacheDirty = false;
 
     // Printing's work buffers, reused by every call under `mutex` so that printing allocates

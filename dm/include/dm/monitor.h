@@ -72,6 +72,8 @@ DM_API void printInPlace(const char* name, const char* format, ...) DM_PRINTF(2,
 DM_API const char* getInPlaceGroupName(int group);
 
 // Sends `packet` to every connected monitor in the order they connected. Null is ignored.
+// Never waits for a monitor: one that stopped reading (4 MiB or more waiting for it) misses
+// packets, from this and from the print functions, until it catches up.
 DM_API void broadcastPacket(net::Packet* packet);
 
 // True once for each request packet with value `request` received since the last call (several

@@ -59,6 +59,9 @@ public:
     Packet* pollPacket(uint32_t* outSize);
     // Queued bytes not yet handed to the OS.
     bool hasSendsToDo() const { return m_sendQueued > 0; }
+    // Bytes queued and not yet handed to the OS; lets a sender that must never wait drop
+    // what a slow peer cannot take.
+    uint32_t getQueuedSendBytes() const { return m_sendQueued; }
 
     // Handle to wait on: writability while connecting, readability and writability with sends
     // queued, else readability; kind None when closed.

@@ -113,6 +113,22 @@ int openRetrying(const char* path, int flags, mode_t permissions = 0666) {
     return fd;
 }
 
+// Opens a regular file for blocking I/O; -1 for anything else. The open itself is non-blocking
+// so that a FIFO or device in place of a file cannot stall the caller.
+int openRegularFile(const char* path, int flags, mode_t permissions = 0666) {
+    int fd = openRetrying(path, flags | O_NONBLOCK, permissions);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat info;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+        ::fcntl(fd, F_SETFL, flags & ~(O_CREAT | O_TRUNC | O_NONBLOCK)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 int openFlagsFor(BaseFile::Mode mode) {
     switch (mode) {
         case BaseFile::ModeRead:
@@ -221,16 +237,8 @@ public:
         if (flags < 0) {
             return nullptr;
         }
-        int fd = openRetrying(NativePath(path).c_str(), flags);
-        if (fd < 0) {
-            return nullptr;
-        }
-        struct stat info;
-        if (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
-            ::close(fd);
-            return nullptr;
-        }
-        return newObject<LocalFile>(fd);
+        int fd = openRegularFile(NativePath(path).c_str(), flags);
+        return fd < 0 ? nullptr : newObject<LocalFile>(fd);
     }
 
     bool closeFile(FileHandle* file) override {
@@ -309,7 +317,7 @@ public:
     bool copyFile(const char* from, const char* to) override {
         NativePath source(from);
         NativePath target(to);
-        int in = openRetrying(source.c_str(), O_RDONLY);
+        int in = openRegularFile(source.c_str(), O_RDONLY);
         if (in < 0) {
             return false;
         }
@@ -518,7 +526,8 @@ private:
             existing.st_ino == source.st_ino) {
             return false;
         }
-        int out = openRetrying(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC, source.st_mode & 0777);
+        int out =
+            openRegularFile(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC, source.st_mode & 0777);
         if (out < 0) {
             return false;
         }

@@ -65,9 +65,19 @@ InplaceString<256> lockFilePath(const char* name) {
 int openLockFile(const char* path, int flags) {
     int fd;
     do {
-        fd = ::open(path, flags | O_CLOEXEC, 0666);
+        // No symlinks: a link planted in the shared temporary folder must not redirect us.
+        fd = ::open(path, flags | O_CLOEXEC | O_NOFOLLOW, 0666);
     } while (fd < 0 && errno == EINTR);
     return fd;
+}
+
+// Lets other users' processes use the name too, whatever this process's umask; only for a
+// lock file this user owns.
+void shareWithOtherUsers(int fd) {
+    struct stat info;
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid()) {
+        ::fchmod(fd, 0666);
+    }
 }
 
 int lockRetrying(int fd, int operation) {
@@ -95,7 +105,7 @@ public:
         path.format("%s/zu-named-mutex.guard", temporaryFolder());
         m_fd = openLockFile(path.c_str(), O_RDONLY | O_CREAT);
         if (m_fd >= 0) {
-            ::fchmod(m_fd, 0666);
+            shareWithOtherUsers(m_fd);
             lockRetrying(m_fd, LOCK_EX);
         }
     }
@@ -118,8 +128,7 @@ int holdLockFile(const char* path) {
     if (fd < 0) {
         return -1;
     }
-    // Others may use the name too, whatever this process's umask.
-    ::fchmod(fd, 0666);
+    shareWithOtherUsers(fd);
     if (lockRetrying(fd, LOCK_SH) != 0) {
         ::close(fd);
         return -1;

@@ -1,0 +1,485 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "console/fake_shape_engine.h"
+#include "console/keyboard.h"
+#include "dm/console.h"
+#include "zu/file.h"
+#include "zu/file_system.h"
+
+namespace {
+
+using dm::ScrollingTextWindow;
+using dmtest::consoleLine;
+using dmtest::Keyboard;
+using dmtest::ScopedWritableFolder;
+using Lines = std::vector<std::string>;
+namespace vk = dmtest::vk;
+
+// Every window loads the cache of the writable folder when it is built: for the whole program
+// that folder is an empty one of its own, so no test depends on files lying around.
+class EmptyWritableFolder : public ::testing::Environment {
+public:
+    void SetUp() override { m_folder = std::make_unique<ScopedWritableFolder>(); }
+    void TearDown() override { m_folder.reset(); }
+
+private:
+    std::unique_ptr<ScopedWritableFolder> m_folder;
+};
+::testing::Environment* const g_emptyWritableFolder =
+    ::testing::AddGlobalTestEnvironment(new EmptyWritableFolder);
+
+// A cache file put together byte by byte as docs/file-stream.md describes it, independently of
+// the stream that the window uses.
+struct CacheBytes {
+    std::string bytes;
+
+    CacheBytes& number(uint32_t value) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            bytes += static_cast<char>((value >> shift) & 0xFF);
+        }
+        return *this;
+    }
+    CacheBytes& text(const std::string& line) {
+        number(static_cast<uint32_t>(line.size()));
+        bytes += line;
+        return *this;
+    }
+    CacheBytes& store(uint32_t counter, uint32_t limit, const Lines& lines) {
+        number(counter).number(limit).number(static_cast<uint32_t>(lines.size()));
+        for (const std::string& line : lines) {
+            text(line);
+        }
+        return *this;
+    }
+};
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+struct CacheTest : ::testing::Test {
+    ScopedWritableFolder folder;
+    dmtest::FakeShapeEngine engine;
+
+    std::string browse(ScrollingTextWindow& window, int key) {
+        window.appendInput(key, 0, false, false, false);
+        return window.getText().c_str();
+    }
+    void enterCommands(ScrollingTextWindow& window, int first, int last) {
+        for (int i = first; i <= last; ++i) {
+            window.addToCommandStack(("cmd" + std::to_string(i)).c_str());
+        }
+    }
+    // What a window without a cache holds: no lines, no history, and room for 30 commands.
+    void expectDefaults(ScrollingTextWindow& window) {
+        EXPECT_EQ(window.getConsoleLineCount(), 0u);
+        EXPECT_EQ(browse(window, vk::Up), "");
+        enterCommands(window, 1, 31);
+        EXPECT_EQ(browse(window, vk::Down), "cmd2");
+    }
+    // The message of the exception that load() throws for the current cache file; "" when it
+    // loads.
+    std::string loadRefusal() {
+        ScrollingTextWindow window(&engine, 0.0f);
+        try {
+            window.load();
+        } catch (const zu::Exception& refusal) {
+            return refusal.getError();
+        }
+        return "";
+    }
+};
+
+TEST_F(CacheTest, ASecondWindowSeesTheFirstOnesLinesAndCommandsWithTheRingsWrapped) {
+    {
+        ScrollingTextWindow first(&engine, 0.0f);
+        for (int i = 0; i < 1005; ++i) {
+            first.print("line %d\n", i);
+        }
+        enterCommands(first, 1, 33);
+        first.save();
+    }
+    ScrollingTextWindow second(&engine, 0.0f);
+    ASSERT_EQ(second.getConsoleLineCount(), 1000u);
+    EXPECT_EQ(consoleLine(second, 0), "line 1004\n");
+    EXPECT_EQ(consoleLine(second, 999), "line 5\n");
+    EXPECT_EQ(browse(second, vk::Down), "cmd4");
+    EXPECT_EQ(browse(second, vk::Up), "cmd33");
+
+    // The counters came along: the rings go on overwriting their oldest entries.
+    second.print("line 1005\n");
+    EXPECT_EQ(consoleLine(second, 0), "line 1005\n");
+    EXPECT_EQ(consoleLine(second, 999), "line 6\n");
+    enterCommands(second, 34, 34);
+    EXPECT_EQ(browse(second, vk::Down), "cmd5");
+    EXPECT_EQ(browse(second, vk::Up), "cmd34");
+    second.save();
+
+    ScrollingTextWindow third(&engine, 0.0f);
+    EXPECT_EQ(consoleLine(third, 999), "line 6\n");
+    EXPECT_EQ(browse(third, vk::Up), "cmd34");
+}
+
+TEST_F(CacheTest, WritesTheDocumentedLayout) {
+    ScrollingTextWindow window(&engine, 0.0f);
+    window.print("a\n");
+    window.addToCommandStack("x");
+    window.save();
+    EXPECT_EQ(readFile(folder.cacheFile()),
+              CacheBytes().store(1, 1000, {"a\n"}).store(1, 30, {"x"}).bytes);
+    EXPECT_FALSE(std::filesystem::exists(folder.cacheFile() + ".tmp"));
+}
+
+TEST_F(CacheTest, SavesOnlyAfterAChangeAndNotOnAReadOnlyFileSystem) {
+    ScrollingTextWindow window(&engine, 0.0f);
+    window.print("not a prompted line\n");
+    window.save();
+    EXPECT_FALSE(std::filesystem::exists(folder.cacheFile()));
+
+    window.addToCommandStack("cmd");
+    zu::File::setFileSystemReadOnly(true);
+    window.save();
+    zu::File::setFileSystemReadOnly(false);
+    EXPECT_FALSE(std::filesystem::exists(folder.cacheFile()));
+    window.save();  // the change was given up with the read-only save
+    EXPECT_FALSE(std::filesystem::exists(folder.cacheFile()));
+
+    window.printWithPrefix(true, "%s\n", "echoed");
+    window.save();
+    EXPECT_TRUE(std::filesystem::exists(folder.cacheFile()));
+}
+
+TEST_F(CacheTest, ACommandLimitOfFiveFromTheFileHoldsFromThenOn) {
+    // Seven commands went into five slots: cmd6 and cmd7 overwrote cmd1 and cmd2.
+    writeFile(folder.cacheFile(), CacheBytes()
+                                      .store(0, 1000, {})
+                                      .store(7, 5, {"cmd6", "cmd7", "cmd3", "cmd4", "cmd5"})
+                                      .bytes);
+    {
+        ScrollingTextWindow window(&engine, 0.0f);
+        for (const char* expected : {"cmd7", "cmd6", "cmd5", "cmd4", "cmd3", "cmd7"}) {
+            ASSERT_EQ(browse(window, vk::Up), expected);
+        }
+        enterCommands(window, 8, 10);
+        EXPECT_EQ(browse(window, vk::Down), "cmd6");
+        window.save();
+    }
+    ScrollingTextWindow reloaded(&engine, 0.0f);
+    EXPECT_EQ(browse(reloaded, vk::Down), "cmd6");
+    enterCommands(reloaded, 11, 11);
+    EXPECT_EQ(browse(reloaded, vk::Down), "cmd7");
+}
+
+TEST_F(CacheTest, RefusesFilesThatCannotHoldWhatTheyClaimAndKeepsTheDefaults) {
+    const std::string sound = CacheBytes().store(0, 1000, {}).store(0, 30, {}).bytes;
+    const struct {
+        std::string bytes;
+        const char* problem;
+    } cases[] = {
+        {CacheBytes().store(0, 0, {}).store(0, 30, {}).bytes,
+         "a limit of 0 console lines is not between 1 and 65536"},
+        {CacheBytes().store(0, 1000, {}).store(0, 65537, {}).bytes,
+         "a limit of 65537 commands is not between 1 and 65536"},
+        {CacheBytes().store(3, 2, {"a", "b", "c"}).store(0, 30, {}).bytes,
+         "a count of 3 console lines is not between 0 and its limit of 2"},
+        {CacheBytes().number(0).number(1000).number(0xFFFFFFFF).store(0, 30, {}).bytes,
+         "a count of -1 console lines"},
+        {CacheBytes().number(1000).number(1000).number(1000).bytes,
+         "1000 console lines do not fit in the rest of the file, which holds 0 at most"},
+        {CacheBytes().store(5, 1000, {"a", "b"}).store(0, 30, {}).bytes,
+         "5 console lines added, but 2 stored below the limit of 1000"},
+        {CacheBytes().store(0, 1000, {}).number(1).number(30).number(1).number(40).bytes + "short",
+         "FileStream: text length 40"},
+        {CacheBytes().store(1, 1000, {std::string("a\0b", 3)}).store(0, 30, {}).bytes,
+         "holds a 0 byte"},
+        {CacheBytes().store(0, 1000, {}).bytes, "FileStream: read past the end"},
+        {sound.substr(0, 6), "FileStream: read past the end"},
+    };
+    for (const auto& bad : cases) {
+        SCOPED_TRACE(bad.problem);
+        writeFile(folder.cacheFile(), bad.bytes);
+        EXPECT_NE(loadRefusal().find(bad.problem), std::string::npos) << loadRefusal();
+        ScrollingTextWindow window(&engine, 0.0f);
+        expectDefaults(window);
+    }
+    writeFile(folder.cacheFile(), sound);
+    EXPECT_EQ(loadRefusal(), "");
+}
+
+TEST_F(CacheTest, AFailedLoadChangesNothing) {
+    ScrollingTextWindow window(&engine, 0.0f);
+    window.print("kept\n");
+    enterCommands(window, 1, 2);
+    writeFile(folder.cacheFile(), CacheBytes().store(2, 1000, {"x\n", "y\n"}).number(9).bytes);
+    EXPECT_THROW(window.load(), zu::Exception);
+    EXPECT_EQ(window.getConsoleLineCount(), 1u);
+    EXPECT_EQ(consoleLine(window, 0), "kept\n");
+    EXPECT_EQ(browse(window, vk::Up), "cmd2");
+}
+
+// The local file system, but a file opened for writing takes only `budget` bytes in all, as a
+// disk that fills up would.
+class FillingFileSystem : public zu::FileSystem {
+public:
+    explicit FillingFileSystem(uint64_t budget) : m_budget(budget) {}
+
+    zu::FileHandle* openFile(const char* path, zu::BaseFile::Mode mode) override {
+        return m_local.openFile(path, mode);
+    }
+    uint64_t writeFile(zu::FileHandle* file, const void* buffer, uint64_t count) override {
+        const uint64_t taken = count < m_budget ? count : m_budget;
+        m_budget -= taken;
+        return taken != 0 ? m_local.writeFile(file, buffer, taken) : 0;
+    }
+    bool closeFile(zu::FileHandle* file) override { return m_local.closeFile(file); }
+    bool fileExists(const char* path) override { return m_local.fileExists(path); }
+    bool directoryExists(const char* path) override { return m_local.directoryExists(path); }
+    bool isFileReadOnly(const char* path) override { return m_local.isFileReadOnly(path); }
+    bool deleteFile(const char* path) override { return m_local.deleteFile(path); }
+    bool createDirectory(const char* path) override { return m_local.createDirectory(path); }
+    bool deleteDirectory(const char* path) override { return m_local.deleteDirectory(path); }
+    bool moveFile(const char* from, const char* to, bool overwrite) override {
+        return m_local.moveFile(from, to, overwrite);
+    }
+    bool copyFile(const char* from, const char* to) override { return m_local.copyFile(from, to); }
+    uint64_t getCurrentPosition(zu::FileHandle* file) override {
+        return m_local.getCurrentPosition(file);
+    }
+    uint64_t seekFile(zu::FileHandle* file, int64_t offset, zu::BaseFile::SeekMode mode) override {
+        return m_local.seekFile(file, offset, mode);
+    }
+    uint64_t getFileSize(zu::FileHandle* file) override { return m_local.getFileSize(file); }
+    uint64_t readFile(zu::FileHandle* file, void* buffer, uint64_t count) override {
+        return m_local.readFile(file, buffer, count);
+    }
+    bool flushFileBuffers(zu::FileHandle* file) override { return m_local.flushFileBuffers(file); }
+    zu::FileTime getFileTime(zu::FileHandle* file) override { return m_local.getFileTime(file); }
+    bool setFileTime(zu::FileHandle* file, const zu::FileTime& creation,
+                     const zu::FileTime& lastWrite) override {
+        return m_local.setFileTime(file, creation, lastWrite);
+    }
+    bool getFileAttributes(const char* path, uint64_t& size, uint64_t& time) override {
+        return m_local.getFileAttributes(path, size, time);
+    }
+    bool getDiskSpaceInfo(const char* path, uint64_t& freeBytes, uint64_t& totalBytes) override {
+        return m_local.getDiskSpaceInfo(path, freeBytes, totalBytes);
+    }
+    zu::FindFileHandle* findFirstFile(const char* pattern) override {
+        return m_local.findFirstFile(pattern);
+    }
+    zu::FindFileHandle* findNextFile(zu::FindFileHandle* find) override {
+        return m_local.findNextFile(find);
+    }
+    void findClose(zu::FindFileHandle* find) override { m_local.findClose(find); }
+    const char* findGetFileName(zu::FindFileHandle* find) override {
+        return m_local.findGetFileName(find);
+    }
+    uint64_t findGetFileSize(zu::FindFileHandle* find) override {
+        return m_local.findGetFileSize(find);
+    }
+    uint64_t findGetFileTime(zu::FindFileHandle* find) override {
+        return m_local.findGetFileTime(find);
+    }
+    bool findIsDirectory(zu::FindFileHandle* find) override {
+        return m_local.findIsDirectory(find);
+    }
+    uint64_t getFileSortKey(zu::FileHandle* file) override { return m_local.getFileSortKey(file); }
+
+private:
+    zu::FileSystem& m_local = zu::getLocalFileSystem();
+    uint64_t m_budget;
+};
+
+// Installs a file system for as long as it lives.
+struct UsingFileSystem {
+    explicit UsingFileSystem(zu::FileSystem& fileSystem) { zu::setFileSystem(&fileSystem); }
+    ~UsingFileSystem() { zu::setFileSystem(nullptr); }
+};
+
+TEST_F(CacheTest, ASaveThatFailsLeavesThePreviousFileAsItWas) {
+    ScrollingTextWindow window(&engine, 0.0f);
+    enterCommands(window, 1, 1);
+    window.save();
+    const std::string saved = readFile(folder.cacheFile());
+    ASSERT_FALSE(saved.empty());
+
+    enterCommands(window, 2, 2);
+    {
+        FillingFileSystem full(20);  // fills up inside the console lines' header
+        UsingFileSystem installed(full);
+        EXPECT_NO_THROW(window.save());
+    }
+    EXPECT_EQ(readFile(folder.cacheFile()), saved);
+    EXPECT_FALSE(std::filesystem::exists(folder.cacheFile() + ".tmp"));
+
+    // A folder in the way of the temporary file: it cannot even be opened.
+    std::filesystem::create_directory(folder.cacheFile() + ".tmp");
+    enterCommands(window, 3, 3);
+    EXPECT_NO_THROW(window.save());
+    EXPECT_EQ(readFile(folder.cacheFile()), saved);
+    std::filesystem::remove(folder.cacheFile() + ".tmp");
+
+    enterCommands(window, 4, 4);
+    window.save();
+    ScrollingTextWindow reloaded(&engine, 0.0f);
+    for (const char* expected : {"cmd4", "cmd3", "cmd2", "cmd1"}) {
+        EXPECT_EQ(browse(reloaded, vk::Up), expected);
+    }
+}
+
+TEST_F(CacheTest, SavesAndScrollsWhileOtherThreadsPrint) {
+    constexpr int kPrinters = 4;
+    constexpr int kLinesEach = 150;
+    ScrollingTextWindow window(&engine, 0.0f);
+    std::atomic<int> finished{0};
+    std::vector<std::thread> printers;
+    for (int thread = 0; thread < kPrinters; ++thread) {
+        printers.emplace_back([&window, &finished, thread] {
+            for (int line = 0; line < kLinesEach; ++line) {
+                window.printWithPrefix(true, "t%d n%03d\n", thread, line);
+            }
+            finished.fetch_add(1);
+        });
+    }
+    // The main thread's share: saving, scrolling, browsing and reading the lines on screen (as
+    // drawing does) while the lines come in.
+    for (int round = 0; round < 100000 && finished.load() < kPrinters; ++round) {
+        window.save();
+        for (uint64_t k = 0; k < 40; ++k) {
+            const auto line = window.getVisibleLine(k);
+            ASSERT_TRUE(line.empty() || line[0] == '>') << line.c_str();
+        }
+        window.appendInput(round % 2 == 0 ? vk::PageUp : vk::PageDown, 0, false, false, false);
+        window.appendInput(vk::End, 0, false, true, false);
+    }
+    for (std::thread& printer : printers) {
+        printer.join();
+    }
+    window.save();
+
+    ScrollingTextWindow reloaded(&engine, 0.0f);
+    const std::vector<std::string> lines = dmtest::consoleLinesOldestFirst(reloaded);
+    ASSERT_EQ(lines.size(), static_cast<size_t>(kPrinters * kLinesEach));
+    std::vector<int> nextLine(kPrinters, 0);
+    for (const std::string& line : lines) {
+        int thread = -1;
+        int number = -1;
+        ASSERT_EQ(std::sscanf(line.c_str(), ">t%d n%3d\n", &thread, &number), 2) << line;
+        ASSERT_TRUE(thread >= 0 && thread < kPrinters) << line;
+        EXPECT_EQ(number, nextLine[thread]++) << line;
+    }
+}
+
+// One random change to a cache file: cut it, flip bytes, put an edge value over four bytes, or
+// drop or repeat a stretch.
+std::string mutate(std::string bytes, std::mt19937& random) {
+    auto below = [&random](size_t bound) {
+        return bound == 0 ? size_t(0) : std::uniform_int_distribution<size_t>(0, bound - 1)(random);
+    };
+    static const uint32_t kEdgeValues[] = {
+        0,    1,    4,     5,     29,       30,         31,         999,
+        1000, 1001, 65536, 65537, 1u << 20, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
+    switch (below(4)) {
+        case 0:
+            bytes.resize(below(bytes.size()));
+            break;
+        case 1:
+            for (size_t flips = 1 + below(4); flips > 0 && !bytes.empty(); --flips) {
+                bytes[below(bytes.size())] ^= static_cast<char>(1 + below(255));
+            }
+            break;
+        case 2:
+            if (bytes.size() >= 4) {
+                const uint32_t value = kEdgeValues[below(std::size(kEdgeValues))];
+                const size_t at = below(bytes.size() - 3);
+                for (int i = 0; i < 4; ++i) {
+                    bytes[at + i] = static_cast<char>((value >> (8 * i)) & 0xFF);
+                }
+            }
+            break;
+        default: {
+            const size_t at = below(bytes.size() + 1);
+            const size_t length = below(bytes.size() - at + 1);
+            if (below(2) == 0) {
+                bytes.erase(at, length);
+            } else {
+                bytes.insert(at, bytes.substr(at, length));
+            }
+            break;
+        }
+    }
+    return bytes;
+}
+
+TEST_F(CacheTest, MutatedCacheFilesNeverBreakAWindow) {
+    std::string saved;
+    {
+        ScrollingTextWindow window(&engine, 0.0f);
+        for (int i = 0; i < 40; ++i) {
+            window.print("line %d\n", i);
+        }
+        enterCommands(window, 1, 35);
+        window.save();
+        saved = readFile(folder.cacheFile());
+    }
+    // A small, full console ring as well, so that edge values land on counters of a full store.
+    const std::string handMade = CacheBytes()
+                                     .store(13, 8, {"i", "j", "k", "l", "m", "f", "g", "h"})
+                                     .store(2, 3, {"x", "y"})
+                                     .bytes;
+    std::mt19937 random(20240611);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    int loaded = 0;
+    int refused = 0;
+    for (int round = 0; round < 600 && std::chrono::steady_clock::now() < deadline; ++round) {
+        std::string bytes = mutate(round % 2 == 0 ? saved : handMade, random);
+        if (round % 3 == 0) {
+            bytes = mutate(bytes, random);
+        }
+        writeFile(folder.cacheFile(), bytes);
+        ScrollingTextWindow window(&engine, 0.0f);
+        const bool isRefused = !loadRefusal().empty();
+        (isRefused ? refused : loaded) += 1;
+        const uint64_t count = window.getConsoleLineCount();
+        ASSERT_LE(count, ScrollingTextWindow::kMaxCachedLineLimit);
+        if (isRefused) {
+            ASSERT_EQ(count, 0u);
+        }
+        for (uint64_t k = 0; k <= count; ++k) {
+            ASSERT_LE(consoleLine(window, k).size(), bytes.size());
+        }
+        for (int key : {vk::Up, vk::Up, vk::Down, vk::Down, vk::Down}) {
+            ASSERT_LE(browse(window, key).size(), bytes.size());
+        }
+        window.print("after\n");
+        window.addToCommandStack("after");
+        window.save();
+        // Whatever a window took from a file, it writes back in a form that loads again.
+        ScrollingTextWindow reloaded(&engine, 0.0f);
+        ASSERT_EQ(reloaded.getConsoleLineCount(), window.getConsoleLineCount());
+        ASSERT_EQ(consoleLine(reloaded, 0), "after\n");
+        ASSERT_EQ(browse(reloaded, vk::Up), "after");
+    }
+    // The mutations reach both outcomes.
+    EXPECT_GT(loaded, 10);
+    EXPECT_GT(refused, 100);
+}
+
+}  // namespace
