@@ -108,6 +108,7 @@ private:
     void serverPass();
     bool acceptClient();
     bool serveSocket(size_t index);
+    static void updateSocket(net::Socket& socket);
     void pollPackets(net::Socket& socket);
     void clientPass();
     void sendOpenPipes(net::Socket& socket);

@@ -133,7 +133,7 @@ bool NetCommunicationPipeManager::acceptClient() {
 // destroyed with its entry. False when it was.
 bool NetCommunicationPipeManager::serveSocket(size_t index) {
     net::Socket* socket = m_sockets[index].socket;
-    socket->update();
+    updateSocket(*socket);
     if (socket->isConnected()) {
         pollPackets(*socket);
     }
@@ -151,6 +151,14 @@ bool NetCommunicationPipeManager::serveSocket(size_t index) {
     delete socket;
     m_sockets.erase(index);
     return false;
+}
+
+// Finishes a pending connect and sends what is queued. Reading is left to pollPackets, which
+// reads as it goes; reading here as well would only cost a call that finds nothing.
+void NetCommunicationPipeManager::updateSocket(net::Socket& socket) {
+    if (socket.isConnecting() || socket.hasSendsToDo()) {
+        socket.update();
+    }
 }
 
 void NetCommunicationPipeManager::pollPackets(net::Socket& socket) {
@@ -174,7 +182,7 @@ void NetCommunicationPipeManager::clientPass() {
     pumpPipes();
     sendOpenPipes(socket);
 
-    socket.update();
+    updateSocket(socket);
     if (socket.isConnected()) {
         m_wasConnected = true;
         pollPackets(socket);
