@@ -95,7 +95,9 @@ private:
     public:
         // Ignores duplicates and handles of kind None; false when the list is full.
         bool add(zu::WaitHandle handle);
-        // The index of the handle that ended the wait, or -1 (time-out, failure, no wait).
+        // No wait took place (no time given, or the wait failed): anything may be ready.
+        static constexpr int kNotWaited = -100;
+        // The index of the handle that ended the wait, zu::kWaitTimeout or kNotWaited.
         int wait(uint32_t timeoutMs) const;
 
     private:
@@ -175,8 +177,8 @@ private:
     uint32_t m_nextConnectionId = 0;
     bool m_wasConnected = false;
     bool m_moreWork = false;  // the pass left work behind: the next one starts at once
-    // False while the last wait was ended by another handle than the listener: a waiting
-    // connection would have ended it first (lower index), so accepting can be skipped.
+    // False when the last wait timed out or was ended by another handle than the listener: a
+    // waiting connection would have ended it (first, by its lower index), so there is none.
     bool m_mayAccept = true;
     size_t m_nextPipeToPump = 0;
     size_t m_pipeCount = 0;  // pipes there were when this pass took its share

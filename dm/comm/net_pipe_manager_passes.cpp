@@ -58,13 +58,14 @@ bool NetCommunicationPipeManager::WaitList::add(zu::WaitHandle handle) {
 
 int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) const {
     if (timeoutMs == 0) {
-        return -1;
+        return kNotWaited;
     }
     const int ready = zu::waitForAny(m_handles, m_count, timeoutMs);
     if (ready == zu::kWaitFailed) {
         zu::sleepMs(timeoutMs);  // never spin, whatever went wrong with a handle
+        return kNotWaited;
     }
-    return ready >= 0 ? ready : -1;
+    return ready;
 }
 
 // --- Server ---
@@ -92,7 +93,7 @@ void NetCommunicationPipeManager::serverPass() {
     // Pipes beyond the list's room are served by the pass's bound.
     addPipeWakeHandles(waits);
     const int ready = waits.wait(m_moreWork ? 0 : kServerPassMs);
-    m_mayAccept = listening && (ready < 0 || ready == kListenerWaitIndex);
+    m_mayAccept = listening && (ready == WaitList::kNotWaited || ready == kListenerWaitIndex);
 }
 
 // Accepts one waiting connection and welcomes it. True when it was redirected elsewhere.
