@@ -7,6 +7,10 @@
 //   cmake --preset release && cmake --build --preset release --target comm_pipe_bench
 //   ./build/release/bench/comm_pipe_bench
 //
+// A run takes about a minute; the tables come last. --benchmark_filter=pipe (or ZeroMQ, raw,
+// pinned, "round trip", ...) runs a part. Loopback timings swing with whatever else the machine
+// runs, so the load average is printed with them.
+//
 // ZeroMQ (Debian's libzmq3-dev) is a dependency of this benchmark only; without it the peer's
 // columns read "-". The pipe side is one server and one client manager in this process; with
 // several client threads each has a pipe of its own (a pipe answers one request at a time),
