@@ -1,6 +1,4 @@
 // The job kinds: conversations over communication pipes, run on a job manager's thread.
-#include <algorithm>
-
 #include "dm/comm.h"
 #include "dm/jobs.h"
 #include "log_output.h"
@@ -61,8 +59,7 @@ void JobSendNotify::run(const char* managerName) {
     // each retry, before it is made.
     do {
         zu::sleepMs(kPollIntervalMs);
-        logLine("Manager \"%s\" sent a notification \"%s\" to pipe\n", managerName,
-                m_text.c_str());
+        logLine("Manager \"%s\" sent a notification \"%s\" to pipe\n", managerName, m_text.c_str());
     } while (!m_pipe->sendNotify(m_text.c_str(), m_value));
 }
 
@@ -171,7 +168,8 @@ void JobForwardRequest::run(const char*) {
         m_request.c_str(), 0, buffer.get(), kBufferSize, &responseSize, nullptr, 0);
     // The size reported is that of the whole answer, which may exceed the buffer; only what
     // the buffer holds is passed on.
-    m_replyPipe->respond(response.c_str(), buffer.get(), std::min(responseSize, kBufferSize));
+    const uint32_t forwardedSize = responseSize < kBufferSize ? responseSize : kBufferSize;
+    m_replyPipe->respond(response.c_str(), buffer.get(), forwardedSize);
 }
 
 }  // namespace dm
