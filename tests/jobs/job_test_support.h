@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -18,6 +19,15 @@
 #include "support/test_support.h"
 
 namespace dmtest {
+
+// Bytes that tell their position apart, different for each seed.
+inline std::vector<uint8_t> patternBytes(size_t size, uint8_t seed) {
+    std::vector<uint8_t> bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<uint8_t>(i * 7 + seed);
+    }
+    return bytes;
+}
 
 // Runs `body` with the manager's name; counts its own destruction in `destroyed` if given.
 class FunctionJob : public dm::Job {

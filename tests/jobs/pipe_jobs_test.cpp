@@ -18,14 +18,7 @@ using dmtest::BatchEnd;
 using dmtest::FunctionJob;
 using dmtest::LogCapture;
 using dmtest::ManagerLink;
-
-std::vector<uint8_t> patternBytes(size_t size, uint8_t seed) {
-    std::vector<uint8_t> bytes(size);
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<uint8_t>(i * 7 + seed);
-    }
-    return bytes;
-}
+using dmtest::patternBytes;
 
 // Takes the next request that arrives on `pipe` (waiting a bounded time); "" if none came.
 std::string takeRequest(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
