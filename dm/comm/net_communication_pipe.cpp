@@ -36,6 +36,7 @@ NetCommunicationPipe::NetCommunicationPipe(PipeOwner* owner, const char* name)
 }
 
 NetCommunicationPipe::~NetCommunicationPipe() {
+    close();
     freeIncomingRequests();
     zu::deleteMemory(m_currentRequest.data);
     for (zu::Event* event : m_spareEvents) {
@@ -117,6 +118,10 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
         // Numbered under the lock, so that ids rise in queue order: the receiver drops an id
         // that is not above the last one it completed, and requests go out in queue order.
         zu::ScopedLock lock(m_outgoingLock);
+        if (m_closed) {
+            return {};
+        }
+        ++m_blockedCallers;
         id = m_nextRequestId++;
         event = takeEvent();
         RequestRecord& request = m_outgoingRequests.emplace_back();
@@ -147,8 +152,12 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
                 *outResponseSize = request->responseSize;
             }
             m_outgoingRequests.erase(index);
+            if (m_outgoingRequests.size() >= kMaxSentPerPump) {
+                m_wakeEvent.signal();  // a request moved up into the part that is sent
+            }
         }
         releaseEvent(event);
+        leaveBlockingCall();
         return responseText;
     }
 }
@@ -204,6 +213,11 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
     uint32_t serial = 0;
     {
         zu::ScopedLock lock(m_outgoingLock);
+        if (m_closed) {
+            zu::deleteMemory(requestData);
+            return;
+        }
+        ++m_blockedCallers;
         event = takeEvent();
         serial = m_nextResponseSerial++;
         ResponseRecord& response = m_outgoingResponses.emplace_back();
@@ -226,11 +240,37 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         }
         if (response) {
             m_outgoingResponses.erase(index);
+            if (m_outgoingResponses.size() >= kMaxSentPerPump) {
+                m_wakeEvent.signal();  // a response moved up into the part that is sent
+            }
         }
         releaseEvent(event);
+        leaveBlockingCall();
         break;
     }
     zu::deleteMemory(requestData);
+}
+
+void NetCommunicationPipe::leaveBlockingCall() {
+    if (--m_blockedCallers == 0 && m_closed) {
+        m_blockedCallersLeft.notify_all();
+    }
+}
+
+void NetCommunicationPipe::close() {
+    zu::ScopedLock lock(m_outgoingLock);
+    m_closed = true;
+    // Each waiter finds its record gone and returns empty-handed.
+    for (RequestRecord& request : m_outgoingRequests) {
+        request.event->signal();
+    }
+    for (ResponseRecord& response : m_outgoingResponses) {
+        response.event->signal();
+    }
+    m_outgoingRequests.clear();
+    m_outgoingResponses.clear();
+    m_outgoingNotifications.clear();
+    m_blockedCallersLeft.wait(m_outgoingLock, [this] { return m_blockedCallers == 0; });
 }
 
 // --- Callbacks ---
@@ -314,12 +354,12 @@ void NetCommunicationPipe::freeIncomingRequests() {
 
 // --- Sending (manager thread) ---
 
-void NetCommunicationPipe::pumpOutgoing(net::Socket* socket) {
+bool NetCommunicationPipe::pumpOutgoing(net::Socket* socket) {
     if (!socket || !collectOutgoing()) {
-        return;
+        return false;
     }
     sendCollected(*socket);
-    markSent();
+    return markSent();
 }
 
 bool NetCommunicationPipe::collectOutgoing() {
@@ -370,7 +410,8 @@ void NetCommunicationPipe::sendCollected(net::Socket& socket) {
     }
 }
 
-void NetCommunicationPipe::markSent() {
+// Returns true when messages are left that the next pump can send.
+bool NetCommunicationPipe::markSent() {
     zu::ScopedLock lock(m_outgoingLock);
     for (const ResponseRecord& sent : m_pumpResponses) {
         if (ResponseRecord* response = findOutgoingResponse(sent.serial)) {
@@ -391,6 +432,26 @@ void NetCommunicationPipe::markSent() {
             }
         }
     }
+    return hasUnsentInWindow();
+}
+
+// Records queued while the pump was sending, or beyond its share of a pass. Requests and
+// responses further back wait until those before them are answered (see the blocking calls).
+bool NetCommunicationPipe::hasUnsentInWindow() const {
+    if (!m_outgoingNotifications.empty()) {
+        return true;
+    }
+    for (size_t i = 0; i < m_outgoingResponses.size() && i < kMaxSentPerPump; ++i) {
+        if (!m_outgoingResponses[i].sent) {
+            return true;
+        }
+    }
+    for (size_t i = 0; i < m_outgoingRequests.size() && i < kMaxSentPerPump; ++i) {
+        if (!m_outgoingRequests[i].sent) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // --- Outgoing bookkeeping (outgoingLock held) ---

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 
@@ -129,7 +130,8 @@ public:
 
     // `owner` may be null (no manager; notification values of 0 are then sent as 0).
     NetCommunicationPipe(PipeOwner* owner, const char* name);
-    // No thread may be blocked in sendRequest or respond any more.
+    // Closes the pipe first (see close), so threads still blocked in it return before it goes.
+    // No other call may be running or start any more.
     ~NetCommunicationPipe() override;
 
     const char* getName() const override { return m_name.c_str(); }
@@ -165,8 +167,13 @@ public:
     // Starts over after a reconnect: incoming requests are dropped, a request taken before
     // is not answered, unanswered outgoing requests are sent again, queued notifications go.
     void reset();
-    // Sends up to 8 queued messages of each kind on `socket` (nothing when it is null).
-    void pumpOutgoing(net::Socket* socket);
+    // Sends up to 8 queued messages of each kind on `socket` (nothing when it is null). True
+    // when messages are left that another call could send at once: pump again before sleeping.
+    bool pumpOutgoing(net::Socket* socket);
+    // Ends the pipe's service before it is destroyed: every thread blocked in sendRequest or
+    // respond wakes and returns empty-handed, later calls of the two return at once, and close
+    // returns once no thread is inside either of them any more.
+    void close();
 
     // Receive handlers. The connection loop has read the message head (kind, pipe name and
     // the fields up to the text); `packet` is positioned just behind them. Malformed or
@@ -223,7 +230,9 @@ private:
     RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr);
     ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
     bool collectOutgoing();
-    void markSent();
+    bool markSent();
+    bool hasUnsentInWindow() const;
+    void leaveBlockingCall();
     void sendCollected(net::Socket& socket);
 
     // Incoming side (incomingLock held).
@@ -264,6 +273,9 @@ private:
     uint32_t m_nextNotifyId = 0;
     uint32_t m_nextResponseSerial = 0;
     zu::InplaceString<128> m_connectedIP;
+    bool m_closed = false;
+    uint32_t m_blockedCallers = 0;  // threads inside sendRequest or respond
+    std::condition_variable_any m_blockedCallersLeft;
 
     std::atomic<net::Socket*> m_socket{nullptr};
     std::atomic<uint32_t> m_maxMessageSize{kDefaultMaxMessageSize};
@@ -294,8 +306,18 @@ struct PipeCreateCallback {
 };
 
 // Owns the pipes of one endpoint and the one thread that does all their socket work: a server
-// listens and serves any number of client connections, a client keeps one connection alive.
-// Made and destroyed through the registry functions below.
+// listens and serves any number of client connections, a client keeps one connection alive
+// (it reconnects every half second while it is down, and pipes asked for meanwhile are
+// attached once it is up). Made and destroyed through the registry functions below.
+//
+// Callbacks (the manager's and its pipes') run on the manager's thread and must not block: in
+// particular they must not call sendRequest or respond, which wait for that very thread, nor
+// destroy their own manager. Registry calls made from a callback while the manager is being
+// destroyed return empty-handed (null, false) instead of waiting for the registry.
+//
+// Destruction: the thread is stopped and joined, then every thread still blocked in sendRequest
+// or respond on one of the pipes is woken and returns an empty result; only then are pipes and
+// sockets destroyed. No other call on the manager or its pipes may be running or start then.
 class DM_API CommunicationPipeManager : public zu::Thread {
 public:
     ~CommunicationPipeManager() override;
@@ -304,22 +326,32 @@ public:
     int run() override = 0;
     virtual bool isClient() const = 0;
     virtual bool isServer() const = 0;
+    // Valid until the next setName.
     virtual const char* getName() const = 0;
     virtual void setName(const char* name) = 0;
-    // The name of the manager at the other end ("" until learned).
+    // The name of the manager at the other end ("" until learned; a server takes it from the
+    // last pipe a client opened), cut to 127 characters. The pointer stays valid while the
+    // manager lives; the text changes when another name arrives.
     virtual const char* getRemoteName() const = 0;
     // A server's id from init; a client's from the server's welcome. Notifications sent with
     // value 0 carry it.
     virtual uint32_t getID() const = 0;
-    // Finds or creates the pipe `pipeName` (letter case ignored).
+    // Finds or creates the pipe `pipeName` (letter case ignored). A new pipe is announced to the
+    // pipe-create callback, on the calling thread.
     virtual CommunicationPipe* getPipe(const char* pipeName) = 0;
-    // The configured host; its port goes to `outPort` when non-null.
+    // The configured host, valid until the next setHost; its port goes to `outPort` when
+    // non-null. A server reports the port it listens on (0 when it could not listen).
     virtual const char* getHost(uint32_t* outPort) = 0;
+    // Client: where to connect from the next connection on.
     virtual void setHost(const char* host, uint32_t port) = 0;
     // Server: the next accepted client is sent to host:port (only while a client-connection
     // callback is set). Client: the address to try first.
     virtual void setRedirect(const char* host, uint32_t port) = 0;
+    // Server: called for each accepted client, which may then be redirected with setRedirect.
+    // Client: called for each welcome from a server (also one of another protocol version,
+    // whose connection is dropped).
     virtual void setClientConnectionCallback(ClientConnectionCallback callback) = 0;
+    // Called for each pipe created, by getPipe or on the far end's request.
     virtual void setPipeCreateCallback(PipeCreateCallback callback) = 0;
     // True when the pipe exists; never creates it.
     virtual bool pipeExists(const char* pipeName);
@@ -327,8 +359,9 @@ public:
 
 // --- The process-wide registry of managers, keyed by name (letter case ignored) ---
 
-// Creates a server manager listening on `port` (0 picks a free one; see getHost) and stores it
-// under `name`, replacing (not destroying) any manager stored under that name.
+// Creates a server manager listening on `port` on every interface (0 picks a free port; see
+// getHost) and stores it under `name`. A manager stored under that name before is replaced but
+// neither stopped nor destroyed: whoever holds it may `delete` it.
 DM_API CommunicationPipeManager* initCommunicationManagerAsServer(const char* name, int port,
                                                                   uint32_t id,
                                                                   bool createPipesOnRequest);
@@ -351,9 +384,11 @@ DM_API CommunicationPipe* getCommunicationPipe(const char* pipeName);
 DM_API CommunicationPipe* getCommunicationPipeChecked(const char* pipeName);
 // The sole manager's pipeExists(pipeName); false when there is not exactly one manager.
 DM_API bool isResourceHotLoadPipeCreated(const char* pipeName);
-// Stops, joins and destroys the manager `name` with its pipes; unknown names are ignored.
+// Stops, joins and destroys the manager `name` with its pipes; unknown names are ignored. The
+// remaining manager becomes the sole one when exactly one is left.
 DM_API void deinitCommunicationManager(const char* name);
-// Stops, joins and destroys every manager.
+// Stops, joins and destroys every manager. Until a manager is made again, the lookups by pipe
+// name alone find nothing.
 DM_API void deinitCommunicationManagers();
 
 // Writes each byte as two lower-case hexadecimal digits, high nibble first; `out` becomes

@@ -1,0 +1,411 @@
+// NetCommunicationPipeManager: construction and destruction, the operations for application
+// threads, and the handling of received messages. The passes of the thread and its waiting are
+// in net_pipe_manager_passes.cpp.
+#include "comm/net_communication_pipe_manager.h"
+
+#include "comm/pipe_protocol.h"
+#include "zu/exception.h"
+#include "zu/thread.h"
+
+namespace dm {
+
+CommunicationPipeManager::~CommunicationPipeManager() = default;
+
+bool CommunicationPipeManager::pipeExists(const char*) {
+    return false;
+}
+
+namespace {
+
+constexpr int kManagerThreadSlot = 9;
+constexpr const char* kManagerThreadName = "ZMK - Communication Pipe";
+
+// On a manager's thread: that manager's stop flag.
+thread_local const std::atomic<bool>* t_threadStopFlag = nullptr;
+// Remote names are cut to what fits inline (see setRemoteName).
+constexpr size_t kMaxRemoteNameLength = 127;
+
+const char* orEmpty(const char* text) {
+    return text ? text : "";
+}
+
+}  // namespace
+
+NetCommunicationPipeManager::NetCommunicationPipeManager(const char* name, bool isServer,
+                                                         uint32_t port, const char* host,
+                                                         uint32_t id, bool createPipesOnRequest)
+    : m_isServer(isServer),
+      m_createPipesOnRequest(createPipesOnRequest),
+      m_id(id),
+      m_name(orEmpty(name)),
+      m_host(orEmpty(host)),
+      m_port(port) {
+    m_passPipes.reserve(kMaxPipesPerPass);
+    if (m_isServer) {
+        m_listener = zu::newObject<net::Listener>(port);
+        m_port = m_listener->getPort();  // the one chosen for port 0; 0 when listening failed
+    } else {
+        SocketEntry& entry = m_sockets.emplace_back();
+        entry.socket = new net::Socket();
+    }
+    startThread();
+}
+
+NetCommunicationPipeManager::~NetCommunicationPipeManager() {
+    m_stopRequested.store(true);
+    m_wakeEvent.signal();
+    joinThread();
+    // Threads blocked on any pipe are let go before the first pipe is destroyed.
+    for (PipeEntry* entry : m_pipeOrder) {
+        entry->pipe->close();
+    }
+    zu::deleteObject(m_listener);
+    for (SocketEntry& entry : m_sockets) {
+        delete entry.socket;
+    }
+    for (PipeEntry* entry : m_pipeOrder) {
+        zu::deleteObject(entry->pipe);
+        zu::deleteObject(entry);
+    }
+}
+
+void* NetCommunicationPipeManager::operator new(size_t size) {
+    return zu::allocateMemory(size, alignof(NetCommunicationPipeManager) > zu::kDefaultAlignment
+                                        ? alignof(NetCommunicationPipeManager)
+                                        : zu::kDefaultAlignment);
+}
+
+void NetCommunicationPipeManager::operator delete(void* memory) {
+    zu::deleteMemory(memory);
+}
+
+bool NetCommunicationPipeManager::isStoppingManagerThread() {
+    return t_threadStopFlag != nullptr && t_threadStopFlag->load();
+}
+
+int NetCommunicationPipeManager::run() {
+    t_threadStopFlag = &m_stopRequested;
+    zu::registerThread(kManagerThreadSlot);
+    zu::setThreadName(zu::getCurrentThreadId(), kManagerThreadName);
+    while (!m_stopRequested.load()) {
+        if (m_isServer) {
+            serverPass();
+        } else {
+            clientPass();
+        }
+    }
+    t_threadStopFlag = nullptr;
+    return 0;
+}
+
+// --- Operations for application threads ---
+
+const char* NetCommunicationPipeManager::getName() const {
+    zu::ScopedLock lock(m_addressLock);
+    return m_name.c_str();
+}
+
+void NetCommunicationPipeManager::setName(const char* name) {
+    zu::ScopedLock lock(m_addressLock);
+    m_name = orEmpty(name);
+}
+
+const char* NetCommunicationPipeManager::getRemoteName() const {
+    zu::ScopedLock lock(m_remoteNameLock);
+    return m_remoteName.c_str();
+}
+
+void NetCommunicationPipeManager::setRemoteName(const char* name) {
+    name = orEmpty(name);
+    zu::ScopedLock lock(m_remoteNameLock);
+    if (m_remoteName != name) {
+        // Cut to what the inline buffer holds, so that the text never moves.
+        size_t length = 0;
+        while (length < kMaxRemoteNameLength && name[length] != '\0') {
+            ++length;
+        }
+        m_remoteName.assign(name, length);
+    }
+}
+
+CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {
+    pipeName = orEmpty(pipeName);
+    NetCommunicationPipe* pipe = nullptr;
+    {
+        zu::ScopedLock lock(m_pipesLock);
+        if (PipeEntry* entry = findEntry(pipeName)) {
+            return entry->pipe;
+        }
+        pipe = createEntry(pipeName, nullptr)->pipe;
+        callPipeCreateCallback(pipe);
+    }
+    m_wakeEvent.signal();  // a client asks the server for it at once
+    return pipe;
+}
+
+const char* NetCommunicationPipeManager::getHost(uint32_t* outPort) {
+    zu::ScopedLock lock(m_addressLock);
+    if (outPort) {
+        *outPort = m_port;
+    }
+    return m_host.c_str();
+}
+
+void NetCommunicationPipeManager::setHost(const char* host, uint32_t port) {
+    {
+        zu::ScopedLock lock(m_addressLock);
+        m_host = orEmpty(host);
+        m_port = port;
+    }
+    m_wakeEvent.signal();
+}
+
+void NetCommunicationPipeManager::setRedirect(const char* host, uint32_t port) {
+    {
+        zu::ScopedLock lock(m_addressLock);
+        m_redirectHost = orEmpty(host);
+        m_redirectPort = port;
+        m_redirectPending = true;
+    }
+    m_wakeEvent.signal();
+}
+
+void NetCommunicationPipeManager::setClientConnectionCallback(ClientConnectionCallback callback) {
+    zu::ScopedLock lock(m_callbackLock);
+    m_clientConnectionCallback = callback;
+}
+
+void NetCommunicationPipeManager::setPipeCreateCallback(PipeCreateCallback callback) {
+    zu::ScopedLock lock(m_callbackLock);
+    m_pipeCreateCallback = callback;
+}
+
+bool NetCommunicationPipeManager::pipeExists(const char* pipeName) {
+    zu::ScopedLock lock(m_pipesLock);
+    return findEntry(orEmpty(pipeName)) != nullptr;
+}
+
+// --- Received messages (manager thread) ---
+
+bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& packet,
+                                           uint32_t packetSize) {
+    int32_t kind = -1;
+    if (!pipe_protocol::readKind(packet, kind)) {
+        return true;  // not a pipe message
+    }
+    const char* pipeName = "";
+    switch (kind) {
+        case pipe_protocol::kRequest:
+        case pipe_protocol::kResponse:
+        case pipe_protocol::kNotify:
+            dispatchToPipe(kind, packet, packetSize);
+            return true;
+        case pipe_protocol::kOpenPipe: {
+            const char* senderName = "";
+            if (m_isServer && pipe_protocol::readOpenPipe(packet, pipeName, senderName)) {
+                setRemoteName(senderName);
+                openPipe(socket, pipeName);
+            }
+            return true;
+        }
+        case pipe_protocol::kPipeOpened:
+            if (!m_isServer && pipe_protocol::readPipeName(packet, pipeName)) {
+                openPipe(socket, pipeName);
+            }
+            return true;
+        case pipe_protocol::kRedirect:
+            return m_isServer || !onRedirect(socket, packet);
+        case pipe_protocol::kWelcome:
+            if (!m_isServer) {
+                onWelcome(socket, packet);
+            }
+            return socket.isConnected();
+        default:
+            return true;  // PipeRefused: the client simply asks again later
+    }
+}
+
+void NetCommunicationPipeManager::dispatchToPipe(int32_t kind, net::Packet& packet,
+                                                 uint32_t packetSize) {
+    // A message for a pipe this end does not have is dropped.
+    if (kind == pipe_protocol::kRequest) {
+        pipe_protocol::RequestHead head;
+        NetCommunicationPipe* pipe = nullptr;
+        if (pipe_protocol::readRequestHead(packet, head) && (pipe = findPipe(head.pipeName))) {
+            pipe->onRequestPacket(head.requestId, head.value, head.text, packet, packetSize);
+        }
+    } else if (kind == pipe_protocol::kResponse) {
+        pipe_protocol::ResponseHead head;
+        NetCommunicationPipe* pipe = nullptr;
+        if (pipe_protocol::readResponseHead(packet, head) && (pipe = findPipe(head.pipeName))) {
+            pipe->onResponsePacket(head.requestId, head.text, packet);
+        }
+    } else {
+        pipe_protocol::NotifyHead head;
+        NetCommunicationPipe* pipe = nullptr;
+        if (pipe_protocol::readNotifyHead(packet, head) && (pipe = findPipe(head.pipeName))) {
+            pipe->onNotifyPacket(head.notifyId, head.value, packet);
+        }
+    }
+}
+
+// Returns true when the redirect was taken: the connection is closed and the next one goes to
+// the address received.
+bool NetCommunicationPipeManager::onRedirect(net::Socket& socket, net::Packet& packet) {
+    const char* host = "";
+    int32_t port = 0;
+    if (!pipe_protocol::readRedirect(packet, host, port)) {
+        return false;
+    }
+    socket.close();
+    zu::ScopedLock lock(m_addressLock);
+    m_redirectHost = host;
+    m_redirectPort = static_cast<uint32_t>(port);
+    m_redirectPending = true;
+    return true;
+}
+
+void NetCommunicationPipeManager::onWelcome(net::Socket& socket, net::Packet& packet) {
+    uint32_t protocolVersion = 0;
+    uint32_t connectionId = 0;
+    const char* serverName = "";
+    if (!pipe_protocol::readWelcome(packet, protocolVersion, connectionId, serverName)) {
+        return;
+    }
+    m_id.store(connectionId);
+    setRemoteName(serverName);
+    {
+        zu::ScopedLock lock(m_addressLock);
+        // A redirect governs only the connection it caused; a drop goes back to the address
+        // that was configured.
+        m_redirectHost = m_host;
+        m_redirectPort = m_port;
+        if (protocolVersion != pipe_protocol::kProtocolVersion) {
+            socket.close();
+            m_redirectHost.clear();
+        }
+    }
+    callClientConnectionCallback();
+}
+
+void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipeName) {
+    NetCommunicationPipe* toAttach = nullptr;
+    NetCommunicationPipe* created = nullptr;
+    {
+        zu::ScopedLock lock(m_pipesLock);
+        PipeEntry* entry = findEntry(pipeName);
+        if (!entry && m_createPipesOnRequest) {
+            try {
+                entry = createEntry(pipeName, nullptr);
+                created = entry->pipe;
+            } catch (const zu::OutOfMemoryException&) {
+                // Refused below, as if creation were off; the client asks again later.
+            }
+        }
+        if (!entry) {
+            pipe_protocol::sendPipeRefused(socket, pipeName);
+            return;
+        }
+        if (entry->socket != &socket) {
+            entry->socket = &socket;
+            toAttach = entry->pipe;
+        }
+    }
+    // Attaching resets the pipe and calls its connection callback: outside the lock, so that
+    // the callback may use the manager freely.
+    if (toAttach) {
+        toAttach->attachSocket(&socket);
+    }
+    if (created) {
+        callPipeCreateCallback(created);
+    }
+    if (m_isServer) {
+        pipe_protocol::sendPipeOpened(socket, pipeName);
+    }
+}
+
+void NetCommunicationPipeManager::detachPipesFrom(const net::Socket* socket) {
+    zu::ScopedLock lock(m_pipesLock);
+    for (PipeEntry* entry : m_pipeOrder) {
+        if (entry->socket == socket) {
+            entry->socket = nullptr;
+            entry->pipe->detachSocket();
+        }
+    }
+}
+
+// --- Helpers ---
+
+NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
+    const char* pipeName) {
+    auto found = m_pipes.find(zu::InplaceString<128>(pipeName));
+    return found == m_pipes.end() ? nullptr : found->second;
+}
+
+NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry(
+    const char* pipeName, net::Socket* socket) {
+    // Each step may run out of memory; what was made before it is given back.
+    PipeEntry* entry = zu::newObject<PipeEntry>();
+    try {
+        entry->pipe = zu::newObject<NetCommunicationPipe>(this, pipeName);
+        m_pipeOrder.push_back(entry);
+        try {
+            m_pipes.emplace(zu::InplaceString<128>(pipeName), entry);
+        } catch (...) {
+            m_pipeOrder.pop_back();
+            throw;
+        }
+    } catch (...) {
+        zu::deleteObject(entry->pipe);
+        zu::deleteObject(entry);
+        throw;
+    }
+    entry->socket = socket;
+    return entry;
+}
+
+NetCommunicationPipe* NetCommunicationPipeManager::findPipe(const char* pipeName) {
+    zu::ScopedLock lock(m_pipesLock);
+    PipeEntry* entry = findEntry(pipeName);
+    return entry ? entry->pipe : nullptr;
+}
+
+NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() {
+    zu::ScopedLock lock(m_addressLock);
+    Address address;
+    address.host = m_host;
+    address.port = m_port;
+    address.redirectHost = m_redirectHost;
+    address.redirectPort = m_redirectPort;
+    address.redirectPending = m_redirectPending;
+    return address;
+}
+
+zu::InplaceString<128> NetCommunicationPipeManager::copyName() {
+    zu::ScopedLock lock(m_addressLock);
+    return m_name;
+}
+
+void NetCommunicationPipeManager::callClientConnectionCallback() {
+    ClientConnectionCallback callback;
+    {
+        zu::ScopedLock lock(m_callbackLock);
+        callback = m_clientConnectionCallback;
+    }
+    if (callback.function) {
+        callback.function(callback.context, this);
+    }
+}
+
+void NetCommunicationPipeManager::callPipeCreateCallback(NetCommunicationPipe* pipe) {
+    PipeCreateCallback callback;
+    {
+        zu::ScopedLock lock(m_callbackLock);
+        callback = m_pipeCreateCallback;
+    }
+    if (callback.function) {
+        callback.function(callback.context, this, pipe);
+    }
+}
+
+}  // namespace dm

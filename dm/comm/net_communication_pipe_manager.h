@@ -1,0 +1,177 @@
+// NetCommunicationPipeManager: the pipe manager over TCP. A server listens and serves any number
+// of client connections; a client keeps one connection to its server alive. One thread does all
+// socket work: it accepts or connects, runs the handshake that attaches pipes to connections,
+// hands received messages to the pipes and sends what the pipes have queued.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+
+#include "dm/comm.h"
+#include "net/listener.h"
+#include "net/socket.h"
+#include "zu/event.h"
+#include "zu/memory.h"
+#include "zu/mutex.h"
+#include "zu/string.h"
+#include "zu/vector.h"
+
+namespace dm {
+
+class NetCommunicationPipeManager final : public CommunicationPipeManager, public PipeOwner {
+public:
+    // Connections a client tries again after this long (seconds).
+    static constexpr double kReconnectInterval = 0.5;
+    // A client asks again for a pipe the server has not attached after this long (seconds).
+    static constexpr double kOpenPipeInterval = 0.2;
+    // Pipes pumped per pass; with more, each pass goes on where the last one stopped.
+    static constexpr size_t kMaxPipesPerPass = 256;
+    // Longest sleep of a pass (milliseconds): a client is woken early by its pipes and socket,
+    // a server by its pipes, sockets and listener.
+    static constexpr uint32_t kClientPassMs = 100;
+    static constexpr uint32_t kServerPassMs = 1;
+
+    // Listens on `port` (server) or starts connecting to host:port (client), and starts the
+    // thread.
+    NetCommunicationPipeManager(const char* name, bool isServer, uint32_t port, const char* host,
+                                uint32_t id, bool createPipesOnRequest);
+    // Stops and joins the thread, wakes every thread still blocked on one of the pipes (see
+    // NetCommunicationPipe::close), then destroys the pipes and sockets.
+    ~NetCommunicationPipeManager() override;
+
+    // On the runtime's heap; `delete` through a CommunicationPipeManager* works.
+    static void* operator new(size_t size);
+    static void operator delete(void* memory);
+
+    // True on a manager's thread whose manager is being destroyed: the registry uses it so that
+    // a callback waiting for the registry lock gives up instead of blocking the destruction.
+    static bool isStoppingManagerThread();
+
+    int run() override;
+    bool isClient() const override { return !m_isServer; }
+    bool isServer() const override { return m_isServer; }
+    const char* getName() const override;
+    void setName(const char* name) override;
+    const char* getRemoteName() const override;
+    uint32_t getID() const override { return m_id.load(); }
+    CommunicationPipe* getPipe(const char* pipeName) override;
+    const char* getHost(uint32_t* outPort) override;
+    void setHost(const char* host, uint32_t port) override;
+    void setRedirect(const char* host, uint32_t port) override;
+    void setClientConnectionCallback(ClientConnectionCallback callback) override;
+    void setPipeCreateCallback(PipeCreateCallback callback) override;
+    bool pipeExists(const char* pipeName) override;
+
+    // PipeOwner
+    CommunicationPipeManager* getOwningManager() override { return this; }
+    uint32_t getOwnerId() const override { return m_id.load(); }
+
+private:
+    struct SocketEntry {
+        net::Socket* socket = nullptr;
+        double lastConnectAttempt = -1000.0;
+    };
+    struct PipeEntry {
+        net::Socket* socket = nullptr;  // the connection the pipe is attached to, or null
+        NetCommunicationPipe* pipe = nullptr;
+        double lastOpenPipeSent = 0.0;
+    };
+    using PipeMap = std::map<zu::InplaceString<128>, PipeEntry*, zu::LessNoCase,
+                             zu::Allocator<std::pair<const zu::InplaceString<128>, PipeEntry*>>>;
+    // Copies of the address fields, taken at the start of a pass.
+    struct Address {
+        zu::InplaceString<128> host;
+        uint32_t port = 0;
+        zu::InplaceString<128> redirectHost;
+        uint32_t redirectPort = 0;
+        bool redirectPending = false;
+    };
+    // What a pass waits on before the next one.
+    class WaitList {
+    public:
+        // Ignores duplicates and handles of kind None; false when the list is full.
+        bool add(zu::WaitHandle handle);
+        void wait(uint32_t timeoutMs) const;
+
+    private:
+        static constexpr size_t kCapacity = 64;
+        zu::WaitHandle m_handles[kCapacity];
+        size_t m_count = 0;
+    };
+
+    // --- Passes (manager thread) ---
+    void serverPass();
+    bool acceptClient();
+    bool serveSocket(size_t index);
+    void pollPackets(net::Socket& socket);
+    void clientPass();
+    double sendOpenPipes(net::Socket& socket);
+    void onClientDropped(net::Socket& socket);
+    void connectClient(SocketEntry& entry, double now);
+    void collectPipes();
+    void pumpPipes();
+    bool addPipeWakeHandles(WaitList& waits);
+
+    // --- Messages (manager thread) ---
+    // Returns false when the connection must not be read further this pass.
+    bool dispatch(net::Socket& socket, net::Packet& packet, uint32_t packetSize);
+    void dispatchToPipe(int32_t kind, net::Packet& packet, uint32_t packetSize);
+    bool onRedirect(net::Socket& socket, net::Packet& packet);
+    void onWelcome(net::Socket& socket, net::Packet& packet);
+    void openPipe(net::Socket& socket, const char* pipeName);
+    void detachPipesFrom(const net::Socket* socket);
+
+    // --- Helpers ---
+    PipeEntry* findEntry(const char* pipeName);                         // pipesLock held
+    PipeEntry* createEntry(const char* pipeName, net::Socket* socket);  // pipesLock held
+    NetCommunicationPipe* findPipe(const char* pipeName);
+    void collectPipes(zu::Vector<PipeEntry*>& into);
+    Address copyAddress();
+    zu::InplaceString<128> copyName();
+    void setRemoteName(const char* name);
+    void callClientConnectionCallback();
+    void callPipeCreateCallback(NetCommunicationPipe* pipe);
+
+    const bool m_isServer;
+    const bool m_createPipesOnRequest;
+    std::atomic<bool> m_stopRequested{false};
+    std::atomic<uint32_t> m_id;
+    zu::Event m_wakeEvent;  // wakes the thread: a new pipe, an address change, the end
+
+    // Guarded by m_addressLock, like the name.
+    mutable zu::Mutex m_addressLock;
+    zu::InplaceString<128> m_name;
+    zu::InplaceString<128> m_host;
+    uint32_t m_port = 0;
+    zu::InplaceString<128> m_redirectHost;
+    uint32_t m_redirectPort = 0;
+    bool m_redirectPending = false;
+
+    // Written on the thread under m_remoteNameLock; always inline, so getRemoteName's pointer
+    // stays valid.
+    mutable zu::Mutex m_remoteNameLock;
+    zu::InplaceString<128> m_remoteName;
+
+    mutable zu::Mutex m_callbackLock;
+    ClientConnectionCallback m_clientConnectionCallback;
+    PipeCreateCallback m_pipeCreateCallback;
+
+    // Guarded by m_pipesLock. Entries are never removed before destruction; m_pipeOrder holds
+    // them in creation order, for pumping in turns.
+    mutable zu::Mutex m_pipesLock;
+    PipeMap m_pipes;
+    zu::Vector<PipeEntry*> m_pipeOrder;
+
+    // Manager thread only (and construction / destruction).
+    net::Listener* m_listener = nullptr;
+    zu::Vector<SocketEntry> m_sockets;
+    uint32_t m_nextConnectionId = 0;
+    bool m_wasConnected = false;
+    bool m_moreWork = false;  // the pass left work behind: the next one starts at once
+    size_t m_nextPipeToPump = 0;
+    size_t m_pipeCount = 0;  // pipes there were when this pass took its share
+    zu::Vector<PipeEntry*> m_passPipes;
+};
+
+}  // namespace dm

@@ -1,0 +1,288 @@
+// NetCommunicationPipeManager: the passes of the manager's thread. A pass sends what the pipes
+// have queued, reads and dispatches what arrived, keeps the connections (a server accepts, a
+// client reconnects) and then sleeps until there is something to do, within a bound.
+//
+// Pumping comes before reading on purpose: sending also reads the socket, and bytes read into
+// the socket's buffer no longer wake a wait on it. Reading last leaves nothing buffered unseen.
+#include <algorithm>
+
+#include "comm/net_communication_pipe_manager.h"
+#include "comm/pipe_protocol.h"
+#include "zu/exception.h"
+#include "zu/thread.h"
+#include "zu/timer.h"
+
+namespace dm {
+
+namespace {
+
+// Packets dispatched per connection and pass, so that one busy connection cannot hold up the
+// others; the pass then comes back without sleeping.
+constexpr int kMaxPacketsPerPass = 1024;
+
+double appAge() {
+    return zu::Timer::getAppAge();
+}
+
+// Whole milliseconds until `due`, rounded up, at most `bound`.
+uint32_t millisecondsUntil(double due, double now, uint32_t bound) {
+    const double left = (due - now) * 1000.0;
+    if (left <= 0.0) {
+        return 0;
+    }
+    return left >= bound ? bound : static_cast<uint32_t>(left) + 1;
+}
+
+}  // namespace
+
+// --- Waiting ---
+
+bool NetCommunicationPipeManager::WaitList::add(zu::WaitHandle handle) {
+    if (handle.kind == zu::WaitHandle::None) {
+        return true;
+    }
+    for (size_t i = 0; i < m_count; ++i) {
+        if (m_handles[i] == handle) {
+            return true;
+        }
+    }
+    if (m_count == kCapacity) {
+        return false;
+    }
+    m_handles[m_count++] = handle;
+    return true;
+}
+
+void NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) const {
+    if (timeoutMs == 0) {
+        return;
+    }
+    if (zu::waitForAny(m_handles, m_count, timeoutMs) == zu::kWaitFailed) {
+        zu::sleepMs(timeoutMs);  // never spin, whatever went wrong with a handle
+    }
+}
+
+// --- Server ---
+
+void NetCommunicationPipeManager::serverPass() {
+    m_moreWork = false;
+    m_listener->update();
+    if (acceptClient()) {
+        return;  // a client was redirected: nothing else this pass
+    }
+    collectPipes();
+    pumpPipes();
+    for (size_t index = 0; index < m_sockets.size();) {
+        if (serveSocket(index)) {
+            ++index;  // otherwise the entry is gone and the next one took its place
+        }
+    }
+    WaitList waits;
+    waits.add(m_wakeEvent.getWaitHandle());
+    waits.add(m_listener->getWaitHandle());
+    for (const SocketEntry& entry : m_sockets) {
+        waits.add(entry.socket->getWaitHandle());
+    }
+    // Pipes beyond the list's room are served by the pass's bound.
+    addPipeWakeHandles(waits);
+    waits.wait(m_moreWork ? 0 : kServerPassMs);
+}
+
+// Accepts one waiting connection and welcomes it. True when it was redirected elsewhere.
+bool NetCommunicationPipeManager::acceptClient() {
+    net::Socket* socket = m_listener->pollConnect();
+    if (!socket) {
+        return false;
+    }
+    try {
+        m_sockets.emplace_back().socket = socket;
+    } catch (const zu::OutOfMemoryException&) {
+        delete socket;  // turned away; it may try again
+        return false;
+    }
+    pipe_protocol::sendWelcome(*socket, m_nextConnectionId++, copyName().c_str());
+    ClientConnectionCallback callback;
+    {
+        zu::ScopedLock lock(m_callbackLock);
+        callback = m_clientConnectionCallback;
+    }
+    // Redirects go out only where a connection callback is set: it is the callback that
+    // decides, with setRedirect, where this client is to go.
+    if (!callback.isSet()) {
+        return false;
+    }
+    callClientConnectionCallback();
+    zu::ScopedLock lock(m_addressLock);
+    if (!m_redirectPending) {
+        return false;
+    }
+    pipe_protocol::sendRedirect(*socket, m_redirectHost.c_str(),
+                                static_cast<int32_t>(m_redirectPort));
+    m_redirectPending = false;
+    return true;
+}
+
+// Reads and dispatches what arrived on the connection at `index`; a connection that has gone is
+// destroyed with its entry. False when it was.
+bool NetCommunicationPipeManager::serveSocket(size_t index) {
+    net::Socket* socket = m_sockets[index].socket;
+    socket->update();
+    if (socket->isConnected()) {
+        pollPackets(*socket);
+    }
+    if (socket->isConnected()) {
+        return true;
+    }
+    {
+        // The redirect waiting for the next client loses its address but stays pending: that
+        // client is sent to an empty address and comes back to this one.
+        zu::ScopedLock lock(m_addressLock);
+        m_redirectHost.clear();
+        m_redirectPort = 0;
+    }
+    detachPipesFrom(socket);
+    delete socket;
+    m_sockets.erase(index);
+    return false;
+}
+
+void NetCommunicationPipeManager::pollPackets(net::Socket& socket) {
+    uint32_t size = 0;
+    for (int count = 0; count < kMaxPacketsPerPass; ++count) {
+        net::Packet* packet = socket.pollPacket(&size);
+        if (!packet || !dispatch(socket, *packet, size)) {
+            return;
+        }
+    }
+    m_moreWork = true;  // packets still buffered do not wake a wait
+}
+
+// --- Client ---
+
+void NetCommunicationPipeManager::clientPass() {
+    m_moreWork = false;
+    SocketEntry& entry = m_sockets[0];
+    net::Socket& socket = *entry.socket;
+    collectPipes();
+    pumpPipes();
+    const double openPipeDue = sendOpenPipes(socket);
+
+    socket.update();
+    if (socket.isConnected()) {
+        m_wasConnected = true;
+        pollPackets(socket);
+    }
+    if (!socket.isConnected() && m_wasConnected) {
+        onClientDropped(socket);
+    }
+    const double now = appAge();
+    const bool idle = !socket.isConnected() && !socket.isConnecting();
+    if (idle && now - entry.lastConnectAttempt > kReconnectInterval) {
+        connectClient(entry, now);
+    }
+
+    WaitList waits;
+    waits.add(m_wakeEvent.getWaitHandle());
+    waits.add(socket.getWaitHandle());
+    uint32_t timeoutMs = kClientPassMs;
+    if (!addPipeWakeHandles(waits)) {
+        timeoutMs = kServerPassMs;  // pipes that did not fit are polled instead
+    }
+    if (socket.isConnected()) {
+        timeoutMs = std::min(timeoutMs, millisecondsUntil(openPipeDue, now, timeoutMs));
+    } else if (!socket.isConnecting()) {
+        const double nextConnect = entry.lastConnectAttempt + kReconnectInterval;
+        timeoutMs = std::min(timeoutMs, millisecondsUntil(nextConnect, now, timeoutMs));
+    }
+    waits.wait(m_moreWork ? 0 : timeoutMs);
+}
+
+// Asks the server for every pipe not attached yet, again each kOpenPipeInterval. Returns when
+// the next request falls due (far ahead when none is waiting).
+double NetCommunicationPipeManager::sendOpenPipes(net::Socket& socket) {
+    double nextDue = appAge() + 3600.0;
+    if (!socket.isConnected()) {
+        return nextDue;
+    }
+    zu::InplaceString<128> name = copyName();
+    for (PipeEntry* entry : m_passPipes) {
+        if (entry->socket) {
+            continue;
+        }
+        const double now = appAge();
+        if (now - entry->lastOpenPipeSent > kOpenPipeInterval) {
+            pipe_protocol::sendOpenPipe(socket, entry->pipe->getName(), name.c_str());
+            entry->lastOpenPipeSent = now;
+        }
+        nextDue = std::min(nextDue, entry->lastOpenPipeSent + kOpenPipeInterval);
+    }
+    return nextDue;
+}
+
+void NetCommunicationPipeManager::onClientDropped(net::Socket& socket) {
+    {
+        zu::ScopedLock lock(m_addressLock);
+        if (!m_redirectPending) {
+            m_redirectHost.clear();
+            m_redirectPort = 0;
+        }
+    }
+    detachPipesFrom(&socket);
+    m_wasConnected = false;
+}
+
+// Connects to the address remembered (a redirect), else to the configured one.
+void NetCommunicationPipeManager::connectClient(SocketEntry& entry, double now) {
+    const Address address = copyAddress();
+    net::Socket& socket = *entry.socket;
+    if (!address.redirectHost.empty()) {
+        socket.connect(address.redirectHost.c_str(), address.redirectPort);
+    }
+    if (!socket.isConnected() && !socket.isConnecting() && !address.host.empty()) {
+        socket.connect(address.host.c_str(), address.port);
+    }
+    {
+        zu::ScopedLock lock(m_addressLock);
+        m_redirectPending = false;
+    }
+    entry.lastConnectAttempt = now;
+}
+
+// --- Pipes ---
+
+// Takes up to kMaxPipesPerPass pipes for this pass, going on where the last pass stopped.
+void NetCommunicationPipeManager::collectPipes() {
+    m_passPipes.clear();
+    zu::ScopedLock lock(m_pipesLock);
+    const size_t count = m_pipeOrder.size();
+    m_pipeCount = count;
+    const size_t taken = std::min(count, kMaxPipesPerPass);
+    if (m_nextPipeToPump >= count) {
+        m_nextPipeToPump = 0;
+    }
+    for (size_t i = 0; i < taken; ++i) {
+        m_passPipes.push_back(m_pipeOrder[(m_nextPipeToPump + i) % count]);
+    }
+    m_nextPipeToPump = count > 0 ? (m_nextPipeToPump + taken) % count : 0;
+}
+
+void NetCommunicationPipeManager::pumpPipes() {
+    for (PipeEntry* entry : m_passPipes) {
+        if (entry->pipe->pumpOutgoing(entry->socket)) {
+            m_moreWork = true;
+        }
+    }
+}
+
+// Adds the wake events of the attached pipes of this pass. False when not all of them fit.
+bool NetCommunicationPipeManager::addPipeWakeHandles(WaitList& waits) {
+    bool allFit = m_pipeCount <= m_passPipes.size();
+    for (PipeEntry* entry : m_passPipes) {
+        if (entry->socket && !waits.add(entry->pipe->getWakeHandle())) {
+            allFit = false;
+        }
+    }
+    return allFit;
+}
+
+}  // namespace dm

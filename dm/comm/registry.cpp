@@ -1,0 +1,206 @@
+// The process-wide registry of pipe managers, keyed by name (letter case ignored).
+//
+// One re-entrant lock guards the map; managers are created and destroyed under it. The sole
+// manager (the only one, when exactly one is registered) and whether the map is empty are also
+// kept in atomics, for the lookups that read them without the lock.
+//
+// Destroying a manager joins its thread under the lock. A callback running on that thread that
+// wants the lock meanwhile would wait for ever, so a manager's thread waits for the lock only
+// while its manager is not being stopped; then it gives up and the call returns empty-handed.
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+
+#include "comm/net_communication_pipe_manager.h"
+#include "dm/comm.h"
+#include "zu/memory.h"
+#include "zu/string.h"
+
+namespace dm {
+
+namespace {
+
+constexpr const char* kServerHost = "127.0.0.1";
+
+using ManagerMap =
+    std::map<zu::InplaceString<128>, CommunicationPipeManager*, zu::LessNoCase,
+             zu::Allocator<std::pair<const zu::InplaceString<128>, CommunicationPipeManager*>>>;
+
+struct Registry {
+    std::recursive_timed_mutex lock;
+    ManagerMap managers;
+    std::atomic<CommunicationPipeManager*> soleManager{nullptr};
+    std::atomic<bool> empty{true};
+};
+
+// Made once and never destroyed: managers may still run while statics are torn down.
+Registry& registry() {
+    static Registry* instance = zu::newObject<Registry>();
+    return *instance;
+}
+
+class RegistryLock {
+public:
+    RegistryLock() : m_locked(acquire()) {}
+    ~RegistryLock() {
+        if (m_locked) {
+            registry().lock.unlock();
+        }
+    }
+    RegistryLock(const RegistryLock&) = delete;
+    RegistryLock& operator=(const RegistryLock&) = delete;
+
+    // False only on the thread of a manager that is being destroyed.
+    bool isLocked() const { return m_locked; }
+
+private:
+    static bool acquire() {
+        while (!registry().lock.try_lock_for(std::chrono::milliseconds(1))) {
+            if (NetCommunicationPipeManager::isStoppingManagerThread()) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    const bool m_locked;
+};
+
+const char* orEmpty(const char* text) {
+    return text ? text : "";
+}
+
+// Lock held.
+CommunicationPipeManager* findManager(const char* name) {
+    ManagerMap& managers = registry().managers;
+    auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
+    return found == managers.end() ? nullptr : found->second;
+}
+
+// Lock held.
+void updateSoleManager() {
+    Registry& reg = registry();
+    reg.soleManager.store(reg.managers.size() == 1 ? reg.managers.begin()->second : nullptr);
+    reg.empty.store(reg.managers.empty());
+}
+
+// Lock held. A manager stored under the name before is left running, as it is.
+void storeManager(const char* name, CommunicationPipeManager* manager) {
+    try {
+        registry().managers[zu::InplaceString<128>(orEmpty(name))] = manager;
+    } catch (...) {
+        delete manager;
+        throw;
+    }
+    updateSoleManager();
+}
+
+// The sole manager; null when the map is empty, also after deinitCommunicationManagers, which
+// leaves the pointer itself behind.
+CommunicationPipeManager* soleManager() {
+    Registry& reg = registry();
+    return reg.empty.load() ? nullptr : reg.soleManager.load();
+}
+
+}  // namespace
+
+CommunicationPipeManager* initCommunicationManagerAsServer(const char* name, int port, uint32_t id,
+                                                           bool createPipesOnRequest) {
+    RegistryLock lock;
+    if (!lock.isLocked()) {
+        return nullptr;
+    }
+    auto* manager = new NetCommunicationPipeManager(name, true, static_cast<uint32_t>(port),
+                                                    kServerHost, id, createPipesOnRequest);
+    storeManager(name, manager);
+    return manager;
+}
+
+CommunicationPipeManager* initCommunicationManagerAsClient(const char* name, const char* host,
+                                                           int port) {
+    RegistryLock lock;
+    if (!lock.isLocked()) {
+        return nullptr;
+    }
+    if (CommunicationPipeManager* existing = getCommunicationPipeManager(name)) {
+        return existing;  // host and port are not applied
+    }
+    auto* manager = new NetCommunicationPipeManager(name, false, static_cast<uint32_t>(port),
+                                                    orEmpty(host), 0, true);
+    storeManager(name, manager);
+    return manager;
+}
+
+CommunicationPipeManager* getCommunicationPipeManager(const char* name) {
+    RegistryLock lock;
+    return lock.isLocked() ? findManager(name) : nullptr;
+}
+
+CommunicationPipeManager* getCommunicationPipeManager() {
+    return soleManager();
+}
+
+bool communicationPipeManagerExists(const char* name) {
+    return getCommunicationPipeManager(name) != nullptr;
+}
+
+bool isCommunicationPipeManagerMapEmpty() {
+    return registry().empty.load();
+}
+
+CommunicationPipe* getCommunicationPipe(const char* managerName, const char* pipeName) {
+    CommunicationPipeManager* manager = getCommunicationPipeManager(managerName);
+    return manager ? manager->getPipe(pipeName) : nullptr;
+}
+
+CommunicationPipe* getCommunicationPipeChecked(const char* managerName, const char* pipeName) {
+    return getCommunicationPipe(managerName, pipeName);
+}
+
+CommunicationPipe* getCommunicationPipe(const char* pipeName) {
+    CommunicationPipeManager* manager = soleManager();
+    return manager ? manager->getPipe(pipeName) : nullptr;
+}
+
+CommunicationPipe* getCommunicationPipeChecked(const char* pipeName) {
+    return getCommunicationPipe(pipeName);
+}
+
+bool isResourceHotLoadPipeCreated(const char* pipeName) {
+    CommunicationPipeManager* manager = soleManager();
+    return manager ? manager->pipeExists(pipeName) : false;
+}
+
+void deinitCommunicationManager(const char* name) {
+    RegistryLock lock;
+    if (!lock.isLocked()) {
+        return;
+    }
+    ManagerMap& managers = registry().managers;
+    auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
+    CommunicationPipeManager* manager = nullptr;
+    if (found != managers.end()) {
+        manager = found->second;
+        managers.erase(found);
+    }
+    // Out of the map before it goes, so that lookups without the lock no longer find it.
+    updateSoleManager();
+    delete manager;
+}
+
+void deinitCommunicationManagers() {
+    RegistryLock lock;
+    if (!lock.isLocked()) {
+        return;
+    }
+    Registry& reg = registry();
+    ManagerMap managers;
+    managers.swap(reg.managers);
+    reg.empty.store(true);  // the sole-manager pointer is left as it was
+    for (auto& entry : managers) {
+        delete entry.second;
+    }
+}
+
+}  // namespace dm

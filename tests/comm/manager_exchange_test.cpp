@@ -1,0 +1,212 @@
+// A server and a client manager in one process, over loopback TCP: requests with binary data
+// both ways, responses, notifications, names in any letter case, pipe creation on and off, and
+// a client that was there before its server.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "comm/manager_support.h"
+
+namespace dmtest {
+namespace {
+
+constexpr size_t kLargeData = 600 * 1024;  // spans several packets
+
+class ManagerExchangeTest : public ManagerTest {};
+
+TEST_F(ManagerExchangeTest, RequestsResponsesAndNotificationsFlowBothWays) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("exchange-server", 0, 5, true);
+    dm::CommunicationPipeManager* client =
+        dm::initCommunicationManagerAsClient("exchange-client", "127.0.0.1", portOf(server));
+    ASSERT_NE(portOf(server), 0u);
+    dm::CommunicationPipe* clientPipe = client->getPipe("Data");
+    dm::CommunicationPipe* reverse = client->getPipe("reverse");
+    ASSERT_TRUE(waitUntil([&] { return clientPipe->isConnected() && reverse->isConnected(); }));
+
+    // Made on the client's request, and found again under any letter case.
+    ASSERT_TRUE(server->pipeExists("DATA"));
+    dm::CommunicationPipe* serverPipe = server->getPipe("dAtA");
+    EXPECT_TRUE(serverPipe->isConnected());
+    EXPECT_STREQ(serverPipe->getName(), "Data");
+    EXPECT_EQ(serverPipe->getManager(), server);
+    EXPECT_EQ(client->getPipe("DATA"), clientPipe);
+    EXPECT_STREQ(client->getRemoteName(), "exchange-server");
+    EXPECT_STREQ(server->getRemoteName(), "exchange-client");
+    EXPECT_EQ(client->getID(), 0u);  // the first connection the server accepted
+    EXPECT_STREQ(clientPipe->getConnectedIP().c_str(), "127.0.0.1");
+
+    EchoResponder serverSide;
+    serverSide.add(serverPipe);
+    std::vector<std::unique_ptr<RequestThread>> requests;
+    requests.push_back(std::make_unique<RequestThread>(clientPipe, "large",
+                                                       patternBytes(kLargeData, 1), kLargeData));
+    requests.push_back(
+        std::make_unique<RequestThread>(clientPipe, "empty", std::vector<uint8_t>(), 16));
+    for (uint32_t i = 0; i < 6; ++i) {
+        requests.push_back(std::make_unique<RequestThread>(clientPipe, "small " + std::to_string(i),
+                                                           patternBytes(100 + i, i), 256));
+    }
+    // And the other way: the server asks, the client answers.
+    EchoResponder clientSide;
+    clientSide.add(reverse);
+    requests.push_back(std::make_unique<RequestThread>(server->getPipe("REVERSE"), "from server",
+                                                       patternBytes(kLargeData, 2), kLargeData));
+    ASSERT_TRUE(waitUntil([&] {
+        for (const auto& request : requests) {
+            if (!request->done()) {
+                return false;
+            }
+        }
+        return true;
+    }));
+    for (const auto& request : requests) {
+        EXPECT_TRUE(request->echoed()) << request->result();
+    }
+
+    // A notification sent with value 0 carries the sending manager's id.
+    ASSERT_TRUE(clientPipe->sendNotify("hello", 0));
+    zu::InplaceString<128> echoed;
+    uint32_t value = 0;
+    ASSERT_TRUE(waitUntil([&] { return !(echoed = clientPipe->receiveNotify(&value)).empty(); }));
+    EXPECT_STREQ(echoed.c_str(), "echo: hello");
+    EXPECT_EQ(value, 5u);
+}
+
+TEST_F(ManagerExchangeTest, WithoutCreationOnRequestAPipeAttachesOnceTheServerMakesIt) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("strict-server", 0, 1, false);
+    dm::CommunicationPipeManager* client =
+        dm::initCommunicationManagerAsClient("strict-client", "127.0.0.1", portOf(server));
+    dm::CommunicationPipe* pipe = client->getPipe("wanted");
+
+    // The server heard the client ask (it learned its name) and turned it away.
+    ASSERT_TRUE(waitUntil([&] { return std::string(server->getRemoteName()) == "strict-client"; }));
+    EXPECT_FALSE(server->pipeExists("wanted"));
+    EXPECT_FALSE(pipe->isConnected());
+
+    // The client keeps asking, so the pipe attaches once the server has it.
+    dm::CommunicationPipe* serverPipe = server->getPipe("WANTED");
+    ASSERT_TRUE(waitUntil([&] { return pipe->isConnected() && serverPipe->isConnected(); }));
+}
+
+TEST_F(ManagerExchangeTest, ClientBeforeItsServerAttachesAndSendsWhatWasQueued) {
+    const uint32_t port = pickFreePort();
+    dm::CommunicationPipeManager* client =
+        dm::initCommunicationManagerAsClient("early-client", "127.0.0.1", static_cast<int>(port));
+    dm::CommunicationPipe* pipe = client->getPipe("early");
+    RequestThread queued(pipe, "queued before the server", patternBytes(1000, 3), 1000);
+    EXPECT_FALSE(pipe->sendNotify("lost", 0));  // notifications are not kept while detached
+
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("late-server", static_cast<int>(port), 2, true);
+    ASSERT_EQ(portOf(server), port);
+    EchoResponder responder;
+    responder.add(server->getPipe("early"));
+    ASSERT_TRUE(waitUntil([&] { return queued.done(); }));
+    EXPECT_TRUE(queued.echoed());
+    EXPECT_TRUE(pipe->isConnected());
+}
+
+TEST_F(ManagerExchangeTest, ServerHandshakeOnTheWire) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("wire-server", 0, 9, false);
+    server->getPipe("Known");
+    net::Socket first;
+    ASSERT_TRUE(first.connect("127.0.0.1", portOf(server)));
+
+    uint32_t size = 0;
+    net::Packet* packet = nextPacket(first, &size);
+    ASSERT_NE(packet, nullptr);
+    int32_t kind = -1;
+    uint32_t version = 0;
+    uint32_t connectionId = 99;
+    const char* serverName = "";
+    *packet >> kind >> version >> connectionId >> serverName;
+    EXPECT_EQ(packet->getID(), handshake::kPacketId);
+    EXPECT_EQ(kind, handshake::kWelcome);
+    EXPECT_EQ(version, 2u);
+    EXPECT_EQ(connectionId, 0u);
+    EXPECT_STREQ(serverName, "wire-server");
+
+    // Unknown pipes are refused every time they are asked for.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        first.sendPacket(handshake::openPipe("missing", "raw tool"));
+        packet = nextPacket(first);
+        ASSERT_NE(packet, nullptr);
+        handshake::Message refused = handshake::read(*packet);
+        EXPECT_EQ(refused.kind, handshake::kPipeRefused);
+        EXPECT_EQ(refused.first, "missing");
+    }
+    first.sendPacket(handshake::openPipe("KNOWN", "raw tool"));
+    packet = nextPacket(first);
+    ASSERT_NE(packet, nullptr);
+    handshake::Message opened = handshake::read(*packet);
+    EXPECT_EQ(opened.kind, handshake::kPipeOpened);
+    EXPECT_EQ(opened.first, "KNOWN");
+    EXPECT_STREQ(server->getRemoteName(), "raw tool");
+    EXPECT_FALSE(server->pipeExists("missing"));
+
+    // The attached pipe takes requests from this connection.
+    dm::CommunicationPipe* known = server->getPipe("known");
+    EXPECT_TRUE(known->isConnected());
+    first.sendPacket(handshake::request("known", 0, "over the wire"));
+    uint32_t value = 1;
+    zu::InplaceString<128> text;
+    ASSERT_TRUE(waitUntil([&] { return !(text = known->receiveRequest(&value)).empty(); }));
+    EXPECT_STREQ(text.c_str(), "over the wire");
+    EXPECT_EQ(value, 0u);
+
+    // Connections are numbered in order of acceptance.
+    net::Socket second;
+    ASSERT_TRUE(second.connect("127.0.0.1", portOf(server)));
+    packet = nextPacket(second);
+    ASSERT_NE(packet, nullptr);
+    *packet >> kind >> version >> connectionId;
+    EXPECT_EQ(connectionId, 1u);
+
+    // A dropped connection detaches its pipes.
+    first.close();
+    EXPECT_TRUE(waitUntil([&] { return !known->isConnected(); }));
+}
+
+TEST_F(ManagerExchangeTest, ClientHandshakeOnTheWire) {
+    net::Listener listener(0, "127.0.0.1");
+    dm::CommunicationPipeManager* client = dm::initCommunicationManagerAsClient(
+        "wire-client", "127.0.0.1", static_cast<int>(listener.getPort()));
+    dm::CommunicationPipe* pipe = client->getPipe("p");
+    std::unique_ptr<net::Socket> socket = acceptOne(listener);
+    ASSERT_NE(socket, nullptr);
+    socket->sendPacket(handshake::welcome(2, 41, "raw server"));
+
+    // Refused, the client asks again and again.
+    for (int ask = 0; ask < 3; ++ask) {
+        net::Packet* packet = nextPacket(*socket);
+        ASSERT_NE(packet, nullptr);
+        handshake::Message open = handshake::read(*packet);
+        ASSERT_EQ(open.kind, handshake::kOpenPipe);
+        EXPECT_EQ(open.first, "p");
+        EXPECT_EQ(open.second, "wire-client");
+        socket->sendPacket(handshake::pipeMessage(handshake::kPipeRefused, "p"));
+    }
+    EXPECT_FALSE(pipe->isConnected());
+    EXPECT_EQ(client->getID(), 41u);
+    EXPECT_STREQ(client->getRemoteName(), "raw server");
+
+    // Opened under another letter case, it attaches the pipe (and another one made on demand).
+    socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "P"));
+    socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "pushed"));
+    socket->update();
+    ASSERT_TRUE(waitUntil([&] { return pipe->isConnected() && client->pipeExists("PUSHED"); }));
+    EXPECT_TRUE(client->getPipe("pushed")->isConnected());
+    socket->sendPacket(handshake::request("p", 0, "to the client"));
+    socket->update();
+    zu::InplaceString<128> text;
+    ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));
+    EXPECT_STREQ(text.c_str(), "to the client");
+}
+
+}  // namespace
+}  // namespace dmtest
