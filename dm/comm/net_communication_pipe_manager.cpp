@@ -22,8 +22,10 @@ constexpr const char* kManagerThreadName = "ZMK - Communication Pipe";
 
 // On a manager's thread: that manager's stop flag.
 thread_local const std::atomic<bool>* t_threadStopFlag = nullptr;
-// Remote names are cut to what fits inline (see setRemoteName).
+// Remote names are cut to this length, and no more than kMaxRemoteNames different ones are
+// kept (see setRemoteName).
 constexpr size_t kMaxRemoteNameLength = 127;
+constexpr size_t kMaxRemoteNames = 64;
 
 const char* orEmpty(const char* text) {
     return text ? text : "";
@@ -67,6 +69,9 @@ NetCommunicationPipeManager::~NetCommunicationPipeManager() {
         zu::deleteObject(entry->pipe);
         zu::deleteObject(entry);
     }
+    for (zu::InplaceString<128>* name : m_remoteNames) {
+        zu::deleteObject(name);
+    }
 }
 
 void* NetCommunicationPipeManager::operator new(size_t size) {
@@ -81,6 +86,10 @@ void NetCommunicationPipeManager::operator delete(void* memory) {
 
 bool NetCommunicationPipeManager::isStoppingManagerThread() {
     return t_threadStopFlag != nullptr && t_threadStopFlag->load();
+}
+
+bool NetCommunicationPipeManager::isManagerThread() {
+    return t_threadStopFlag != nullptr;
 }
 
 int NetCommunicationPipeManager::run() {
@@ -111,21 +120,31 @@ void NetCommunicationPipeManager::setName(const char* name) {
 }
 
 const char* NetCommunicationPipeManager::getRemoteName() const {
-    zu::ScopedLock lock(m_remoteNameLock);
-    return m_remoteName.c_str();
+    return m_remoteName.load(std::memory_order_acquire);
 }
 
 void NetCommunicationPipeManager::setRemoteName(const char* name) {
     name = orEmpty(name);
-    zu::ScopedLock lock(m_remoteNameLock);
-    if (m_remoteName != name) {
-        // Cut to what the inline buffer holds, so that the text never moves.
-        size_t length = 0;
-        while (length < kMaxRemoteNameLength && name[length] != '\0') {
-            ++length;
-        }
-        m_remoteName.assign(name, length);
+    size_t length = 0;
+    while (length < kMaxRemoteNameLength && name[length] != '\0') {
+        ++length;
     }
+    const zu::InplaceString<128> cut(name, length);
+    if (cut == m_remoteName.load(std::memory_order_relaxed)) {
+        return;
+    }
+    for (const zu::InplaceString<128>* known : m_remoteNames) {
+        if (*known == cut) {
+            m_remoteName.store(known->c_str(), std::memory_order_release);
+            return;
+        }
+    }
+    if (m_remoteNames.size() == kMaxRemoteNames) {
+        return;  // a peer that keeps changing its name does not make this grow
+    }
+    zu::InplaceString<128>* kept = zu::newObject<zu::InplaceString<128>>(cut);
+    m_remoteNames.push_back(kept);
+    m_remoteName.store(kept->c_str(), std::memory_order_release);
 }
 
 CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {

@@ -47,6 +47,8 @@ public:
     // True on a manager's thread whose manager is being destroyed: the registry uses it so that
     // a callback waiting for the registry lock gives up instead of blocking the destruction.
     static bool isStoppingManagerThread();
+    // True on any manager's thread.
+    static bool isManagerThread();
 
     int run() override;
     bool isClient() const override { return !m_isServer; }
@@ -148,10 +150,11 @@ private:
     uint32_t m_redirectPort = 0;
     bool m_redirectPending = false;
 
-    // Written on the thread under m_remoteNameLock; always inline, so getRemoteName's pointer
-    // stays valid.
-    mutable zu::Mutex m_remoteNameLock;
-    zu::InplaceString<128> m_remoteName;
+    // Every remote name seen, each kept unchanged until destruction, so that a pointer handed
+    // out by getRemoteName stays valid and its text never changes under a reader. Written on
+    // the manager thread only.
+    zu::Vector<zu::InplaceString<128>*> m_remoteNames;
+    std::atomic<const char*> m_remoteName{""};
 
     mutable zu::Mutex m_callbackLock;
     ClientConnectionCallback m_clientConnectionCallback;

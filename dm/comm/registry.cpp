@@ -5,30 +5,32 @@
 // kept in atomics, for the lookups that read them without the lock.
 //
 // Destroying a manager joins its thread under the lock. A callback running on that thread that
-// wants the lock meanwhile would wait for ever, so a manager's thread waits for the lock only
-// while its manager is not being stopped; then it gives up and the call returns empty-handed.
+// wants the lock meanwhile would wait for ever, so a manager's thread tries for the lock in
+// steps, and gives up (the call returns empty-handed) once its manager is being stopped.
 #include <atomic>
-#include <chrono>
 #include <map>
-#include <mutex>
 
 #include "comm/net_communication_pipe_manager.h"
 #include "dm/comm.h"
 #include "zu/memory.h"
+#include "zu/mutex.h"
 #include "zu/string.h"
+#include "zu/thread.h"
 
 namespace dm {
 
 namespace {
 
 constexpr const char* kServerHost = "127.0.0.1";
+// How often a manager's thread tries again for a registry lock held by another thread.
+constexpr uint32_t kLockRetryMicroseconds = 200;
 
 using ManagerMap =
     std::map<zu::InplaceString<128>, CommunicationPipeManager*, zu::LessNoCase,
              zu::Allocator<std::pair<const zu::InplaceString<128>, CommunicationPipeManager*>>>;
 
 struct Registry {
-    std::recursive_timed_mutex lock;
+    zu::Mutex lock;  // re-entrant
     ManagerMap managers;
     std::atomic<CommunicationPipeManager*> soleManager{nullptr};
     std::atomic<bool> empty{true};
@@ -56,10 +58,16 @@ public:
 
 private:
     static bool acquire() {
-        while (!registry().lock.try_lock_for(std::chrono::milliseconds(1))) {
+        zu::Mutex& lock = registry().lock;
+        if (!NetCommunicationPipeManager::isManagerThread()) {
+            lock.lock();
+            return true;
+        }
+        while (!lock.tryLock()) {
             if (NetCommunicationPipeManager::isStoppingManagerThread()) {
                 return false;
             }
+            zu::sleep(kLockRetryMicroseconds);
         }
         return true;
     }

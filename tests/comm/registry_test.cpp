@@ -128,6 +128,8 @@ struct LateLookup {
 
 TEST_F(RegistryTest, ACallbackUsingTheRegistryDoesNotHoldUpItsManagersDestruction) {
     static LateLookup lookup;  // outlives the manager whatever happens
+    lookup.entered = false;
+    lookup.returned = false;
     dm::CommunicationPipeManager* server =
         dm::initCommunicationManagerAsServer("doomed", 0, 1, true);
     server->setClientConnectionCallback({&lookup, LateLookup::onClient});

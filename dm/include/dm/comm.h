@@ -330,8 +330,9 @@ public:
     virtual const char* getName() const = 0;
     virtual void setName(const char* name) = 0;
     // The name of the manager at the other end ("" until learned; a server takes it from the
-    // last pipe a client opened), cut to 127 characters. The pointer stays valid while the
-    // manager lives; the text changes when another name arrives.
+    // last pipe a client opened), cut to 127 characters. The text behind a pointer returned
+    // never changes and stays valid while the manager lives; after 64 different names, later
+    // ones are no longer taken.
     virtual const char* getRemoteName() const = 0;
     // A server's id from init; a client's from the server's welcome. Notifications sent with
     // value 0 carry it.
