@@ -7,6 +7,7 @@
 #include "dm/export.h"
 #include "dm/fs.h"
 #include "dm/jobs.h"
+#include "dm/log.h"
 #include "dm/monitor.h"
 
 namespace dm {

@@ -1,0 +1,220 @@
+// JobManager: batches on a named thread, their order, and who owns the jobs.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "dm/jobs.h"
+#include "job_test_support.h"
+#include "zu/exception.h"
+#include "zu/thread.h"
+
+namespace {
+
+using dmtest::FunctionJob;
+
+// Stands in for a job that takes a while, so that a batch is still running when the test
+// goes on.
+constexpr uint32_t kSlowJobMs = 30;
+
+// What the jobs of a batch saw, recorded from the manager's thread.
+struct BatchLog {
+    std::mutex lock;
+    std::vector<int> order;
+    std::vector<zu::ThreadId> threads;
+    std::vector<std::string> managerNames;
+    bool overlapped = false;
+    std::atomic<bool> running{false};
+
+    void addRecordingJob(dm::JobManager& manager, int index) {
+        manager.addNewJob<FunctionJob>([this, index](const char* managerName) {
+            if (running.exchange(true)) {
+                overlapped = true;
+            }
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                order.push_back(index);
+                threads.push_back(zu::getCurrentThreadId());
+                managerNames.emplace_back(managerName);
+            }
+            running = false;
+        });
+    }
+    std::vector<int> takenOrder() {
+        std::lock_guard<std::mutex> guard(lock);
+        return order;
+    }
+};
+
+TEST(JobManager, RunsABatchInTheOrderOfAddJobOnItsOwnThread) {
+    dm::JobManager manager("tools");
+    BatchLog log;
+    // More jobs than the queue's first three sizes (8, 12, 18) hold.
+    const int jobCount = 20;
+    for (int i = 0; i < jobCount; ++i) {
+        log.addRecordingJob(manager, i);
+    }
+    manager.runJobs(true);
+
+    std::vector<int> expected;
+    for (int i = 0; i < jobCount; ++i) {
+        expected.push_back(i);
+    }
+    EXPECT_EQ(log.takenOrder(), expected);
+    EXPECT_FALSE(log.overlapped);
+    ASSERT_EQ(log.threads.size(), static_cast<size_t>(jobCount));
+    EXPECT_NE(log.threads[0], zu::getCurrentThreadId());
+    for (int i = 0; i < jobCount; ++i) {
+        EXPECT_EQ(log.threads[i], log.threads[0]);
+        EXPECT_EQ(log.managerNames[i], "tools");
+    }
+}
+
+TEST(JobManager, NamesItsThreadAfterTheManager) {
+    dm::JobManager named("file server");
+    dm::JobManager unnamed;
+    std::string namedThread;
+    std::string unnamedThread;
+    named.addNewJob<FunctionJob>(
+        [&](const char*) { namedThread = zu::getThreadName(zu::getCurrentThreadId()).c_str(); });
+    unnamed.addNewJob<FunctionJob>(
+        [&](const char*) { unnamedThread = zu::getThreadName(zu::getCurrentThreadId()).c_str(); });
+    named.runJobs(true);
+    unnamed.runJobs(true);
+    EXPECT_EQ(namedThread, "ZMK file server job manager");
+    EXPECT_EQ(unnamedThread, "ZMK  job manager");
+    EXPECT_STREQ(unnamed.getName(), "");
+}
+
+TEST(JobManager, EachRunJobsRunsOnlyWhatWasQueuedBeforeIt) {
+    dm::JobManager manager("batches");
+    BatchLog log;
+    log.addRecordingJob(manager, 1);
+    manager.runJobs(false);
+    // The batch holds the queue from runJobs' return on: this job is not part of it.
+    log.addRecordingJob(manager, 2);
+    manager.waitJobsToComplete();
+    EXPECT_EQ(log.takenOrder(), std::vector<int>{1});
+    EXPECT_FALSE(manager.isBatchStarted());
+
+    manager.runJobs(true);
+    EXPECT_EQ(log.takenOrder(), (std::vector<int>{1, 2}));
+}
+
+TEST(JobManager, ASecondRunJobsWaitsForTheFirstBatchAndStartsNothingNew) {
+    dm::JobManager manager("twice");
+    std::atomic<int> runs{0};
+    std::atomic<bool> finished{false};
+    manager.addNewJob<FunctionJob>([&](const char*) {
+        ++runs;
+        zu::sleepMs(kSlowJobMs);
+        finished = true;
+    });
+    manager.runJobs(false);
+    manager.runJobs(false);
+    EXPECT_TRUE(finished.load());
+    manager.waitJobsToComplete();
+    EXPECT_EQ(runs.load(), 1);
+}
+
+TEST(JobManager, RunJobsWithoutJobsStartsNoThread) {
+    dm::JobManager manager("idle");
+    manager.runJobs(true);
+    EXPECT_FALSE(manager.isBatchStarted());
+    manager.runJobs(false);
+    EXPECT_FALSE(manager.isBatchStarted());
+    manager.waitJobsToComplete();
+
+    std::atomic<int> runs{0};
+    manager.addNewJob<FunctionJob>([&](const char*) { ++runs; });
+    manager.runJobs(false);
+    EXPECT_TRUE(manager.isBatchStarted());
+    manager.waitJobsToComplete();
+    EXPECT_FALSE(manager.isBatchStarted());
+    EXPECT_EQ(runs.load(), 1);
+}
+
+TEST(JobManager, DestroysEveryJobItWasGiven) {
+    std::atomic<int> runs{0};
+    std::atomic<int> destroyed{0};
+    {
+        dm::JobManager manager("owner");
+        for (int i = 0; i < 3; ++i) {
+            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
+        }
+        manager.runJobs(true);
+        EXPECT_EQ(runs.load(), 3);
+        EXPECT_EQ(destroyed.load(), 3);
+
+        // Queued but never run: destroyed with the manager, without running.
+        for (int i = 0; i < 10; ++i) {
+            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
+        }
+    }
+    EXPECT_EQ(runs.load(), 3);
+    EXPECT_EQ(destroyed.load(), 13);
+}
+
+TEST(JobManager, DestructionWaitsForTheRunningBatch) {
+    std::atomic<bool> finished{false};
+    std::atomic<int> destroyed{0};
+    {
+        dm::JobManager manager("leaving");
+        manager.addNewJob<FunctionJob>(
+            [&](const char*) {
+                zu::sleepMs(kSlowJobMs);
+                finished = true;
+            },
+            &destroyed);
+        manager.runJobs(false);
+    }
+    EXPECT_TRUE(finished.load());
+    EXPECT_EQ(destroyed.load(), 1);
+}
+
+TEST(JobManager, AFailingJobIsLoggedAndTheBatchGoesOn) {
+    dmtest::LogCapture log;
+    dm::JobManager manager("careful");
+    std::atomic<int> destroyed{0};
+    std::atomic<bool> laterJobRan{false};
+    manager.addNewJob<FunctionJob>([](const char*) { throw zu::Exception("disk %d gone", 2); },
+                                   &destroyed);
+    manager.addNewJob<FunctionJob>([&](const char*) { laterJobRan = true; }, &destroyed);
+    manager.runJobs(true);
+    EXPECT_TRUE(laterJobRan.load());
+    EXPECT_EQ(destroyed.load(), 2);
+    EXPECT_EQ(log.count("JobManager \"careful\": a job failed: disk 2 gone\n"), 1);
+}
+
+// A job whose Job part does not start its object: the manager must free the whole object.
+class Ballast {
+public:
+    virtual ~Ballast() = default;
+    char bytes[40] = {};
+};
+
+class OffsetJob : public Ballast, public dm::Job {
+public:
+    explicit OffsetJob(std::atomic<int>& runs) : m_runs(runs) {}
+    void run(const char*) override { ++m_runs; }
+
+private:
+    std::atomic<int>& m_runs;
+};
+
+TEST(JobManager, FreesJobsWhoseJobPartIsNotAtTheirStart) {
+    std::atomic<int> runs{0};
+    dm::JobManager manager("offset");
+    OffsetJob* job = dm::makeJob<OffsetJob>(runs);
+    ASSERT_NE(static_cast<void*>(static_cast<dm::Job*>(job)), static_cast<void*>(job));
+    manager.addJob(job);
+    manager.addNewJob<OffsetJob>(runs);
+    manager.runJobs(true);
+    EXPECT_EQ(runs.load(), 2);
+    // This one is freed unrun with the manager; the sanitizers check every free.
+    manager.addNewJob<OffsetJob>(runs);
+}
+
+}  // namespace

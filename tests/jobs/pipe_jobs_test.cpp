@@ -1,0 +1,280 @@
+// The job kinds in conversation over real pipe managers: a server and clients connected over
+// 127.0.0.1, each side's jobs run by a job manager named like its pipe manager.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dm/comm.h"
+#include "dm/jobs.h"
+#include "job_test_support.h"
+#include "manager_link.h"
+
+namespace {
+
+using dmtest::BatchEnd;
+using dmtest::FunctionJob;
+using dmtest::LogCapture;
+using dmtest::ManagerLink;
+using dmtest::patternBytes;
+
+// Takes the next request that arrives on `pipe` (waiting a bounded time); "" if none came.
+std::string takeRequest(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
+    std::string text;
+    dmtest::waitUntil([&] {
+        text = pipe.receiveRequest(outValue).c_str();
+        return !text.empty();
+    });
+    return text;
+}
+
+std::string takeNotify(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
+    std::string text;
+    dmtest::waitUntil([&] {
+        text = pipe.receiveNotify(outValue).c_str();
+        return !text.empty();
+    });
+    return text;
+}
+
+// Forwards every call to a real pipe and counts the notifications it refused.
+class NotifyCountingPipe : public dm::CommunicationPipe {
+public:
+    explicit NotifyCountingPipe(dm::CommunicationPipe& pipe) : m_pipe(pipe) {}
+    ~NotifyCountingPipe() override = default;
+
+    int refusedNotifies() const { return m_refused.load(); }
+
+    const char* getName() const override { return m_pipe.getName(); }
+    bool isConnected() const override { return m_pipe.isConnected(); }
+    dm::CommunicationPipeManager* getManager() const override { return m_pipe.getManager(); }
+    zu::InplaceString<128> getConnectedIP() const override { return m_pipe.getConnectedIP(); }
+    bool sendNotify(const char* text, uint32_t value) override {
+        const bool queued = m_pipe.sendNotify(text, value);
+        if (!queued) {
+            ++m_refused;
+        }
+        return queued;
+    }
+    zu::InplaceString<128> receiveNotify(uint32_t* outValue) override {
+        return m_pipe.receiveNotify(outValue);
+    }
+    zu::InplaceString<128> sendRequest(const char* text, uint32_t value, void* responseBuffer,
+                                       uint32_t responseCapacity, uint32_t* outResponseSize,
+                                       const void* data, uint32_t dataSize) override {
+        return m_pipe.sendRequest(text, value, responseBuffer, responseCapacity, outResponseSize,
+                                  data, dataSize);
+    }
+    zu::InplaceString<128> receiveRequest(uint32_t* outValue) override {
+        return m_pipe.receiveRequest(outValue);
+    }
+    void getRequestData(void** outData, uint32_t* outSize) override {
+        m_pipe.getRequestData(outData, outSize);
+    }
+    void respond(const char* text, const void* data, uint32_t dataSize) override {
+        m_pipe.respond(text, data, dataSize);
+    }
+    void setConnectionCallback(dm::PipeCallback callback) override {
+        m_pipe.setConnectionCallback(callback);
+    }
+    void setNotifyCallback(dm::PipeCallback callback) override {
+        m_pipe.setNotifyCallback(callback);
+    }
+    void setRequestCallback(dm::PipeCallback callback) override {
+        m_pipe.setRequestCallback(callback);
+    }
+
+private:
+    dm::CommunicationPipe& m_pipe;
+    std::atomic<int> m_refused{0};
+};
+
+TEST(PipeJobs, ARequestIsAnsweredByWaitRequestAndRespondIntoTheCallersBuffer) {
+    LogCapture log;
+    ManagerLink link;
+    const std::string client = link.addClient();
+    const ManagerLink::PipeEnds ends = link.connectPipe(client, "assets");
+    ASSERT_TRUE(ends.client && ends.server);
+
+    const std::vector<uint8_t> payload = patternBytes(5000, 3);
+    std::vector<uint8_t> buffer(6000, 0xEE);
+    dm::JobManager serverJobs(link.serverName());
+    dm::JobManager clientJobs(client.c_str());
+    serverJobs.addNewJob<dm::JobWaitRequest>("assets", "texture list");
+    serverJobs.addNewJob<dm::JobRespond>("assets", "here", payload.data(), payload.size());
+    BatchEnd serverEnd(serverJobs);
+    serverJobs.runJobs(false);
+    clientJobs.addNewJob<dm::JobSendRequest>("assets", "texture list", buffer.data(),
+                                             static_cast<unsigned>(buffer.size()));
+    BatchEnd clientEnd(clientJobs);
+    clientJobs.runJobs(false);
+    clientEnd.wait();
+    serverEnd.wait();
+
+    EXPECT_TRUE(std::equal(payload.begin(), payload.end(), buffer.begin()));
+    EXPECT_EQ(buffer[payload.size()], 0xEE);  // nothing written behind the answer
+    EXPECT_EQ(log.count("JobWaitRequest: Listening to pipe: assets\n"), 1);
+    EXPECT_EQ(log.count("JobRespond: Responding to pipe: assets\n"), 1);
+
+    // An answer without data carries its text only.
+    serverJobs.addNewJob<dm::JobWaitRequest>("assets", "ping");
+    serverJobs.addNewJob<dm::JobRespond>("assets", "pong", nullptr, 0);
+    BatchEnd secondServerEnd(serverJobs);
+    serverJobs.runJobs(false);
+    std::string responseText;
+    uint32_t responseSize = 99;
+    clientJobs.addNewJob<FunctionJob>([&](const char*) {
+        responseText =
+            ends.client->sendRequest("ping", 0, buffer.data(), 16, &responseSize, nullptr, 0)
+                .c_str();
+    });
+    BatchEnd secondClientEnd(clientJobs);
+    clientJobs.runJobs(false);
+    secondClientEnd.wait();
+    secondServerEnd.wait();
+    EXPECT_EQ(responseText, "pong");
+    EXPECT_EQ(responseSize, 0u);
+}
+
+TEST(PipeJobs, NotificationJobsTakeAnyNotificationAndPassItsNumberOn) {
+    LogCapture log;
+    ManagerLink link;
+    const std::string client = link.addClient();
+    const ManagerLink::PipeEnds ends = link.connectPipe(client, "events");
+    ASSERT_TRUE(ends.client && ends.server);
+
+    std::vector<uint8_t> buffer(64, 0);
+    dm::JobManager clientJobs(client.c_str());
+    clientJobs.addNewJob<dm::JobWaitNotify>("events", "build finished");
+    clientJobs.addNewJob<dm::JobWaitNotifyAndRequest>("events", "level ready", "fetch level",
+                                                      buffer.data(),
+                                                      static_cast<unsigned>(buffer.size()));
+    BatchEnd clientEnd(clientJobs);
+    clientJobs.runJobs(false);
+
+    // Neither text is the one the jobs name: any notification ends a wait, and is consumed, so
+    // the second job gets the second one.
+    EXPECT_TRUE(ends.server->sendNotify("build failed", 1));
+    EXPECT_TRUE(ends.server->sendNotify("level 3 loaded", 4242));
+    uint32_t value = 0;
+    EXPECT_EQ(takeRequest(*ends.server, &value), "fetch level");
+    EXPECT_EQ(value, 4242u);
+    const std::vector<uint8_t> level = patternBytes(40, 9);
+    ends.server->respond("level data", level.data(), static_cast<uint32_t>(level.size()));
+    clientEnd.wait();
+
+    EXPECT_TRUE(std::equal(level.begin(), level.end(), buffer.begin()));
+    const std::string manager = "JobManager \"" + client + "\" ";
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               manager + "Waiting for Notify \"level ready\"\n",
+                               manager + "doing request: fetch level\n",
+                               manager + "got response: level data from pipe: events \n"}));
+}
+
+TEST(PipeJobs, SendNotifyRetriesUntilThePipeConnectsLoggingEachRetry) {
+    LogCapture log;
+    ManagerLink link(/*createPipesOnRequest=*/false);
+    const std::string client = link.addClient();
+    // The server refuses the pipe until it makes it itself: the client end stays unconnected.
+    dm::CommunicationPipe* clientPipe = dm::getCommunicationPipe(client.c_str(), "late");
+    ASSERT_NE(clientPipe, nullptr);
+    NotifyCountingPipe countingPipe(*clientPipe);
+
+    dm::JobManager clientJobs(client.c_str());
+    clientJobs.addNewJob<dm::JobSendNotify>(&countingPipe, "hello", 9u);
+    BatchEnd clientEnd(clientJobs);
+    clientJobs.runJobs(false);
+    const std::string retryLine =
+        "Manager \"" + client + "\" sent a notification \"hello\" to pipe\n";
+    EXPECT_TRUE(log.waitFor(retryLine, 3));
+
+    dm::CommunicationPipe* serverPipe = link.server().getPipe("late");
+    clientEnd.wait();
+    uint32_t value = 0;
+    EXPECT_EQ(takeNotify(*serverPipe, &value), "hello");
+    EXPECT_EQ(value, 9u);
+    // One line per retry: every refusal but none of the first attempt's is followed by one.
+    EXPECT_EQ(log.count(retryLine), countingPipe.refusedNotifies());
+
+    // On a connected pipe the notification goes at once, without a line.
+    const int linesBefore = log.count(retryLine);
+    clientJobs.addNewJob<dm::JobSendNotify>(clientPipe, "hello", 10u);
+    clientJobs.runJobs(true);
+    EXPECT_EQ(takeNotify(*serverPipe, &value), "hello");
+    EXPECT_EQ(value, 10u);
+    EXPECT_EQ(log.count(retryLine), linesBefore);
+}
+
+TEST(PipeJobs, ForwardRequestRelaysTextAndDataBetweenTwoPipes) {
+    ManagerLink link;
+    const std::string asker = link.addClient();
+    const std::string answerer = link.addClient();
+    const ManagerLink::PipeEnds asks = link.connectPipe(asker, "asks");
+    const ManagerLink::PipeEnds answers = link.connectPipe(answerer, "answers");
+    ASSERT_TRUE(asks.client && asks.server && answers.client && answers.server);
+
+    dm::JobManager hubJobs(link.serverName());
+    dm::JobManager askerJobs(asker.c_str());
+    dm::JobManager answererJobs(answerer.c_str());
+    std::vector<uint8_t> received(2 * dm::JobForwardRequest::kBufferSize);
+
+    // One request from the asker, relayed by the hub to the answerer and its answer back.
+    const auto relay = [&](const std::string& answerText, const std::vector<uint8_t>& data,
+                           std::string* outText, uint32_t* outSize) {
+        answererJobs.addNewJob<dm::JobWaitRequest>("answers", "question");
+        answererJobs.addNewJob<dm::JobRespond>("answers", answerText.c_str(), data.data(),
+                                               data.size());
+        BatchEnd answererEnd(answererJobs);
+        answererJobs.runJobs(false);
+        askerJobs.addNewJob<FunctionJob>([&](const char*) {
+            *outText =
+                asks.client
+                    ->sendRequest("question", 0, received.data(),
+                                  static_cast<uint32_t>(received.size()), outSize, nullptr, 0)
+                    .c_str();
+        });
+        BatchEnd askerEnd(askerJobs);
+        askerJobs.runJobs(false);
+
+        // Should it not arrive, the asker's batch never ends and askerEnd reports that.
+        EXPECT_EQ(takeRequest(*asks.server), "question");
+        hubJobs.addNewJob<dm::JobForwardRequest>(asks.server, answers.server, "question");
+        BatchEnd hubEnd(hubJobs);
+        hubJobs.runJobs(false);
+        answererEnd.wait();
+        hubEnd.wait();
+        askerEnd.wait();
+    };
+
+    const std::vector<uint8_t> small = patternBytes(1000, 1);
+    std::string text;
+    uint32_t size = 0;
+    relay("forty-two", small, &text, &size);
+    EXPECT_EQ(text, "forty-two");
+    ASSERT_EQ(size, small.size());
+    EXPECT_TRUE(std::equal(small.begin(), small.end(), received.begin()));
+
+    // More data than the hub's buffer holds: the first 64 KiB are passed on.
+    const std::vector<uint8_t> large = patternBytes(dm::JobForwardRequest::kBufferSize + 5000, 2);
+    relay("big", large, &text, &size);
+    EXPECT_EQ(text, "big");
+    ASSERT_EQ(size, dm::JobForwardRequest::kBufferSize);
+    EXPECT_TRUE(std::equal(large.begin(), large.begin() + size, received.begin()));
+}
+
+TEST(PipeJobs, AJobNamingAnUnknownManagerEndsWithALine) {
+    LogCapture log;
+    dm::JobManager jobs("nobody here");
+    uint8_t buffer[4] = {1, 2, 3, 4};
+    jobs.addNewJob<dm::JobSendRequest>("assets", "list", buffer, 4u);
+    jobs.addNewJob<dm::JobWaitNotify>("assets", "ready");
+    BatchEnd end(jobs);
+    jobs.runJobs(false);
+    end.wait();
+    EXPECT_EQ(log.count("Job: no communication manager \"nobody here\" for pipe \"assets\"\n"), 2);
+    EXPECT_EQ(buffer[0], 1);
+}
+
+}  // namespace

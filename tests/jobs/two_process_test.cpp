@@ -1,0 +1,54 @@
+// A tool asks a game in another process for data: the tool's JobSendRequest against the game's
+// JobWaitRequest and JobRespond, whose lines go to the game's standard output.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "dm/comm.h"
+#include "dm/jobs.h"
+#include "job_test_support.h"
+#include "programs/answering_game.h"
+
+namespace {
+
+// The port from the game's "listening on port <n>" line; 0 if it did not print one.
+uint32_t announcedPort(dmtest::ChildProcess& game) {
+    const std::string marker = "listening on port ";
+    if (!game.waitForOutput(marker)) {
+        return 0;
+    }
+    const std::string& output = game.output();
+    return static_cast<uint32_t>(
+        std::strtoul(output.c_str() + output.find(marker) + marker.size(), nullptr, 10));
+}
+
+TEST(JobsAcrossProcesses, AToolsRequestIsAnsweredByTheGamesJobs) {
+    dmtest::ChildProcess game("jobs_answering_game", {});
+    ASSERT_TRUE(game.started());
+    const uint32_t port = announcedPort(game);
+    ASSERT_NE(port, 0u);
+
+    const char* toolName = "jobs-tool";
+    dm::initCommunicationManagerAsClient(toolName, "127.0.0.1", static_cast<int>(port));
+    std::vector<uint8_t> buffer(answeringgame::kAnswerSize, 0);
+    {
+        dm::JobManager toolJobs(toolName);
+        toolJobs.addNewJob<dm::JobSendRequest>("assets", "list", buffer.data(),
+                                               static_cast<unsigned>(buffer.size()));
+        dmtest::BatchEnd end(toolJobs);
+        toolJobs.runJobs(false);
+        end.wait();
+    }
+    EXPECT_EQ(buffer, dmtest::patternBytes(answeringgame::kAnswerSize, answeringgame::kAnswerSeed));
+    EXPECT_TRUE(game.waitForOutput("JobWaitRequest: Listening to pipe: assets"));
+    EXPECT_TRUE(game.waitForOutput("JobRespond: Responding to pipe: assets"));
+
+    ASSERT_TRUE(dm::getCommunicationPipe(toolName, "assets")->sendNotify("received", 1));
+    EXPECT_TRUE(game.waitForOutput("answered"));
+    EXPECT_EQ(game.wait(), 0);
+    dm::deinitCommunicationManager(toolName);
+}
+
+}  // namespace
