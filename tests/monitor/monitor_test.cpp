@@ -4,9 +4,9 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdio>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,102 +22,73 @@ namespace {
 
 using dmtest::waitUntil;
 
-struct Text {
-    int channel = -1;
-    std::string text;
-};
-
-struct InPlace {
-    int group = -1;
-    std::string name;
-    std::string text;
-};
-
 // A monitor tool's end of the link.
 class Monitor {
 public:
-    explicit Monitor(int port) { m_socket.connect("127.0.0.1", static_cast<uint32_t>(port)); }
+    explicit Monitor(int port) { socket.connect("127.0.0.1", static_cast<uint32_t>(port)); }
 
     void send(const net::Packet& packet) {
-        m_socket.update();
-        EXPECT_TRUE(m_socket.sendPacket(packet));
-        m_socket.update();
+        socket.update();
+        EXPECT_TRUE(socket.sendPacket(packet));
+        socket.update();
     }
 
     // Waits until the game has received everything sent so far (Linux: the peer acknowledged
     // every byte), so that a following update() is sure to see it.
     bool waitDelivered() {
         return waitUntil([&] {
-            m_socket.update();
+            socket.update();
             int unacknowledged = -1;
-            return !m_socket.hasSendsToDo() &&
-                   ioctl(static_cast<int>(m_socket.getWaitHandle().handle), TIOCOUTQ,
+            return !socket.hasSendsToDo() &&
+                   ioctl(static_cast<int>(socket.getWaitHandle().handle), TIOCOUTQ,
                          &unacknowledged) == 0 &&
                    unacknowledged == 0;
         });
     }
 
-    std::optional<net::Packet> receive() {
-        std::optional<net::Packet> received;
+    // The next packet; one with the id -1 when none comes.
+    net::Packet receive() {
+        net::Packet received(-1);
         waitUntil([&] {
-            m_socket.update();
-            if (net::Packet* packet = m_socket.pollPacket(nullptr)) {
-                received = *packet;
-            }
-            return received.has_value();
+            socket.update();
+            net::Packet* packet = socket.pollPacket(nullptr);
+            received = packet ? *packet : received;
+            return packet != nullptr;
         });
         return received;
     }
 
-    std::optional<Text> receiveText() {
-        std::optional<net::Packet> packet = receive();
-        if (!packet || packet->getID() != 1) {
-            ADD_FAILURE() << "expected a text packet, got " << (packet ? packet->getID() : -1);
-            return std::nullopt;
-        }
-        Text text;
-        const char* characters = "";
-        *packet >> text.channel >> characters;
-        text.text = characters;
-        EXPECT_FALSE(packet->hasError());
-        return text;
+    // The next text packet as "<channel>: <text>".
+    std::string nextText() {
+        net::Packet packet = receive();
+        int channel = -1;
+        const char* text = "";
+        packet >> channel >> text;
+        const bool valid = packet.getID() == 1 && !packet.hasError();
+        return valid ? std::to_string(channel) + ": " + text : "<no text>";
     }
 
-    std::optional<InPlace> receiveInPlace() {
-        std::optional<net::Packet> packet = receive();
-        if (!packet || packet->getID() != 2) {
-            ADD_FAILURE() << "expected an in-place packet, got " << (packet ? packet->getID() : -1);
-            return std::nullopt;
-        }
-        InPlace value;
+    // The next in-place packet as "<group> <name>: <text>".
+    std::string nextInPlace() {
+        net::Packet packet = receive();
+        int group = -1;
         const char* name = "";
         const char* text = "";
-        *packet >> value.group >> name >> text;
-        value.name = name;
-        value.text = text;
-        EXPECT_FALSE(packet->hasError());
-        return value;
-    }
-
-    std::string nextText() {
-        std::optional<Text> text = receiveText();
-        return text ? text->text : "<nothing>";
+        packet >> group >> name >> text;
+        const bool valid = packet.getID() == 2 && !packet.hasError();
+        return valid ? std::to_string(group) + " " + name + ": " + text : "<no value>";
     }
 
     bool waitForClose() {
         return waitUntil([&] {
-            m_socket.update();
-            while (m_socket.pollPacket(nullptr)) {
+            socket.update();
+            while (socket.pollPacket(nullptr)) {
             }
-            return !m_socket.isConnected();
+            return !socket.isConnected();
         });
     }
 
-    void close() { m_socket.close(); }
-    net::Socket& socket() { return m_socket; }
-
-private:
-    net::Socket m_socket;
+    net::Socket socket;
 };
 
 class RecordingParser : public dm::DataParserCallback {
@@ -181,25 +152,20 @@ TEST_F(MonitorLinkTest, MonitorsReceiveTheSameTextAndOutliveOnesThatLeave) {
     dm::print("one");
     dm::print(5, "two %d", 2);
     for (Monitor* monitor : {first.get(), second.get()}) {
-        std::optional<Text> one = monitor->receiveText();
-        std::optional<Text> two = monitor->receiveText();
-        ASSERT_TRUE(one && two);
-        EXPECT_EQ(one->channel, 0);
-        EXPECT_EQ(one->text, "one");
-        EXPECT_EQ(two->channel, 5);
-        EXPECT_EQ(two->text, "two 2");
+        EXPECT_EQ(monitor->nextText(), "0: one");
+        EXPECT_EQ(monitor->nextText(), "5: two 2");
     }
 
     auto third = connectMonitor();
-    first->close();
+    first->socket.close();
     ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 2; }));
     dm::print("three");
-    EXPECT_EQ(second->nextText(), "three");
-    EXPECT_EQ(third->nextText(), "three");
-    second->close();
+    EXPECT_EQ(second->nextText(), "0: three");
+    EXPECT_EQ(third->nextText(), "0: three");
+    second->socket.close();
     ASSERT_TRUE(updateUntil([] { return dm::getMonitorConnectionCount() == 1; }));
     dm::print("four");
-    EXPECT_EQ(third->nextText(), "four");
+    EXPECT_EQ(third->nextText(), "0: four");
 }
 
 TEST_F(MonitorLinkTest, AMonitorThatStopsReadingNeitherStallsTheGameNorLosesItsPlace) {
@@ -208,8 +174,8 @@ TEST_F(MonitorLinkTest, AMonitorThatStopsReadingNeitherStallsTheGameNorLosesItsP
     std::atomic<bool> sawLast{false};
     std::thread reader([&] {
         waitUntil([&] {
-            reading->socket().update();
-            while (net::Packet* packet = reading->socket().pollPacket(nullptr)) {
+            reading->socket.update();
+            while (net::Packet* packet = reading->socket.pollPacket(nullptr)) {
                 int channel = 0;
                 const char* characters = "";
                 *packet >> channel >> characters;
@@ -259,45 +225,25 @@ TEST_F(MonitorLinkTest, PrintWithoutMonitorsFormatsNothing) {
     auto monitor = connectMonitor();
     dm::print("abc%n", &formatted);
     EXPECT_EQ(formatted, 3);
-    EXPECT_EQ(monitor->nextText(), "abc");
+    EXPECT_EQ(monitor->nextText(), "0: abc");
 }
 
-TEST_F(MonitorLinkTest, LongTextsArriveCutTo255Characters) {
+TEST_F(MonitorLinkTest, InPlaceValuesCarryGroupNameAndTextCutTo255Characters) {
     auto monitor = connectMonitor();
     const std::string longText(300, 'x');
     const std::string longName(300, 'n');
     const std::string nameBeyondAnyPacket(net::Packet::kMaxPayload, 'h');
     dm::printInPlace(nameBeyondAnyPacket.c_str(), "unsendable");  // dropped, not sent broken
+    dm::printInPlace(2, "queue", "%d files", 7);
+    dm::printInPlace("score", "%d", 42);
     dm::print(1, "%s", longText.c_str());
     dm::printInPlace(3, longName.c_str(), "%s!", longText.c_str());
 
-    EXPECT_EQ(monitor->nextText(), longText.substr(0, 255));
-    std::optional<InPlace> value = monitor->receiveInPlace();
-    ASSERT_TRUE(value);
-    EXPECT_EQ(value->name, longName);  // the name is sent as given
-    EXPECT_EQ(value->text, longText.substr(0, 255));
-}
-
-TEST_F(MonitorLinkTest, InPlaceValuesCarryGroupNameAndText) {
-    auto monitor = connectMonitor();
-    dm::printInPlace(2, "queue", "%d files", 7);
-    dm::printInPlace("score", "%d", 42);
-
-    std::optional<InPlace> queue = monitor->receiveInPlace();
-    std::optional<InPlace> score = monitor->receiveInPlace();
-    ASSERT_TRUE(queue && score);
-    EXPECT_EQ(queue->group, 2);
-    EXPECT_EQ(queue->name, "queue");
-    EXPECT_EQ(queue->text, "7 files");
-    EXPECT_EQ(score->group, 0);
-    EXPECT_EQ(score->name, "score");
-    EXPECT_EQ(score->text, "42");
-}
-
-TEST(MonitorGroupNames, NameTheFourGroupsAndNothingElse) {
-    EXPECT_STREQ(dm::getInPlaceGroupName(0), "Default In Place Data");
-    EXPECT_STREQ(dm::getInPlaceGroupName(1), "Engine Statistics");
-    EXPECT_STREQ(dm::getInPlaceGroupName(2), "Streaming Statistics");
+    EXPECT_EQ(monitor->nextInPlace(), "2 queue: 7 files");
+    EXPECT_EQ(monitor->nextInPlace(), "0 score: 42");
+    EXPECT_EQ(monitor->nextText(), "1: " + longText.substr(0, 255));
+    // The name is sent as given.
+    EXPECT_EQ(monitor->nextInPlace(), "3 " + longName + ": " + longText.substr(0, 255));
     EXPECT_STREQ(dm::getInPlaceGroupName(3), "Resource Statistics");
     EXPECT_STREQ(dm::getInPlaceGroupName(4), "Unknown In Place Data");
     EXPECT_STREQ(dm::getInPlaceGroupName(-1), "Unknown In Place Data");
@@ -323,10 +269,8 @@ TEST_F(MonitorLinkTest, RequestsRaiseOnlyTheirOwnFlagOnce) {
     for (int request : {-1, 3, 1000, INT_MAX, INT_MIN}) {
         EXPECT_FALSE(dm::checkAndClearRequest(request)) << request;
     }
-}
 
-TEST_F(MonitorLinkTest, InitClearsRequestFlagsAndDeinitKeepsThem) {
-    auto monitor = connectMonitor();
+    // deinit keeps the raised flags, init clears them.
     monitor->send(requestPacket(0));
     monitor->send(requestPacket(2));
     ASSERT_TRUE(monitor->waitDelivered());
@@ -351,10 +295,7 @@ TEST_F(MonitorLinkTest, DataReachesTheCallbackWhichMayPrint) {
 
     ASSERT_TRUE(updateUntil([&] { return parser.received.size() == 2; }));
     EXPECT_EQ(parser.received, (std::vector<std::string>{"hello", ""}));
-    std::optional<Text> echo = monitor->receiveText();
-    ASSERT_TRUE(echo);
-    EXPECT_EQ(echo->channel, 9);
-    EXPECT_EQ(echo->text, "echo: hello");
+    EXPECT_EQ(monitor->nextText(), "9: echo: hello");
 }
 
 TEST_F(MonitorLinkTest, MalformedAndUnknownPacketsAreDropped) {
@@ -383,7 +324,7 @@ TEST_F(MonitorLinkTest, MalformedAndUnknownPacketsAreDropped) {
     }
     EXPECT_EQ(dm::getMonitorConnectionCount(), 1);
     dm::print("still connected");
-    EXPECT_EQ(monitor->nextText(), "still connected");
+    EXPECT_EQ(monitor->nextText(), "0: still connected");
 }
 
 TEST_F(MonitorLinkTest, DeinitClosesMonitorsAndInitListensAgain) {
@@ -399,19 +340,13 @@ TEST_F(MonitorLinkTest, DeinitClosesMonitorsAndInitListensAgain) {
     m_port = dm::getMonitorPort();
     ASSERT_GT(m_port, 0);
     auto after = connectMonitor();
-    dm::print("back");
-    EXPECT_EQ(after->nextText(), "back");
-}
-
-TEST_F(MonitorLinkTest, InitAgainWithoutDeinitReplacesTheListener) {
-    auto old = connectMonitor();
-    dm::init(0);
+    dm::init(0);  // again without deinit: replaces the listener and closes its monitors
     EXPECT_EQ(dm::getMonitorConnectionCount(), 0);
-    EXPECT_TRUE(old->waitForClose());
+    EXPECT_TRUE(after->waitForClose());
     m_port = dm::getMonitorPort();
     auto fresh = connectMonitor();
-    dm::print("fresh");
-    EXPECT_EQ(fresh->nextText(), "fresh");
+    dm::print("back");
+    EXPECT_EQ(fresh->nextText(), "0: back");
 }
 
 TEST(MonitorLinkLifecycle, CallsWithoutAListenerDoNothing) {
@@ -464,10 +399,9 @@ TEST_F(MonitorLinkTest, BroadcastSendsAnyPacketToEveryMonitor) {
     dm::broadcastPacket(&custom);
     dm::broadcastPacket(nullptr);
     for (Monitor* monitor : {first.get(), second.get()}) {
-        std::optional<net::Packet> packet = monitor->receive();
-        ASSERT_TRUE(packet);
-        EXPECT_EQ(packet->getID(), 55);
-        EXPECT_EQ(packet->getSize(), custom.getSize());
+        net::Packet packet = monitor->receive();
+        EXPECT_EQ(packet.getID(), 55);
+        EXPECT_EQ(packet.getSize(), custom.getSize());
     }
 }
 
@@ -477,12 +411,11 @@ TEST_F(MonitorLinkTest, ProfilePacketsCarryThisThreadsScopes) {
     { d::Profile::ThreadProfiler::Scope scope("monitor test scope"); }
     dm::createProfilePacket();
 
-    std::optional<net::Packet> packet = monitor->receive();
-    ASSERT_TRUE(packet);
-    ASSERT_EQ(packet->getID(), 3);
+    net::Packet packet = monitor->receive();
+    ASSERT_EQ(packet.getID(), 3);
     d::Profile::ProfileSnapshot snapshot;
-    *packet >> snapshot;
-    ASSERT_FALSE(packet->hasError());
+    packet >> snapshot;
+    ASSERT_FALSE(packet.hasError());
     bool found = false;
     for (const d::Profile::ProfileThreadRecord& thread : snapshot.threads) {
         if (thread.threadId != zu::getCurrentThreadId()) {
@@ -519,11 +452,13 @@ TEST_F(MonitorLinkTest, PrintsFromSeveralThreadsArriveWholeAndInOrder) {
     int received = 0;
     bool inOrder = true;
     for (; received < kThreads * kPrintsPerThread; ++received) {
-        std::optional<Text> text = monitor->receiveText();
-        if (!text || text->channel < 0 || text->channel >= kThreads) {
+        int channel = -1;
+        int number = -1;
+        if (std::sscanf(monitor->nextText().c_str(), "%d: %d", &channel, &number) != 2 ||
+            channel < 0 || channel >= kThreads) {
             break;
         }
-        inOrder = inOrder && std::stoi(text->text) == next[text->channel]++;
+        inOrder = inOrder && number == next[channel]++;
     }
     EXPECT_EQ(received, kThreads * kPrintsPerThread);
     EXPECT_TRUE(inOrder);

@@ -29,10 +29,6 @@ inline void appendLE32(Bytes& bytes, uint32_t value) {
     }
 }
 
-inline uint32_t loadLE32(const uint8_t* bytes) {
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<uint32_t>(bytes[3]) << 24;
-}
-
 // One frame as docs/packet-format.md describes it.
 inline Bytes makeFrame(int id, const Bytes& payload) {
     Bytes frame;
@@ -40,14 +36,6 @@ inline Bytes makeFrame(int id, const Bytes& payload) {
     appendLE32(frame, static_cast<uint32_t>(id));
     frame.insert(frame.end(), payload.begin(), payload.end());
     return frame;
-}
-
-// A frame whose length field says `length`, followed by nothing more than the id.
-inline Bytes makeHeader(uint32_t length, int id) {
-    Bytes header;
-    appendLE32(header, length);
-    appendLE32(header, static_cast<uint32_t>(id));
-    return header;
 }
 
 // A listener on an ephemeral loopback port with one accepted connection.
@@ -71,13 +59,36 @@ struct SocketPair {
     bool connected() const { return server && server->isConnected() && client.isConnected(); }
 };
 
+// A blocking POSIX socket connected to 127.0.0.1:port, or -1.
+inline int rawConnect(uint32_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    return fd;
+}
+
 // A raw POSIX client connected to a Socket that a Listener accepted.
 struct RawPeer {
     net::Listener listener{0, "127.0.0.1"};
     int fd = -1;
     std::unique_ptr<net::Socket> server;
 
-    RawPeer();
+    RawPeer() : fd(rawConnect(listener.getPort())) {
+        dmtest::waitUntil([&] {
+            server.reset(fd >= 0 ? listener.pollConnect() : nullptr);
+            return server != nullptr || fd < 0;
+        });
+    }
     ~RawPeer() { closeRaw(); }
     RawPeer(const RawPeer&) = delete;
     RawPeer& operator=(const RawPeer&) = delete;
@@ -105,24 +116,6 @@ inline net::Packet* waitForPacket(net::Socket& socket, uint32_t* outSize = nullp
     return packet;
 }
 
-// A blocking POSIX socket connected to 127.0.0.1:port, or -1.
-inline int rawConnect(uint32_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        if (fd >= 0) {
-            close(fd);
-        }
-        return -1;
-    }
-    int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    return fd;
-}
-
 inline bool rawSendAll(int fd, const uint8_t* bytes, size_t length) {
     while (length > 0) {
         ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
@@ -139,41 +132,14 @@ inline bool rawSendAll(int fd, const Bytes& bytes) {
     return rawSendAll(fd, bytes.data(), bytes.size());
 }
 
-inline RawPeer::RawPeer() {
-    fd = rawConnect(listener.getPort());
-    if (fd < 0) {
-        return;
+// Shrinks the OS buffers of both ends to 64 KiB so that a few large packets overfill them.
+inline void shrinkSocketBuffers(SocketPair& pair) {
+    int bytes = 64 * 1024;
+    for (net::Socket* end : {&pair.client, pair.server.get()}) {
+        int fd = static_cast<int>(end->getWaitHandle().handle);
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
     }
-    dmtest::waitUntil([&] {
-        server.reset(listener.pollConnect());
-        return server != nullptr;
-    });
-}
-
-// A plain POSIX listener on an ephemeral loopback port, for tests where a Socket connects to a
-// raw peer. Returns its descriptor, or -1.
-inline int rawListen(uint32_t* port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(fd, 4) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length)) {
-        if (fd >= 0) {
-            close(fd);
-        }
-        return -1;
-    }
-    *port = ntohs(address.sin_port);
-    return fd;
-}
-
-// Shrinks the OS buffers of a socket so that a few large packets overfill them.
-inline void shrinkSocketBuffers(zu::NativeHandle handle, int bytes) {
-    int fd = static_cast<int>(handle);
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
 }
 
 // True when `fd` becomes readable within `timeoutMs`.

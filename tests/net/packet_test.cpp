@@ -181,24 +181,21 @@ TEST(Packet, MalformedStringsAreRefused) {
 
 TEST(Packet, CopiesAreIndependentAndResetStartsOver) {
     Packet original(5);
-    original << "first" << uint32_t{1};
+    original << "first";
     Packet copy(original);
     copy.setPos(copy.getSize());
     copy << uint32_t{2};
     original.reset(6);
-    original << "x";
-
     EXPECT_EQ(original.getID(), 6);
-    EXPECT_EQ(original.getSize(), 6u);
-    EXPECT_EQ(copy.getID(), 5);
+    EXPECT_EQ(original.getSize(), 0u);
+
     copy.setPos(0);
     const char* text = nullptr;
-    uint32_t one = 0, two = 0;
-    copy >> text >> one >> two;
+    uint32_t two = 0;
+    copy >> text >> two;
+    EXPECT_EQ(copy.getID(), 5);
     EXPECT_STREQ(text, "first");
-    EXPECT_EQ(one, 1u);
     EXPECT_EQ(two, 2u);
-
     Packet assigned;
     assigned = copy;
     assigned = assigned;

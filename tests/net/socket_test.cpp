@@ -62,46 +62,29 @@ TEST(Listener, PortZeroPicksAFreePortAndAcceptsWithoutBlocking) {
     EXPECT_NE(noDelay, 0);
 }
 
-TEST(Socket, PacketsTravelBothWaysWithEveryFieldType) {
+// The fields' encoding is the packet tests' business; here the bytes must arrive as sent.
+TEST(Socket, PacketsTravelBothWaysIntact) {
     SocketPair pair;
     ASSERT_TRUE(pair.connected());
     Packet request(205);
-    const uint8_t raw[4] = {9, 8, 7, 6};
-    request << int32_t{-5} << uint32_t{500} << "pipe name";
-    request.write(raw, sizeof(raw));
+    request << int32_t{-5} << "pipe name";
     ASSERT_TRUE(pair.client.sendPacket(request));
     ASSERT_TRUE(pair.client.sendPacket(Packet(77)));  // empty payload
+    ASSERT_TRUE(pair.server->sendPacket(numberedPacket(3, 1000)));
 
     uint32_t size = 0;
     Packet* received = waitForPacket(*pair.server, &size);
     ASSERT_NE(received, nullptr);
     EXPECT_EQ(received->getID(), 205);
-    EXPECT_EQ(size, request.getSize());
-    int32_t negative = 0;
-    uint32_t value = 0;
-    const char* name = nullptr;
-    uint8_t rawBack[4] = {};
-    *received >> negative >> value >> name;
-    received->read(rawBack, sizeof(rawBack));
-    EXPECT_EQ(negative, -5);
-    EXPECT_EQ(value, 500u);
-    EXPECT_STREQ(name, "pipe name");
-    EXPECT_EQ(std::memcmp(rawBack, raw, 4), 0);
-    EXPECT_FALSE(received->hasError());
-
+    ASSERT_EQ(size, request.getSize());
+    EXPECT_EQ(std::memcmp(received->getData(), request.getData(), size), 0);
     received = waitForPacket(*pair.server, &size);
     ASSERT_NE(received, nullptr);
     EXPECT_EQ(received->getID(), 77);
     EXPECT_EQ(size, 0u);
-
-    Packet reply(206);
-    reply << "reply";
-    ASSERT_TRUE(pair.server->sendPacket(reply));
-    received = waitForPacket(pair.client, nullptr);
+    received = waitForPacket(pair.client, &size);
     ASSERT_NE(received, nullptr);
-    const char* text = nullptr;
-    *received >> text;
-    EXPECT_STREQ(text, "reply");
+    EXPECT_TRUE(isNumberedPacket(*received, 3, 1000));
 }
 
 TEST(Socket, PolledPacketCanBeCopiedAndWrittenWithoutHarmingTheNextOne) {
@@ -158,8 +141,7 @@ TEST(Socket, ManyPacketsArrivingInOneReadAreAllPolled) {
 TEST(Socket, LargePacketsOverfillTheOsBuffersWhileTheReaderIsSlow) {
     SocketPair pair;
     ASSERT_TRUE(pair.connected());
-    nettest::shrinkSocketBuffers(pair.client.getWaitHandle().handle, 64 * 1024);
-    nettest::shrinkSocketBuffers(pair.server->getWaitHandle().handle, 64 * 1024);
+    nettest::shrinkSocketBuffers(pair);
 
     constexpr uint32_t kCount = 6;
     for (uint32_t i = 0; i < kCount; ++i) {
@@ -185,8 +167,7 @@ TEST(Socket, LargePacketsOverfillTheOsBuffersWhileTheReaderIsSlow) {
 TEST(Socket, SenderWaitsWhenTheQueueIsFullAndLosesNothing) {
     SocketPair pair;
     ASSERT_TRUE(pair.connected());
-    nettest::shrinkSocketBuffers(pair.client.getWaitHandle().handle, 64 * 1024);
-    nettest::shrinkSocketBuffers(pair.server->getWaitHandle().handle, 64 * 1024);
+    nettest::shrinkSocketBuffers(pair);
 
     // More than kMaxQueuedSend in total, so the sender has to wait for the reader.
     constexpr uint32_t kCount = Socket::kMaxQueuedSend / Packet::kMaxPayload + 8;
@@ -251,20 +232,13 @@ TEST(Socket, FrameDribbledOneByteAtATimeIsAssembled) {
 }
 
 TEST(Socket, RawReaderTakingSmallPiecesSeesTheDocumentedFrames) {
-    uint32_t port = 0;
-    int rawListener = nettest::rawListen(&port);
-    ASSERT_GE(rawListener, 0);
-    Socket client;
-    ASSERT_TRUE(client.connect("localhost", port));  // by name
-    ASSERT_TRUE(nettest::waitReadable(rawListener, 5000));
-    int raw = accept(rawListener, nullptr, nullptr);
-    ASSERT_GE(raw, 0);
-
+    nettest::RawPeer peer;
+    ASSERT_TRUE(peer.connected());
     Packet small(3);
     small << uint32_t{0xCAFE} << "hi";
     Packet big = numberedPacket(9, 100000);
-    ASSERT_TRUE(client.sendPacket(small));
-    ASSERT_TRUE(client.sendPacket(big));
+    ASSERT_TRUE(peer.server->sendPacket(small));
+    ASSERT_TRUE(peer.server->sendPacket(big));
 
     Bytes expected =
         nettest::makeFrame(3, Bytes(small.getData(), small.getData() + small.getSize()));
@@ -272,21 +246,17 @@ TEST(Socket, RawReaderTakingSmallPiecesSeesTheDocumentedFrames) {
     expected.insert(expected.end(), bigFrame.begin(), bigFrame.end());
     Bytes got;
     dmtest::waitUntil([&] {
-        client.update();
+        peer.server->update();
         // Small reads, as many as there is data for, so the Socket sees a slow consumer.
-        while (got.size() < expected.size() && nettest::waitReadable(raw, 10)) {
-            uint8_t piece[7];
-            ssize_t count = recv(raw, piece, sizeof(piece), 0);
-            if (count <= 0) {
-                break;
-            }
+        uint8_t piece[7];
+        ssize_t count = 0;
+        while (got.size() < expected.size() && nettest::waitReadable(peer.fd, 10) &&
+               (count = recv(peer.fd, piece, sizeof(piece), 0)) > 0) {
             got.insert(got.end(), piece, piece + count);
         }
         return got.size() >= expected.size();
     });
     EXPECT_EQ(got, expected);
-    close(raw);
-    close(rawListener);
 }
 
 TEST(Socket, WaitHandleWakesWaitForAnyTogetherWithAnEvent) {

