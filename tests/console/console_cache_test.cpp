@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
@@ -15,6 +14,7 @@
 #include "console/fake_shape_engine.h"
 #include "console/keyboard.h"
 #include "dm/console.h"
+#include "support/forwarding_file_system.h"
 #include "zu/file.h"
 #include "zu/file_system.h"
 
@@ -22,7 +22,6 @@ namespace {
 
 using dm::ScrollingTextWindow;
 using dmtest::consoleLine;
-using dmtest::Keyboard;
 using dmtest::ScopedWritableFolder;
 using Lines = std::vector<std::string>;
 namespace vk = dmtest::vk;
@@ -65,14 +64,8 @@ struct CacheBytes {
     }
 };
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
+using dmtest::readFile;
+using dmtest::writeFile;
 
 struct CacheTest : ::testing::Test {
     ScopedWritableFolder folder;
@@ -234,83 +227,15 @@ TEST_F(CacheTest, AFailedLoadChangesNothing) {
     EXPECT_EQ(browse(window, vk::Up), "cmd2");
 }
 
-// The local file system, but a file opened for writing takes only `budget` bytes in all, as a
-// disk that fills up would.
-class FillingFileSystem : public zu::FileSystem {
-public:
+// A disk that fills up: files opened for writing take only `budget` bytes in all.
+struct FillingFileSystem : dmtest::ForwardingFileSystem {
     explicit FillingFileSystem(uint64_t budget) : m_budget(budget) {}
-
-    zu::FileHandle* openFile(const char* path, zu::BaseFile::Mode mode) override {
-        return m_local.openFile(path, mode);
-    }
-    uint64_t writeFile(zu::FileHandle* file, const void* buffer, uint64_t count) override {
+    uint64_t writeFile(Handle file, const void* buffer, uint64_t count) override {
         const uint64_t taken = count < m_budget ? count : m_budget;
         m_budget -= taken;
-        return taken != 0 ? m_local.writeFile(file, buffer, taken) : 0;
+        return taken != 0 ? local.writeFile(file, buffer, taken) : 0;
     }
-    bool closeFile(zu::FileHandle* file) override { return m_local.closeFile(file); }
-    bool fileExists(const char* path) override { return m_local.fileExists(path); }
-    bool directoryExists(const char* path) override { return m_local.directoryExists(path); }
-    bool isFileReadOnly(const char* path) override { return m_local.isFileReadOnly(path); }
-    bool deleteFile(const char* path) override { return m_local.deleteFile(path); }
-    bool createDirectory(const char* path) override { return m_local.createDirectory(path); }
-    bool deleteDirectory(const char* path) override { return m_local.deleteDirectory(path); }
-    bool moveFile(const char* from, const char* to, bool overwrite) override {
-        return m_local.moveFile(from, to, overwrite);
-    }
-    bool copyFile(const char* from, const char* to) override { return m_local.copyFile(from, to); }
-    uint64_t getCurrentPosition(zu::FileHandle* file) override {
-        return m_local.getCurrentPosition(file);
-    }
-    uint64_t seekFile(zu::FileHandle* file, int64_t offset, zu::BaseFile::SeekMode mode) override {
-        return m_local.seekFile(file, offset, mode);
-    }
-    uint64_t getFileSize(zu::FileHandle* file) override { return m_local.getFileSize(file); }
-    uint64_t readFile(zu::FileHandle* file, void* buffer, uint64_t count) override {
-        return m_local.readFile(file, buffer, count);
-    }
-    bool flushFileBuffers(zu::FileHandle* file) override { return m_local.flushFileBuffers(file); }
-    zu::FileTime getFileTime(zu::FileHandle* file) override { return m_local.getFileTime(file); }
-    bool setFileTime(zu::FileHandle* file, const zu::FileTime& creation,
-                     const zu::FileTime& lastWrite) override {
-        return m_local.setFileTime(file, creation, lastWrite);
-    }
-    bool getFileAttributes(const char* path, uint64_t& size, uint64_t& time) override {
-        return m_local.getFileAttributes(path, size, time);
-    }
-    bool getDiskSpaceInfo(const char* path, uint64_t& freeBytes, uint64_t& totalBytes) override {
-        return m_local.getDiskSpaceInfo(path, freeBytes, totalBytes);
-    }
-    zu::FindFileHandle* findFirstFile(const char* pattern) override {
-        return m_local.findFirstFile(pattern);
-    }
-    zu::FindFileHandle* findNextFile(zu::FindFileHandle* find) override {
-        return m_local.findNextFile(find);
-    }
-    void findClose(zu::FindFileHandle* find) override { m_local.findClose(find); }
-    const char* findGetFileName(zu::FindFileHandle* find) override {
-        return m_local.findGetFileName(find);
-    }
-    uint64_t findGetFileSize(zu::FindFileHandle* find) override {
-        return m_local.findGetFileSize(find);
-    }
-    uint64_t findGetFileTime(zu::FindFileHandle* find) override {
-        return m_local.findGetFileTime(find);
-    }
-    bool findIsDirectory(zu::FindFileHandle* find) override {
-        return m_local.findIsDirectory(find);
-    }
-    uint64_t getFileSortKey(zu::FileHandle* file) override { return m_local.getFileSortKey(file); }
-
-private:
-    zu::FileSystem& m_local = zu::getLocalFileSystem();
     uint64_t m_budget;
-};
-
-// Installs a file system for as long as it lives.
-struct UsingFileSystem {
-    explicit UsingFileSystem(zu::FileSystem& fileSystem) { zu::setFileSystem(&fileSystem); }
-    ~UsingFileSystem() { zu::setFileSystem(nullptr); }
 };
 
 TEST_F(CacheTest, ASaveThatFailsLeavesThePreviousFileAsItWas) {
@@ -323,7 +248,7 @@ TEST_F(CacheTest, ASaveThatFailsLeavesThePreviousFileAsItWas) {
     enterCommands(window, 2, 2);
     {
         FillingFileSystem full(20);  // fills up inside the console lines' header
-        UsingFileSystem installed(full);
+        dmtest::InstalledFileSystem installed(full);
         EXPECT_NO_THROW(window.save());
     }
     EXPECT_EQ(readFile(folder.cacheFile()), saved);

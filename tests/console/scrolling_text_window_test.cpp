@@ -49,7 +49,10 @@ TEST(WindowConstruction, TakesItsGeometryFromTheMarginAndTheLineHeight) {
     EXPECT_EQ(window.getTextAreaSize(),
               (m::Vector2Template<float>{0.75f - kScrollBarWidth, 0.71875f}));
     EXPECT_EQ(window.getLinesOnScreen(), 23u);
-    EXPECT_EQ(window.getConsoleLineCount(), 0u);
+    window.setWindowSize({0.5f, 0.328125f});
+    EXPECT_EQ(window.getTextAreaSize(),
+              (m::Vector2Template<float>{0.5f - kScrollBarWidth, 0.328125f}));
+    EXPECT_EQ(window.getLinesOnScreen(), 10u);
 }
 
 TEST(WindowConstruction, RefusesANullShapeEngine) {
@@ -69,13 +72,6 @@ TEST(WindowConstruction, SurvivesAnEngineWithoutLineHeight) {
     EXPECT_EQ(window.scroll(10), 3);  // nothing is on screen, so every line can be scrolled to
     window.scrollBottom();
     EXPECT_EQ(visibleLine(window, 0), "c\n");
-}
-
-TEST_F(WindowTest, ANewWindowSizeChangesTheTextAreaAndTheLinesOnScreen) {
-    window.setWindowSize({0.5f, 0.2625f});
-    EXPECT_EQ(window.getTextAreaSize(),
-              (m::Vector2Template<float>{0.5f - kScrollBarWidth, 0.2625f}));
-    EXPECT_EQ(window.getLinesOnScreen(), 10u);
 }
 
 TEST_F(WindowTest, CountsTheCharactersThatFitAWidth) {
@@ -134,7 +130,8 @@ TEST_F(WindowTest, TakesTextsLongerThanItsWorkBuffer) {
     EXPECT_EQ(consoleLine(window, 0), std::string(20, 'y') + "\n");  // ... and 20
 }
 
-TEST_F(WindowTest, KeepsTheNewestThousandLines) {
+TEST_F(WindowTest, KeepsTheNewestThousandLinesAndGivesAnEmptyOneBeyond) {
+    EXPECT_EQ(consoleLine(window, 0), "");
     printNumberedLines(0, 1000);
     EXPECT_EQ(window.getConsoleLineCount(), 1000u);
     EXPECT_EQ(consoleLine(window, 0), "line 999\n");
@@ -148,40 +145,13 @@ TEST_F(WindowTest, KeepsTheNewestThousandLines) {
     printNumberedLines(1001, 1500);
     EXPECT_EQ(consoleLine(window, 0), "line 2500\n");
     EXPECT_EQ(consoleLine(window, 999), "line 1501\n");
-}
-
-TEST_F(WindowTest, GivesAnEmptyLineBeyondTheStoredLines) {
-    EXPECT_EQ(consoleLine(window, 0), "");
-    printNumberedLines(0, 3);
-    EXPECT_EQ(consoleLine(window, 3), "");
-    EXPECT_EQ(consoleLine(window, UINT64_MAX), "");
-    EXPECT_EQ(visibleLine(window, 3), "");
-
-    printNumberedLines(3, 1200);
-    EXPECT_EQ(consoleLine(window, 1000), "");
-    EXPECT_EQ(consoleLine(window, 4294967296ull), "");
+    for (uint64_t beyond : {uint64_t(1000), uint64_t(4294967296ull), UINT64_MAX}) {
+        EXPECT_EQ(consoleLine(window, beyond), "");
+    }
     EXPECT_EQ(visibleLine(window, 2000), "");
 }
 
-TEST(BoundedLineStore, StaysWithinItsSlotsWhateverTheCounters) {
-    // Counters that do not match the stored lines, as a damaged saved state could leave them.
-    dm::BoundedLineStore<zu::InplaceString<64>> store;
-    store.maxLines = 1000;
-    store.lines.emplace_back("a");
-    store.lines.emplace_back("b");
-    store.lineCounter = 10;
-    EXPECT_EQ(std::string(store.line(0).c_str()), "");
-    EXPECT_EQ(std::string(store.line(1).c_str()), "");
-    store.lineCounter = 0;
-    EXPECT_EQ(std::string(store.line(0).c_str()), "");
-
-    store.maxLines = 0;  // no ring rule to apply, and nothing more is stored
-    store.add("c");
-    EXPECT_EQ(store.count(), 2u);
-    EXPECT_EQ(std::string(store.line(1).c_str()), "");
-}
-
-TEST(BoundedLineStore, NeverGrowsBeyondItsLimit) {
+TEST(BoundedLineStore, NeverGrowsBeyondItsLimitNorReadsOutsideItsSlots) {
     dm::BoundedLineStore<zu::InplaceString<64>> store;
     store.maxLines = 1000;
     for (int i = 0; i < 1500; ++i) {
@@ -190,10 +160,19 @@ TEST(BoundedLineStore, NeverGrowsBeyondItsLimit) {
     EXPECT_EQ(store.lines.capacity(), 1000u);
     EXPECT_EQ(std::string(store.line(0).c_str()), "1499");
     EXPECT_EQ(std::string(store.line(999).c_str()), "500");
+
+    // Counters that do not match the stored lines, as a damaged saved state could leave them.
     store.clear();
-    EXPECT_EQ(store.count(), 0u);
-    store.add("again");
-    EXPECT_EQ(std::string(store.line(0).c_str()), "again");
+    store.lines.emplace_back("a");
+    store.lines.emplace_back("b");
+    store.lineCounter = 10;
+    EXPECT_EQ(std::string(store.line(0).c_str()), "");
+    EXPECT_EQ(std::string(store.line(1).c_str()), "");
+    store.lineCounter = 0;
+    EXPECT_EQ(std::string(store.line(0).c_str()), "");
+    store.maxLines = 0;  // no ring rule to apply, and nothing more is stored
+    store.add("c");
+    EXPECT_EQ(store.count(), 2u);
 }
 
 TEST_F(WindowTest, WrapsAWordTooWideForTheTextAreaIntoFullRows) {
@@ -208,13 +187,11 @@ TEST_F(WindowTest, WrapsAWordTooWideForTheTextAreaIntoFullRows) {
                      ">" + word.substr(98, 49) + "\n", ">" + word.substr(147) + "\n"}));
 }
 
-TEST_F(WindowTest, WrapsBetweenWordsThatFit) {
+TEST_F(WindowTest, WrapsBetweenWordsAndEvenInATextAreaTooNarrowForACharacter) {
     setTextAreaWidth(0.1f);
     window.printStringWithPrefix(true, "alpha beta gamma\n");
     EXPECT_EQ(consoleLinesOldestFirst(window), (Lines{">alpha \n", ">beta \n", ">gamma\n"}));
-}
-
-TEST_F(WindowTest, EndsLinesEvenInATextAreaTooNarrowForACharacter) {
+    window.clear();
     setTextAreaWidth(0.0f);
     window.printString("abc\n");
     EXPECT_EQ(consoleLinesOldestFirst(window), (Lines{"a\n", "b\n", "c\n"}));
@@ -273,28 +250,24 @@ TEST_F(WindowTest, ScrollStaysWithinTheStoredLines) {
     EXPECT_EQ(window.scroll(-1), 0);
 }
 
-TEST_F(WindowTest, AScrolledViewStaysOnItsText) {
-    showTenLines();
-    printNumberedLines(0, 30);
-    ASSERT_EQ(window.scroll(5), 5);
-    ASSERT_EQ(visibleLine(window, 0), "line 24\n");
-    printNumberedLines(30, 3);
-    EXPECT_EQ(visibleLine(window, 0), "line 24\n");
-    window.print("two\nrows\n");
-    EXPECT_EQ(visibleLine(window, 0), "line 24\n");
-    // With the ring full, the oldest lines go and the view stops at the top.
-    printNumberedLines(33, 2000);
-    EXPECT_EQ(window.scroll(0), 0);
-    EXPECT_EQ(visibleLine(window, 9), consoleLine(window, 999));
-}
-
-TEST_F(WindowTest, AViewAtTheBottomFollowsNewLines) {
+TEST_F(WindowTest, AViewAtTheBottomFollowsNewLinesAndAScrolledOneStaysOnItsText) {
     showTenLines();
     printNumberedLines(0, 30);
     EXPECT_EQ(visibleLine(window, 0), "line 29\n");
     printNumberedLines(30, 3);
     EXPECT_EQ(visibleLine(window, 0), "line 32\n");
     EXPECT_EQ(visibleLine(window, 9), "line 23\n");
+
+    ASSERT_EQ(window.scroll(5), 5);
+    ASSERT_EQ(visibleLine(window, 0), "line 27\n");
+    printNumberedLines(33, 3);
+    EXPECT_EQ(visibleLine(window, 0), "line 27\n");
+    window.print("two\nrows\n");
+    EXPECT_EQ(visibleLine(window, 0), "line 27\n");
+    // With the ring full, the oldest lines go and the view stops at the top.
+    printNumberedLines(36, 2000);
+    EXPECT_EQ(window.scroll(0), 0);
+    EXPECT_EQ(visibleLine(window, 9), consoleLine(window, 999));
 }
 
 TEST_F(WindowTest, ClearForgetsLinesAndTheWaitingTail) {
