@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "net/listener.h"
 #include "support/test_support.h"
@@ -99,35 +101,27 @@ TEST(MonitorTool, TheGameLeavingEndsTheRun) {
     EXPECT_EQ(tool.wait(), 0) << tool.output();
 }
 
-TEST(MonitorTool, FailsWhenNothingListens) {
-    std::string port;
+// Exit codes: 1 when nothing listens, 3 on a time-out before the count, 2 on bad usage.
+TEST(MonitorTool, ExitCodesTellWhatWentWrong) {
+    std::string closedPort;
     {
         net::Listener listener(0, "127.0.0.1");
-        port = std::to_string(listener.getPort());
-    }  // closed again: the port now refuses connections
-    ChildProcess tool(kTool, {"127.0.0.1", port}, true);
-    EXPECT_EQ(tool.wait(), 1);
-}
-
-TEST(MonitorTool, TimeoutBeforeTheCountFails) {
+        closedPort = std::to_string(listener.getPort());
+    }                                          // closed again: the port now refuses connections
     net::Listener silentGame(0, "127.0.0.1");  // accepts in the backlog, never sends
-    ChildProcess tool(
-        kTool,
-        {"--count", "1", "--timeout", "0.2", "127.0.0.1", std::to_string(silentGame.getPort())},
-        true);
-    EXPECT_EQ(tool.wait(), 3);
-}
-
-TEST(MonitorTool, RejectsBadUsage) {
-    for (const auto& args :
-         std::vector<std::vector<std::string>>{{},
-                                               {"127.0.0.1"},
-                                               {"127.0.0.1", "0"},
-                                               {"127.0.0.1", "port"},
-                                               {"--count", "x", "127.0.0.1", "1"},
-                                               {"--frobnicate", "127.0.0.1", "1"}}) {
-        ChildProcess tool(kTool, args, true);
-        EXPECT_EQ(tool.wait(), 2);
+    const std::string silentPort = std::to_string(silentGame.getPort());
+    const std::vector<std::pair<std::vector<std::string>, int>> runs = {
+        {{"127.0.0.1", closedPort}, 1},
+        {{"--count", "1", "--timeout", "0.2", "127.0.0.1", silentPort}, 3},
+        {{}, 2},
+        {{"127.0.0.1"}, 2},
+        {{"127.0.0.1", "0"}, 2},
+        {{"127.0.0.1", "port"}, 2},
+        {{"--count", "x", "127.0.0.1", "1"}, 2},
+        {{"--frobnicate", "127.0.0.1", "1"}, 2}};
+    for (const auto& run : runs) {
+        ChildProcess tool(kTool, run.first, true);
+        EXPECT_EQ(tool.wait(), run.second) << run.first.size() << " arguments";
     }
 }
 
