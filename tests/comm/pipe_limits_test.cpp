@@ -174,8 +174,11 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
     for (uint32_t i = 0; i < kSize; ++i) {
         data[i] = static_cast<uint8_t>(i * 13 + (i >> 12));
     }
-    std::thread sender(
-        [&] { link.left.pipe().sendRequest("bulk", 1, nullptr, 0, nullptr, data.data(), kSize); });
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        link.left.pipe().sendRequest("bulk", 1, nullptr, 0, nullptr, data.data(), kSize);
+        done = true;
+    });
     EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
 
     // The right end reads nothing yet: a pump must come back with the rest still to send, the
@@ -189,6 +192,7 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
     bool consecutive = true;
     waitUntil([&] {
         link.left.pump();
+        link.left.socket().update();  // what the socket queued goes on as the peer reads
         net::Socket& socket = link.right.socket();
         socket.update();
         uint32_t size = 0;
@@ -210,7 +214,70 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
     link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
     link.right.sendMarker();
     link.left.receiveUntilMarker();
+    if (!waitUntil([&] { return done.load(); })) {
+        link.left.pipe().close();  // releases the sender, so that the test can end
+    }
     sender.join();
+}
+
+// Answers one request on `pipe` with its own text and data, on its own thread.
+class EchoOnce {
+public:
+    explicit EchoOnce(dm::NetCommunicationPipe& pipe)
+        : m_thread([&pipe] {
+              if (!waitUntil([&] { return !pipe.receiveRequest(nullptr).empty(); },
+                             std::chrono::seconds(60))) {
+                  return;
+              }
+              void* data = nullptr;
+              uint32_t size = 0;
+              pipe.getRequestData(&data, &size);
+              pipe.respond("echo", data, size);
+          }) {}
+    ~EchoOnce() { m_thread.join(); }
+    EchoOnce(const EchoOnce&) = delete;
+    EchoOnce& operator=(const EchoOnce&) = delete;
+
+private:
+    std::thread m_thread;
+};
+
+// Both ends have a request far larger than a socket queues before its sender waits, queued
+// before either end runs: each end's pump must leave room for reading what the other sends.
+TEST_F(PipeLimits, LargeRequestsBothWaysAtOnceBothComplete) {
+    constexpr uint32_t kSize = 48 * kMiB;
+    const Bytes leftData(kSize, 0x4C);
+    const Bytes rightData(kSize, 0x52);
+    std::atomic<int> echoed{0};
+    std::atomic<int> done{0};
+    const auto ask = [&](dm::NetCommunicationPipe& pipe, const Bytes& data) {
+        return std::thread([&pipe, &data, &echoed, &done] {
+            Bytes answer(kSize);
+            uint32_t answerSize = 0;
+            pipe.sendRequest("both", 0, answer.data(), kSize, &answerSize, data.data(), kSize);
+            echoed += answerSize == kSize && answer == data ? 1 : 0;
+            ++done;
+        });
+    };
+    std::thread fromLeft = ask(link.left.pipe(), leftData);
+    std::thread fromRight = ask(link.right.pipe(), rightData);
+    EXPECT_TRUE(waitUntil([&] {
+        return link.left.pipe().getQueueSizes().outgoingRequests == 1 &&
+               link.right.pipe().getQueueSizes().outgoingRequests == 1;
+    }));
+    {
+        EchoOnce leftAnswers(link.left.pipe());
+        EchoOnce rightAnswers(link.right.pipe());
+        link.start();
+        EXPECT_TRUE(waitUntil([&] { return done.load() == 2; }, std::chrono::seconds(60)));
+    }
+    if (done.load() < 2) {
+        link.left.pipe().close();  // releases the senders, so that the test can end
+        link.right.pipe().close();
+    }
+    fromLeft.join();
+    fromRight.join();
+    EXPECT_EQ(2, echoed.load());
 }
 
 TEST_F(PipeLimits, RequestCutOffByAReconnectIsSentAgainFromItsStart) {
