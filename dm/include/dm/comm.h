@@ -167,7 +167,8 @@ public:
     void setRequestCallback(PipeCallback callback) override;
 
     // Limit for the total size of incoming request data and notification texts; larger
-    // messages are dropped instead of allocated.
+    // messages are dropped instead of allocated. It also bounds the data that the unfinished
+    // incoming requests announce together: a new request beyond it is dropped.
     void setMaxMessageSize(uint32_t bytes) { m_maxMessageSize.store(bytes); }
     uint32_t getMaxMessageSize() const { return m_maxMessageSize.load(); }
     PipeQueueSizes getQueueSizes() const;
