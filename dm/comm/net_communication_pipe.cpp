@@ -113,6 +113,9 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
                                                          uint32_t responseCapacity,
                                                          uint32_t* outResponseSize,
                                                          const void* data, uint32_t dataSize) {
+    if (!pipe_protocol::requestFitsPacket(m_name.c_str(), orEmpty(text), data ? dataSize : 0)) {
+        return {};  // could never be sent, so would never be answered
+    }
     uint32_t id = 0;
     zu::Event* event = nullptr;
     {
@@ -196,6 +199,9 @@ void NetCommunicationPipe::getRequestData(void** outData, uint32_t* outSize) {
 }
 
 void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t dataSize) {
+    if (!pipe_protocol::responseFitsPacket(m_name.c_str(), orEmpty(text), data ? dataSize : 0)) {
+        return;  // cannot be sent; the request stays current and can still be answered
+    }
     uint32_t requestId = 0;
     void* requestData = nullptr;
     {
@@ -327,12 +333,19 @@ void NetCommunicationPipe::reset() {
     {
         zu::ScopedLock lock(m_incomingLock);
         freeIncomingRequests();
+        dropIncompleteNotifications();
         m_currentRequest.text = kAbortToken;
         m_lastCompletedRequestId = kNoId;
     }
     zu::ScopedLock lock(m_outgoingLock);
     for (RequestRecord& request : m_outgoingRequests) {
         request.sent = false;  // unanswered requests go out again on the new connection
+        request.bytesSent = 0;
+    }
+    for (ResponseRecord& response : m_outgoingResponses) {
+        if (!response.sent) {
+            response.bytesSent = 0;  // a response cut off with the old connection starts over
+        }
     }
     m_outgoingNotifications.clear();
 }
@@ -343,6 +356,17 @@ void NetCommunicationPipe::discardAbortedRequest() {
         zu::deleteMemory(m_currentRequest.data);
         m_currentRequest.data = nullptr;
         m_currentRequest.dataSize = 0;
+    }
+}
+
+// Their remaining chunks were lost with the connection; kept, they would hold back every later
+// notification for good. Whole ones stay for the application.
+void NetCommunicationPipe::dropIncompleteNotifications() {
+    for (size_t i = m_incomingNotifications.size(); i-- > 0;) {
+        const NotificationRecord& notification = m_incomingNotifications[i];
+        if (notification.receivedLength < notification.expectedLength) {
+            m_incomingNotifications.erase(i);
+        }
     }
 }
 
@@ -359,8 +383,9 @@ bool NetCommunicationPipe::pumpOutgoing(net::Socket* socket) {
     if (!socket || !collectOutgoing()) {
         return false;
     }
-    sendCollected(*socket);
-    return markSent();
+    const bool paused = !sendCollected(*socket);
+    const bool moreToSend = markSent();
+    return moreToSend && !paused;
 }
 
 bool NetCommunicationPipe::collectOutgoing() {
@@ -389,26 +414,54 @@ bool NetCommunicationPipe::collectOutgoing() {
     return true;
 }
 
-void NetCommunicationPipe::sendCollected(net::Socket& socket) {
+// Sends the copies in order, each from where an earlier pass left it, and marks those that went
+// whole (or failed: they are not tried again on this connection). False when sending paused
+// because the socket is full; the rest then waits for a later pass.
+bool NetCommunicationPipe::sendCollected(net::Socket& socket) {
+    using pipe_protocol::SendResult;
     // The data pointers stay valid: their owners block until the records are marked below.
     const char* name = m_name.c_str();
-    for (const ResponseRecord& response : m_pumpResponses) {
-        pipe_protocol::sendResponse(socket, m_sendPacket, name, response.requestId,
-                                    response.text.c_str(), response.data, response.dataSize);
+    pipe_protocol::SendProgress progress;
+    progress.queueLimit = kPauseSendingAbove;
+    for (ResponseRecord& response : m_pumpResponses) {
+        progress.bytesSent = response.bytesSent;
+        const SendResult result =
+            pipe_protocol::sendResponse(socket, m_sendPacket, progress, name, response.requestId,
+                                        response.text.c_str(), response.data, response.dataSize);
+        response.bytesSent = progress.bytesSent;
         socket.update();
+        if (result == SendResult::kPaused) {
+            return false;
+        }
+        response.sent = true;
     }
-    for (const RequestRecord& request : m_pumpRequests) {
-        pipe_protocol::sendRequest(socket, m_sendPacket, name, request.id, request.value,
-                                   request.text.c_str(), request.data, request.dataSize);
+    for (RequestRecord& request : m_pumpRequests) {
+        progress.bytesSent = request.bytesSent;
+        const SendResult result = pipe_protocol::sendRequest(
+            socket, m_sendPacket, progress, name, request.id, request.value, request.text.c_str(),
+            request.data, request.dataSize);
+        request.bytesSent = progress.bytesSent;
         socket.update();
+        if (result == SendResult::kPaused) {
+            return false;
+        }
+        request.sent = true;
     }
     const uint32_t ownerId = m_owner ? m_owner->getOwnerId() : 0;
-    for (const NotificationRecord& notification : m_pumpNotifications) {
+    for (NotificationRecord& notification : m_pumpNotifications) {
         const uint32_t value = notification.value != 0 ? notification.value : ownerId;
-        pipe_protocol::sendNotify(socket, m_sendPacket, name, notification.id, value,
-                                  notification.text.c_str());
+        progress.bytesSent = notification.bytesSent;
+        const SendResult result =
+            pipe_protocol::sendNotify(socket, m_sendPacket, progress, name, notification.id, value,
+                                      notification.text.c_str());
+        notification.bytesSent = progress.bytesSent;
         socket.update();
+        if (result == SendResult::kPaused) {
+            return false;
+        }
+        notification.sent = true;
     }
+    return true;
 }
 
 // Returns true when messages are left that the next pump can send.
@@ -427,22 +480,31 @@ bool NetCommunicationPipe::markSent() {
     return moreToSend;
 }
 
+// Copies that went whole mark their records sent; the others keep how far they got.
 void NetCommunicationPipe::markSentLocked() {
-    for (const ResponseRecord& sent : m_pumpResponses) {
-        if (ResponseRecord* response = findOutgoingResponse(sent.serial)) {
-            response->sent = true;
-            m_pumpWaiters.push_back(response->event);
+    for (const ResponseRecord& copy : m_pumpResponses) {
+        if (ResponseRecord* response = findOutgoingResponse(copy.serial)) {
+            response->bytesSent = copy.bytesSent;
+            if (copy.sent) {
+                response->sent = true;
+                m_pumpWaiters.push_back(response->event);
+            }
         }
     }
-    for (const RequestRecord& sent : m_pumpRequests) {
-        if (RequestRecord* request = findOutgoingRequest(sent.id)) {
-            request->sent = true;
+    for (const RequestRecord& copy : m_pumpRequests) {
+        if (RequestRecord* request = findOutgoingRequest(copy.id)) {
+            request->bytesSent = copy.bytesSent;
+            request->sent = copy.sent;
         }
     }
-    for (const NotificationRecord& sent : m_pumpNotifications) {
+    for (const NotificationRecord& copy : m_pumpNotifications) {
         for (size_t i = 0; i < m_outgoingNotifications.size(); ++i) {
-            if (m_outgoingNotifications[i].id == sent.id) {
-                m_outgoingNotifications.erase(i);
+            if (m_outgoingNotifications[i].id == copy.id) {
+                if (copy.sent) {
+                    m_outgoingNotifications.erase(i);
+                } else {
+                    m_outgoingNotifications[i].bytesSent = copy.bytesSent;
+                }
                 break;
             }
         }

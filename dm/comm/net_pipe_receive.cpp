@@ -16,6 +16,9 @@ namespace {
 
 // Incoming request data is handed to the application; cache-line alignment suits bulk copies.
 constexpr size_t kRequestDataAlignment = 64;
+// First buffer of a request's data (or all of it when smaller): small requests are allocated
+// once, large ones double from here.
+constexpr uint64_t kMinRequestBuffer = 256 * 1024;
 
 }  // namespace
 
@@ -33,6 +36,11 @@ void NetCommunicationPipe::onRequestPacket(uint32_t id, uint32_t value, const ch
         return;
     }
     if (!chunk.liesInside() || !fitsMessageLimit(chunk.totalSize)) {
+        return;
+    }
+    // A sender puts data in every chunk of a request that has data: an empty one would
+    // complete it with nothing in its buffer.
+    if (chunk.totalSize > 0 && chunk.chunkSize == 0) {
         return;
     }
     PipeCallback callback;
@@ -53,19 +61,32 @@ bool NetCommunicationPipe::storeRequestChunk(uint32_t id, uint32_t value, const 
     if (m_lastCompletedRequestId != kNoId && id <= m_lastCompletedRequestId) {
         return false;
     }
-    RequestRecord* request = findPartialRequest(id);
+    size_t index = 0;
+    RequestRecord* request = findPartialRequest(id, &index);
     if (!request) {
         request = addIncomingRequest(id, value, text, chunk);
         if (!request) {
             return false;
         }
+        index = m_incomingRequests.size() - 1;
     } else if (request->dataSize != chunk.totalSize) {
         return false;  // does not belong to the message begun with this id
     }
     if (chunk.chunkSize > 0) {
+        if (!reserveRequestData(*request, chunk.offset + chunk.chunkSize)) {
+            dropIncomingRequest(index);
+            return false;
+        }
         packet.read(static_cast<uint8_t*>(request->data) + chunk.offset, chunk.chunkSize);
         request->dataReceivedBytes += chunk.chunkSize;
+        request->dataWrittenEnd = std::max(request->dataWrittenEnd, chunk.offset + chunk.chunkSize);
         if (!chunk.endsPayload()) {
+            return false;
+        }
+        // Ended with bytes missing (chunks out of order or lost): handing it out would give the
+        // application memory that no chunk wrote.
+        if (request->dataReceivedBytes < request->dataSize) {
+            dropIncomingRequest(index);
             return false;
         }
     }
@@ -74,33 +95,69 @@ bool NetCommunicationPipe::storeRequestChunk(uint32_t id, uint32_t value, const 
     return true;
 }
 
+// The record starts without a buffer: it grows as chunks arrive (see reserveRequestData), so
+// what a request announces costs nothing until its data comes. Requests that stay unfinished
+// are limited in number and in announced bytes; new ones beyond either limit are dropped.
 NetCommunicationPipe::RequestRecord* NetCommunicationPipe::addIncomingRequest(
     uint32_t id, uint32_t value, const char* text, const ChunkFields& chunk) {
-    void* data = nullptr;
-    if (chunk.totalSize > 0) {
-        try {
-            data = zu::allocateMemory(chunk.totalSize, kRequestDataAlignment);
-        } catch (const zu::OutOfMemoryException&) {
-            return nullptr;
-        }
-        if (chunk.chunkSize == 0) {
-            // Completes without any data: hand out zeros rather than stale memory.
-            std::memset(data, 0, chunk.totalSize);
-        }
+    if (!chunk.endsPayload() && !roomForUnfinishedRequest(chunk.totalSize)) {
+        return nullptr;
     }
     RequestRecord& request = m_incomingRequests.emplace_back();
     request.id = id;
     request.value = value;
     request.text = text ? text : "";
-    request.data = data;
     request.dataSize = chunk.totalSize;
     return &request;
 }
 
-NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findPartialRequest(uint32_t id) {
-    for (RequestRecord& request : m_incomingRequests) {
-        if (request.id == id && !request.complete) {
-            return &request;
+bool NetCommunicationPipe::roomForUnfinishedRequest(uint32_t dataSize) const {
+    uint64_t announced = dataSize;
+    size_t count = 1;
+    for (const RequestRecord& request : m_incomingRequests) {
+        if (!request.complete) {
+            announced += request.dataSize;
+            ++count;
+        }
+    }
+    return count <= kMaxUnfinishedIncoming && announced <= m_maxMessageSize.load();
+}
+
+// Makes the request's buffer hold at least `end` bytes, growing it geometrically up to its
+// announced size. Only bytes that chunks wrote are copied over. False when out of memory.
+bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t end) {
+    if (end <= request.dataCapacity) {
+        return true;
+    }
+    uint64_t capacity = std::max<uint64_t>(2ull * request.dataCapacity, kMinRequestBuffer);
+    capacity = std::min<uint64_t>(std::max<uint64_t>(capacity, end), request.dataSize);
+    void* grown = nullptr;
+    try {
+        grown = zu::allocateMemory(static_cast<size_t>(capacity), kRequestDataAlignment);
+    } catch (const zu::OutOfMemoryException&) {
+        return false;
+    }
+    if (request.data) {
+        std::memcpy(grown, request.data, request.dataWrittenEnd);
+    }
+    zu::deleteMemory(request.data);
+    request.data = grown;
+    request.dataCapacity = static_cast<uint32_t>(capacity);
+    return true;
+}
+
+void NetCommunicationPipe::dropIncomingRequest(size_t index) {
+    zu::deleteMemory(m_incomingRequests[index].data);
+    m_incomingRequests[index].data = nullptr;
+    m_incomingRequests.erase(index);
+}
+
+NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findPartialRequest(uint32_t id,
+                                                                              size_t* outIndex) {
+    for (size_t i = 0; i < m_incomingRequests.size(); ++i) {
+        if (m_incomingRequests[i].id == id && !m_incomingRequests[i].complete) {
+            *outIndex = i;
+            return &m_incomingRequests[i];
         }
     }
     return nullptr;
@@ -172,6 +229,12 @@ bool NetCommunicationPipe::storeNotifyChunk(uint32_t id, uint32_t value, const C
                                             net::Packet& packet) {
     NotificationRecord* notification = findPartialNotification(id);
     if (!notification) {
+        if (chunk.chunkSize == 0 && chunk.totalSize > 0) {
+            return false;  // a sender starts with text; this would hold back every later one
+        }
+        if (!chunk.endsPayload() && countIncompleteNotifications() >= kMaxUnfinishedIncoming) {
+            return false;
+        }
         notification = &m_incomingNotifications.emplace_back();
         notification->id = id;
         notification->value = value;
@@ -194,6 +257,16 @@ bool NetCommunicationPipe::storeNotifyChunk(uint32_t id, uint32_t value, const C
     }
     m_lastCompletedNotifyId = id;
     return true;
+}
+
+size_t NetCommunicationPipe::countIncompleteNotifications() const {
+    size_t count = 0;
+    for (const NotificationRecord& notification : m_incomingNotifications) {
+        if (notification.receivedLength < notification.expectedLength) {
+            ++count;
+        }
+    }
+    return count;
 }
 
 NetCommunicationPipe::NotificationRecord* NetCommunicationPipe::findPartialNotification(

@@ -75,18 +75,41 @@ bool readWelcome(net::Packet& packet, uint32_t& protocolVersion, uint32_t& conne
                  const char*& serverManagerName);
 
 // --- Sending. `scratch` is the caller's packet, reused so that sending allocates nothing once
-// it has grown. Each returns false when the socket refused a packet, or when a message cannot
-// be framed (its texts alone fill a packet). ---
+// it has grown. ---
 
-bool sendRequest(net::Socket& socket, net::Packet& scratch, const char* pipeName,
-                 uint32_t requestId, uint32_t value, const char* text, const void* data,
-                 uint32_t dataSize);
-bool sendResponse(net::Socket& socket, net::Packet& scratch, const char* pipeName,
-                  uint32_t requestId, const char* text, const void* data, uint32_t dataSize);
+// Whether a Request or Response with these texts can be framed: its head must fit one packet
+// and, with data, leave room for at least one byte of it.
+bool requestFitsPacket(const char* pipeName, const char* text, uint32_t dataSize);
+bool responseFitsPacket(const char* pipeName, const char* text, uint32_t dataSize);
+
+// How far a chunked send got.
+enum class SendResult {
+    kWhole,   // the last packet of the message has gone to the socket
+    kPaused,  // the socket had too much queued: call again later to go on
+    kFailed,  // the socket refused a packet, or the message cannot be framed
+};
+
+// Where a chunked message stands: the payload bytes sent so far, and how many bytes the socket
+// may hold queued (not yet taken by the OS) before sending pauses. A message is sent by calls
+// with the same progress until one returns kWhole; its packets are those that one call would
+// have sent (each chunk's offset is the bytes sent before it). A paused send leaves the socket
+// with queued bytes, so its wait handle then also signals when it can take more.
+struct SendProgress {
+    uint32_t bytesSent = 0;
+    uint32_t queueLimit = 0xFFFFFFFFu;
+};
+
+SendResult sendRequest(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+                       const char* pipeName, uint32_t requestId, uint32_t value, const char* text,
+                       const void* data, uint32_t dataSize);
+SendResult sendResponse(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+                        const char* pipeName, uint32_t requestId, const char* text,
+                        const void* data, uint32_t dataSize);
 // The chunked payload of a notification is its text, without the terminating zero.
-bool sendNotify(net::Socket& socket, net::Packet& scratch, const char* pipeName, uint32_t notifyId,
-                uint32_t value, const char* text);
+SendResult sendNotify(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+                      const char* pipeName, uint32_t notifyId, uint32_t value, const char* text);
 
+// The single-packet messages; false when the socket refused the packet.
 bool sendOpenPipe(net::Socket& socket, const char* pipeName, const char* senderManagerName);
 bool sendPipeOpened(net::Socket& socket, const char* pipeName);
 bool sendPipeRefused(net::Socket& socket, const char* pipeName);

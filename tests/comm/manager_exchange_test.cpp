@@ -220,5 +220,30 @@ TEST_F(ManagerExchangeTest, ClientHandshakeOnTheWire) {
     EXPECT_STREQ(text.c_str(), "to the client");
 }
 
+// Each side's manager sends a message far larger than a socket queues before it makes its
+// sender wait: neither may stop reading while it sends, or both would wait on each other.
+TEST_F(ManagerExchangeTest, LargeRequestsBothWaysAtOnceBothComplete) {
+    constexpr size_t kBulk = 48 * 1024 * 1024;
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("bulk-server", 0, 6, true);
+    dm::CommunicationPipeManager* client =
+        dm::initCommunicationManagerAsClient("bulk-client", "127.0.0.1", portOf(server));
+    dm::CommunicationPipe* clientPipe = client->getPipe("bulk");
+    ASSERT_TRUE(waitUntil([&] { return clientPipe->isConnected(); }));
+    dm::CommunicationPipe* serverPipe = server->getPipe("bulk");
+    ASSERT_TRUE(waitUntil([&] { return serverPipe->isConnected(); }));
+    EchoResponder responder;
+    responder.add(clientPipe);
+    responder.add(serverPipe);
+
+    // Echoed, so that large responses cross each other as well.
+    RequestThread fromClient(clientPipe, "from client", patternBytes(kBulk, 1), kBulk);
+    RequestThread fromServer(serverPipe, "from server", patternBytes(kBulk, 2), kBulk);
+    EXPECT_TRUE(waitUntil([&] { return fromClient.done() && fromServer.done(); },
+                          std::chrono::seconds(60)));
+    EXPECT_TRUE(fromClient.echoed());
+    EXPECT_TRUE(fromServer.echoed());
+}
+
 }  // namespace
 }  // namespace dmtest

@@ -65,6 +65,8 @@ public:
     // `responseCapacity` bytes; its full size goes to `outResponseSize` (when non-null), so a
     // larger result than the buffer shows. `data` (may be null when `dataSize` is 0) must stay
     // valid until the call returns. Requests survive disconnects and go out once connected.
+    // A text so long that the request's head does not fit one packet (net::Packet::kMaxPayload,
+    // with room for a byte of data) can never be sent: the call then returns "" at once.
     virtual zu::InplaceString<128> sendRequest(const char* text, uint32_t value,
                                                void* responseBuffer, uint32_t responseCapacity,
                                                uint32_t* outResponseSize, const void* data,
@@ -79,10 +81,15 @@ public:
     virtual void getRequestData(void** outData, uint32_t* outSize) = 0;
     // Answers the current request and blocks until the response has been written to the
     // socket. `data` must stay valid until then. A request taken before the pipe was last
-    // reset (a reconnect) is not answered: the call returns at once.
+    // reset (a reconnect) is not answered: the call returns at once. So does a call whose text
+    // is too long to be sent (as with sendRequest); the request then stays current and can
+    // still be answered with a shorter text.
     virtual void respond(const char* text, const void* data, uint32_t dataSize) = 0;
 
-    // Callbacks run on the manager's thread, outside the pipe's locks.
+    // Callbacks run on the manager's thread, outside the pipe's locks, and must not block:
+    // that thread does all the socket work of every pipe of the manager. In particular they
+    // must not call sendRequest or respond, which wait for that very thread (a deadlock); they
+    // may take what arrived (receiveRequest, receiveNotify) and send notifications.
     // Called when the pipe is attached to a connection.
     virtual void setConnectionCallback(PipeCallback callback) = 0;
     // Called when a notification has arrived whole.
@@ -127,6 +134,15 @@ public:
     static constexpr uint32_t kDefaultMaxMessageSize = 512u * 1024u * 1024u;
     // Marks the current request as taken over an earlier connection (never sent).
     static constexpr const char* kAbortToken = "666ABORTALL666";
+    // A pump stops sending for the pass once the socket holds more than this queued: the
+    // manager then reads its connections and comes back when the socket can take more. Far
+    // below net::Socket::kMaxQueuedSend, so that sending never waits for the peer to read,
+    // which would deadlock two managers that both send large messages.
+    static constexpr uint32_t kPauseSendingAbove = 2u * 1024u * 1024u;
+    // Incoming requests, and notifications, that have begun to arrive but are not whole yet.
+    // A sender finishes one message before it starts the next of the same kind, so more only
+    // come from a broken or hostile peer.
+    static constexpr size_t kMaxUnfinishedIncoming = 16;
 
     // `owner` may be null (no manager; notification values of 0 are then sent as 0).
     NetCommunicationPipe(PipeOwner* owner, const char* name);
@@ -151,7 +167,8 @@ public:
     void setRequestCallback(PipeCallback callback) override;
 
     // Limit for the total size of incoming request data and notification texts; larger
-    // messages are dropped instead of allocated.
+    // messages are dropped instead of allocated. It also bounds the data that the unfinished
+    // incoming requests announce together: a new request beyond it is dropped.
     void setMaxMessageSize(uint32_t bytes) { m_maxMessageSize.store(bytes); }
     uint32_t getMaxMessageSize() const { return m_maxMessageSize.load(); }
     PipeQueueSizes getQueueSizes() const;
@@ -164,11 +181,16 @@ public:
     void attachSocket(net::Socket* socket);
     // Unbinds the socket; queues are kept for the next attach.
     void detachSocket();
-    // Starts over after a reconnect: incoming requests are dropped, a request taken before
-    // is not answered, unanswered outgoing requests are sent again, queued notifications go.
+    // Starts over after a reconnect: incoming requests and incomplete incoming notifications
+    // are dropped, a request taken before is not answered, unanswered outgoing requests (and
+    // responses not wholly sent) go out again from their start, queued notifications go.
     void reset();
-    // Sends up to 8 queued messages of each kind on `socket` (nothing when it is null). True
-    // when messages are left that another call could send at once: pump again before sleeping.
+    // Sends up to 8 queued messages of each kind on `socket` (nothing when it is null). A
+    // large message may take several calls: sending pauses while the socket has more than
+    // kPauseSendingAbove bytes queued, and the next call goes on where it stopped. True when
+    // messages are left that another call could send at once: pump again before sleeping.
+    // False when nothing is left, or when sending paused: then wait on the socket's handle
+    // (it signals once the socket can take more).
     bool pumpOutgoing(net::Socket* socket);
     // Ends the pipe's service before it is destroyed: every thread blocked in sendRequest or
     // respond wakes and returns empty-handed, later calls of the two return at once, and close
@@ -191,15 +213,19 @@ private:
         zu::InplaceString<128> responseText;
         bool responseReceived = false;
         bool sent = false;
-        bool complete = false;  // incoming: every chunk has arrived
+        bool complete = false;   // incoming: every chunk has arrived
+        uint32_t bytesSent = 0;  // outgoing: data bytes already on the wire
         void* responseBuffer = nullptr;
         uint32_t responseCapacity = 0;
         uint32_t responseSize = 0;
         uint32_t responseReceivedBytes = 0;
-        // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns.
+        // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns, of
+        // dataCapacity bytes, grown as chunks arrive; chunks wrote below dataWrittenEnd.
         void* data = nullptr;
         uint32_t dataSize = 0;
         uint32_t dataReceivedBytes = 0;
+        uint32_t dataCapacity = 0;
+        uint32_t dataWrittenEnd = 0;
         zu::Event* event = nullptr;  // outgoing: sendRequest waits on it
     };
     struct ResponseRecord {
@@ -207,6 +233,7 @@ private:
         uint32_t requestId = 0;
         zu::InplaceString<128> text;
         bool sent = false;
+        uint32_t bytesSent = 0;  // data bytes already on the wire
         const void* data = nullptr;
         uint32_t dataSize = 0;
         zu::Event* event = nullptr;  // respond waits on it
@@ -217,6 +244,8 @@ private:
         zu::InplaceString<128> text;
         uint32_t expectedLength = 0;
         uint32_t receivedLength = 0;
+        uint32_t bytesSent = 0;  // outgoing: text bytes already on the wire
+        bool sent = false;       // outgoing, in the pump's copies: wholly sent
     };
     using ChunkFields = pipe_protocol::ChunkFields;
 
@@ -234,14 +263,19 @@ private:
     void markSentLocked();
     bool hasUnsentInWindow() const;
     void leaveBlockingCall();
-    void sendCollected(net::Socket& socket);
+    bool sendCollected(net::Socket& socket);
 
     // Incoming side (incomingLock held).
     void discardAbortedRequest();
     void freeIncomingRequests();
-    RequestRecord* findPartialRequest(uint32_t id);
+    void dropIncompleteNotifications();
+    RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex);
     RequestRecord* addIncomingRequest(uint32_t id, uint32_t value, const char* text,
                                       const ChunkFields& chunk);
+    bool roomForUnfinishedRequest(uint32_t dataSize) const;
+    bool reserveRequestData(RequestRecord& request, uint32_t end);
+    void dropIncomingRequest(size_t index);
+    size_t countIncompleteNotifications() const;
     NotificationRecord* findPartialNotification(uint32_t id);
     bool storeRequestChunk(uint32_t id, uint32_t value, const char* text, const ChunkFields& chunk,
                            net::Packet& packet);

@@ -1,0 +1,319 @@
+// A pipe at the edges of what it takes and sends: unfinished requests a peer leaves behind,
+// notifications that can never complete, texts too long for a packet, and messages far larger
+// than a socket queues, which go out over several pumps without blocking the sender.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "comm/pipe_link.h"
+
+namespace {
+
+using dmtest::PipeLink;
+using dmtest::waitUntil;
+namespace pipewire = dmtest::pipewire;
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t kMiB = 1024 * 1024;
+
+class PipeLimits : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(link.connected); }
+    void deliver(const std::vector<net::Packet>& packets) {
+        for (const net::Packet& packet : packets) {
+            link.left.send(packet);
+        }
+        link.left.sendMarker();
+        link.right.receiveUntilMarker();
+    }
+    dm::NetCommunicationPipe& pipe() { return link.right.pipe(); }
+    size_t incomingRequests() { return pipe().getQueueSizes().incomingRequests; }
+
+    PipeLink link;
+};
+
+// --- Incoming requests ---
+
+TEST_F(PipeLimits, UnfinishedRequestsAreLimitedInAnnouncedBytesAndInNumber) {
+    pipe().setMaxMessageSize(4 * kMiB + 1024);
+    // Each begins with one byte and never goes on: only four fit the limit together.
+    std::vector<net::Packet> begun;
+    for (uint32_t id = 0; id < 10; ++id) {
+        begun.push_back(pipewire::request("link", id, 0, "begun", kMiB, 0, 1, "x"));
+    }
+    deliver(begun);
+    EXPECT_EQ(4u, incomingRequests());
+
+    // Small ones run into the limit on their number.
+    std::vector<net::Packet> small;
+    for (uint32_t id = 10; id < 50; ++id) {
+        small.push_back(pipewire::request("link", id, 0, "small", 2, 0, 1, "y"));
+    }
+    deliver(small);
+    EXPECT_EQ(dm::NetCommunicationPipe::kMaxUnfinishedIncoming, incomingRequests());
+
+    // A begun one can still end, and a request whole in one packet is no burden and arrives.
+    deliver({pipewire::request("link", 10, 0, "small", 2, 1, 1, "z"),
+             pipewire::request("link", 60, 0, "whole", 3, 0, 3, "abc")});
+    EXPECT_EQ(dm::NetCommunicationPipe::kMaxUnfinishedIncoming + 1, incomingRequests());
+}
+
+TEST_F(PipeLimits, RequestEndingWithBytesMissingIsDropped) {
+    // The chunk that ends the data comes while the middle never did.
+    deliver({pipewire::request("link", 0, 0, "gap", 12, 0, 4, "1234"),
+             pipewire::request("link", 0, 0, "gap", 12, 8, 4, "9abc")});
+    EXPECT_EQ(0u, incomingRequests());
+    deliver({pipewire::request("link", 1, 0, "whole", 12, 0, 4, "1234"),
+             pipewire::request("link", 1, 0, "whole", 12, 4, 4, "5678"),
+             pipewire::request("link", 1, 0, "whole", 12, 8, 4, "9abc")});
+    EXPECT_STREQ("whole", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(12u, size);
+    EXPECT_EQ(0, std::memcmp("123456789abc", data, 12));
+}
+
+// --- Incoming notifications ---
+
+TEST_F(PipeLimits, EmptyFirstNotifyChunkDoesNotHoldBackLaterOnes) {
+    deliver({pipewire::notify("link", 0, 0, 5, 0, 0, nullptr),
+             pipewire::notify("link", 1, 0, 2, 0, 2, "hi")});
+    EXPECT_STREQ("hi", pipe().receiveNotify(nullptr).c_str());
+}
+
+TEST_F(PipeLimits, ResetDropsIncompleteNotificationsAndKeepsWholeOnes) {
+    deliver({pipewire::notify("link", 0, 0, 2, 0, 2, "ok"),
+             pipewire::notify("link", 1, 0, 6, 0, 3, "cut"),
+             pipewire::notify("link", 2, 0, 5, 0, 5, "after")});
+    EXPECT_STREQ("ok", pipe().receiveNotify(nullptr).c_str());
+    EXPECT_STREQ("", pipe().receiveNotify(nullptr).c_str());  // "cut" holds "after" back
+    // The rest of "cut" went with the connection.
+    ASSERT_TRUE(link.reconnect());
+    EXPECT_STREQ("after", pipe().receiveNotify(nullptr).c_str());
+}
+
+// --- Texts too long for a packet ---
+
+TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
+    PipeLink link;
+    ASSERT_TRUE(link.connected);
+    link.start();
+    const std::string tooLong(net::Packet::kMaxPayload, 't');
+    std::atomic<bool> requestReturned{false};
+    zu::InplaceString<128> refused("not yet");
+    std::thread refusedRequest([&] {
+        refused = link.left.pipe().sendRequest(tooLong.c_str(), 0, nullptr, 0, nullptr, nullptr, 0);
+        requestReturned = true;
+    });
+    const bool returned = waitUntil([&] { return requestReturned.load(); });
+    if (!returned) {
+        link.left.pipe().close();  // releases it, so that the test can end
+    }
+    refusedRequest.join();
+    ASSERT_TRUE(returned);
+    EXPECT_STREQ("", refused.c_str());
+    EXPECT_EQ(0u, link.left.pipe().getQueueSizes().outgoingRequests);
+
+    // A long text that fits goes in every chunk; a response too long is refused at once and
+    // leaves the request to be answered properly.
+    const std::string longText(100 * 1024, 'L');
+    const Bytes data(300 * 1024, 0x3C);
+    std::thread responder([&] {
+        waitUntil([&] { return longText == link.right.pipe().receiveRequest(nullptr).c_str(); });
+        link.right.pipe().respond(tooLong.c_str(), nullptr, 0);
+        void* received = nullptr;
+        uint32_t size = 0;
+        link.right.pipe().getRequestData(&received, &size);
+        link.right.pipe().respond(longText.c_str(), received, size);
+    });
+    Bytes answer(data.size());
+    uint32_t answerSize = 0;
+    zu::InplaceString<128> text =
+        link.left.pipe().sendRequest(longText.c_str(), 0, answer.data(), answer.size(), &answerSize,
+                                     data.data(), static_cast<uint32_t>(data.size()));
+    responder.join();
+    EXPECT_EQ(longText, text.c_str());
+    EXPECT_EQ(data.size(), answerSize);
+    EXPECT_TRUE(answer == data);
+}
+
+// --- Large messages ---
+
+struct ChunkSeen {
+    uint32_t id = 0;
+    uint32_t total = 0;
+    uint32_t offset = 0;
+    std::string text;
+    Bytes chunk;
+};
+
+ChunkSeen decodeRequest(net::Packet& packet) {
+    ChunkSeen seen;
+    int32_t kind = 0;
+    const char* name = "";
+    const char* text = "";
+    uint32_t value = 0;
+    uint32_t chunkSize = 0;
+    packet >> kind >> name >> seen.id >> value >> text >> seen.total >> seen.offset >> chunkSize;
+    EXPECT_EQ(pipewire::kRequest, kind);
+    seen.text = text;
+    seen.chunk.resize(chunkSize);
+    packet.read(seen.chunk.data(), chunkSize);
+    EXPECT_FALSE(packet.hasError());
+    return seen;
+}
+
+TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) {
+    constexpr uint32_t kSize = 24 * kMiB;
+    Bytes data(kSize);
+    for (uint32_t i = 0; i < kSize; ++i) {
+        data[i] = static_cast<uint8_t>(i * 13 + (i >> 12));
+    }
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        link.left.pipe().sendRequest("bulk", 1, nullptr, 0, nullptr, data.data(), kSize);
+        done = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+
+    // The right end reads nothing yet: a pump must come back with the rest still to send, the
+    // connection kept, instead of waiting for room.
+    EXPECT_FALSE(link.left.pipe().pumpOutgoing(&link.left.socket()));
+    EXPECT_TRUE(link.left.socket().isConnected());
+    EXPECT_GT(link.left.socket().getQueuedSendBytes(), 0u);
+
+    // Read and pump in turns: the chunks are those of one send, in order.
+    Bytes joined;
+    bool consecutive = true;
+    waitUntil([&] {
+        link.left.pump();
+        link.left.socket().update();  // what the socket queued goes on as the peer reads
+        net::Socket& socket = link.right.socket();
+        socket.update();
+        uint32_t size = 0;
+        while (net::Packet* packet = socket.pollPacket(&size)) {
+            ChunkSeen seen = decodeRequest(*packet);
+            consecutive = consecutive && seen.id == 0 && seen.text == "bulk" &&
+                          seen.total == kSize && seen.offset == joined.size() &&
+                          !seen.chunk.empty();
+            joined.insert(joined.end(), seen.chunk.begin(), seen.chunk.end());
+        }
+        const zu::WaitHandle handles[2] = {socket.getWaitHandle(),
+                                           link.left.socket().getWaitHandle()};
+        zu::waitForAny(handles, 2, 5);
+        return joined.size() >= kSize || !consecutive;
+    });
+    EXPECT_TRUE(consecutive);
+    EXPECT_TRUE(joined == data);
+
+    link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
+    link.right.sendMarker();
+    link.left.receiveUntilMarker();
+    if (!waitUntil([&] { return done.load(); })) {
+        link.left.pipe().close();  // releases the sender, so that the test can end
+    }
+    sender.join();
+}
+
+// Answers one request on `pipe` with its own text and data, on its own thread.
+class EchoOnce {
+public:
+    explicit EchoOnce(dm::NetCommunicationPipe& pipe)
+        : m_thread([&pipe] {
+              if (!waitUntil([&] { return !pipe.receiveRequest(nullptr).empty(); },
+                             std::chrono::seconds(60))) {
+                  return;
+              }
+              void* data = nullptr;
+              uint32_t size = 0;
+              pipe.getRequestData(&data, &size);
+              pipe.respond("echo", data, size);
+          }) {}
+    ~EchoOnce() { m_thread.join(); }
+    EchoOnce(const EchoOnce&) = delete;
+    EchoOnce& operator=(const EchoOnce&) = delete;
+
+private:
+    std::thread m_thread;
+};
+
+// Both ends have a request far larger than a socket queues before its sender waits, queued
+// before either end runs: each end's pump must leave room for reading what the other sends.
+TEST_F(PipeLimits, LargeRequestsBothWaysAtOnceBothComplete) {
+    constexpr uint32_t kSize = 48 * kMiB;
+    const Bytes leftData(kSize, 0x4C);
+    const Bytes rightData(kSize, 0x52);
+    std::atomic<int> echoed{0};
+    std::atomic<int> done{0};
+    const auto ask = [&](dm::NetCommunicationPipe& pipe, const Bytes& data) {
+        return std::thread([&pipe, &data, &echoed, &done] {
+            Bytes answer(kSize);
+            uint32_t answerSize = 0;
+            pipe.sendRequest("both", 0, answer.data(), kSize, &answerSize, data.data(), kSize);
+            echoed += answerSize == kSize && answer == data ? 1 : 0;
+            ++done;
+        });
+    };
+    std::thread fromLeft = ask(link.left.pipe(), leftData);
+    std::thread fromRight = ask(link.right.pipe(), rightData);
+    EXPECT_TRUE(waitUntil([&] {
+        return link.left.pipe().getQueueSizes().outgoingRequests == 1 &&
+               link.right.pipe().getQueueSizes().outgoingRequests == 1;
+    }));
+    {
+        EchoOnce leftAnswers(link.left.pipe());
+        EchoOnce rightAnswers(link.right.pipe());
+        link.start();
+        EXPECT_TRUE(waitUntil([&] { return done.load() == 2; }, std::chrono::seconds(60)));
+    }
+    if (done.load() < 2) {
+        link.left.pipe().close();  // releases the senders, so that the test can end
+        link.right.pipe().close();
+    }
+    fromLeft.join();
+    fromRight.join();
+    EXPECT_EQ(2, echoed.load());
+}
+
+TEST_F(PipeLimits, RequestCutOffByAReconnectIsSentAgainFromItsStart) {
+    constexpr uint32_t kSize = 16 * kMiB;
+    Bytes data(kSize);
+    for (uint32_t i = 0; i < kSize; ++i) {
+        data[i] = static_cast<uint8_t>(i ^ (i >> 9));
+    }
+    std::atomic<bool> echoed{false};
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        Bytes answer(kSize);
+        uint32_t answerSize = 0;
+        link.left.pipe().sendRequest("again", 0, answer.data(), kSize, &answerSize, data.data(),
+                                     kSize);
+        echoed = answerSize == kSize && answer == data;
+        done = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    link.left.pump();  // part of it goes into the old connection, which nobody reads
+    ASSERT_TRUE(link.reconnect());
+
+    link.start();
+    std::thread responder([&] {
+        waitUntil([&] { return !link.right.pipe().receiveRequest(nullptr).empty(); });
+        void* received = nullptr;
+        uint32_t size = 0;
+        link.right.pipe().getRequestData(&received, &size);
+        link.right.pipe().respond("echo", received, size);
+    });
+    responder.join();
+    if (!waitUntil([&] { return done.load(); })) {
+        link.left.pipe().close();  // releases the sender, so that the test can end
+    }
+    sender.join();
+    EXPECT_TRUE(echoed);
+}
+
+}  // namespace
