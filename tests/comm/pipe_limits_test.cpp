@@ -20,21 +20,7 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr uint32_t kMiB = 1024 * 1024;
 
-class PipeLimits : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(link.connected); }
-    void deliver(const std::vector<net::Packet>& packets) {
-        for (const net::Packet& packet : packets) {
-            link.left.send(packet);
-        }
-        link.left.sendMarker();
-        link.right.receiveUntilMarker();
-    }
-    dm::NetCommunicationPipe& pipe() { return link.right.pipe(); }
-    size_t incomingRequests() { return pipe().getQueueSizes().incomingRequests; }
-
-    PipeLink link;
-};
+using PipeLimits = dmtest::HandWrittenPackets;
 
 // --- Incoming requests ---
 

@@ -4,6 +4,8 @@
 // (start), which the blocking calls need.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -344,6 +346,25 @@ struct PipeLink {
     const bool connected = sockets.connected();
     PipeEndpoint left;
     PipeEndpoint right;
+};
+
+// Packets written by hand on the left end, handled by the right pipe.
+class HandWrittenPackets : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(link.connected); }
+    void deliver(const std::vector<net::Packet>& packets) {
+        for (const net::Packet& packet : packets) {
+            link.left.send(packet);
+        }
+        link.left.sendMarker();
+        link.right.receiveUntilMarker();
+    }
+    void deliver(const net::Packet& packet) { deliver(std::vector<net::Packet>{packet}); }
+    dm::NetCommunicationPipe& pipe() { return link.right.pipe(); }
+    size_t incomingRequests() { return pipe().getQueueSizes().incomingRequests; }
+    size_t incomingNotifications() { return pipe().getQueueSizes().incomingNotifications; }
+
+    PipeLink link;
 };
 
 }  // namespace dmtest

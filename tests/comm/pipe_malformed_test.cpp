@@ -26,22 +26,7 @@ net::Packet cutShort(const net::Packet& packet, uint32_t bytesRemoved) {
     return cut;
 }
 
-// Packets written by hand on the left socket, handled by the right pipe.
-class Malformed : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(link.connected); }
-    void deliver(const net::Packet& packet) {
-        link.left.send(packet);
-        link.left.sendMarker();
-        link.right.receiveUntilMarker();
-    }
-    size_t incomingRequests() { return link.right.pipe().getQueueSizes().incomingRequests; }
-    size_t incomingNotifications() {
-        return link.right.pipe().getQueueSizes().incomingNotifications;
-    }
-
-    PipeLink link;
-};
+using Malformed = dmtest::HandWrittenPackets;
 
 TEST_F(Malformed, RequestChunkOutsideItsDataIsDropped) {
     const Bytes chunk(16, 0x5A);

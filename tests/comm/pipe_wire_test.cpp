@@ -157,20 +157,7 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
 
 // --- Reassembly of packets written by hand ---
 
-class Reassembly : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(link.connected); }
-    void deliver(const std::vector<net::Packet>& packets) {
-        for (const net::Packet& packet : packets) {
-            link.left.send(packet);
-        }
-        link.left.sendMarker();
-        link.right.receiveUntilMarker();
-    }
-    dm::NetCommunicationPipe& pipe() { return link.right.pipe(); }
-
-    PipeLink link;
-};
+using Reassembly = dmtest::HandWrittenPackets;
 
 TEST_F(Reassembly, RequestEndingAfterItsTextIsCompleteWithoutData) {
     net::Packet bare(pipewire::kPacketId);
