@@ -4,6 +4,7 @@
 
 #include "comm/pipe_protocol.h"
 #include "dm/comm.h"
+#include "log_output.h"
 #include "zu/memory.h"
 
 namespace dm {
@@ -19,6 +20,15 @@ const char* orEmpty(const char* text) {
 
 bool isAbortToken(const zu::String& text) {
     return text.equalsIgnoreCase(NetCommunicationPipe::kAbortToken);
+}
+
+// An empty text reads as "nothing arrived" at the far end, so such a message is refused.
+bool refuseEmptyText(const char* text, const char* what, const char* pipeName) {
+    if (text && text[0] != '\0') {
+        return false;
+    }
+    logLine("Pipe \"%s\": refused to send a %s with an empty text\n", pipeName, what);
+    return true;
 }
 
 }  // namespace
@@ -74,7 +84,7 @@ PipeQueueSizes NetCommunicationPipe::getQueueSizes() const {
 // --- Notifications ---
 
 bool NetCommunicationPipe::sendNotify(const char* text, uint32_t value) {
-    if (!isConnected()) {
+    if (refuseEmptyText(text, "notification", m_name.c_str()) || !isConnected()) {
         return false;  // notifications are never kept for a later connection
     }
     {
@@ -113,6 +123,9 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
                                                          uint32_t responseCapacity,
                                                          uint32_t* outResponseSize,
                                                          const void* data, uint32_t dataSize) {
+    if (refuseEmptyText(text, "request", m_name.c_str())) {
+        return {};
+    }
     if (!pipe_protocol::requestFitsPacket(m_name.c_str(), orEmpty(text), data ? dataSize : 0)) {
         return {};  // could never be sent, so would never be answered
     }

@@ -43,6 +43,12 @@ void NetCommunicationPipe::onRequestPacket(uint32_t id, uint32_t value, const ch
     if (chunk.totalSize > 0 && chunk.chunkSize == 0) {
         return;
     }
+    // An empty text could not be told from "no request" by the application. Counted once per
+    // message, at its first chunk.
+    if (!text || text[0] == '\0') {
+        m_emptyTextsDropped += chunk.offset == 0 ? 1 : 0;
+        return;
+    }
     PipeCallback callback;
     {
         zu::ScopedLock lock(m_incomingLock);
@@ -229,6 +235,10 @@ bool NetCommunicationPipe::storeNotifyChunk(uint32_t id, uint32_t value, const C
                                             net::Packet& packet) {
     NotificationRecord* notification = findPartialNotification(id);
     if (!notification) {
+        if (chunk.totalSize == 0) {
+            ++m_emptyTextsDropped;  // could not be told from "no notification"
+            return false;
+        }
         if (chunk.chunkSize == 0 && chunk.totalSize > 0) {
             return false;  // a sender starts with text; this would hold back every later one
         }
@@ -253,6 +263,12 @@ bool NetCommunicationPipe::storeNotifyChunk(uint32_t id, uint32_t value, const C
     packet.setPos(chunkStart + chunk.chunkSize);
     notification->receivedLength += chunk.chunkSize;
     if (notification->receivedLength != notification->expectedLength) {
+        return false;
+    }
+    if (notification->text.empty()) {  // its text was only zero bytes
+        m_incomingNotifications.erase(
+            static_cast<size_t>(notification - m_incomingNotifications.data()));
+        ++m_emptyTextsDropped;
         return false;
     }
     m_lastCompletedNotifyId = id;

@@ -139,7 +139,7 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
     PipeLink link;
     ASSERT_TRUE(link.connected);
     ASSERT_TRUE(link.left.pipe().sendNotify("ping", 4));
-    ASSERT_TRUE(link.left.pipe().sendNotify("", 4));
+    ASSERT_TRUE(link.left.pipe().sendNotify("x", 4));
     link.left.pump();
     link.left.sendMarker();
     std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
@@ -149,10 +149,10 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
     EXPECT_EQ(0u, ping.id);
     EXPECT_EQ(4u, ping.total);
     EXPECT_EQ(std::vector<uint8_t>({'p', 'i', 'n', 'g'}), ping.chunk);
-    Chunked empty = decode(packets[1]);
-    EXPECT_EQ(1u, empty.id);
-    EXPECT_EQ(0u, empty.total);
-    EXPECT_EQ(0u, empty.chunkSize);
+    Chunked single = decode(packets[1]);
+    EXPECT_EQ(1u, single.id);
+    EXPECT_EQ(1u, single.total);
+    EXPECT_EQ(std::vector<uint8_t>({'x'}), single.chunk);
 }
 
 // --- Reassembly of packets written by hand ---

@@ -53,8 +53,9 @@ public:
     // The peer's address while connected, else "".
     virtual zu::InplaceString<128> getConnectedIP() const = 0;
 
-    // Queues a notification; false (nothing queued) while not connected. A value of 0 is sent
-    // as the owning manager's id. Does not block.
+    // Queues a notification; false (nothing queued) while not connected, and for an empty (or
+    // null) text, which is refused with a log line: the far end could not tell it from "no
+    // notification". A value of 0 is sent as the owning manager's id. Does not block.
     virtual bool sendNotify(const char* text, uint32_t value) = 0;
     // The oldest notification if it has arrived whole (its value goes to `outValue` when that
     // is non-null), else "" with `outValue` untouched. Does not block.
@@ -66,7 +67,9 @@ public:
     // larger result than the buffer shows. `data` (may be null when `dataSize` is 0) must stay
     // valid until the call returns. Requests survive disconnects and go out once connected.
     // A text so long that the request's head does not fit one packet (net::Packet::kMaxPayload,
-    // with room for a byte of data) can never be sent: the call then returns "" at once.
+    // with room for a byte of data) can never be sent: the call then returns "" at once. So
+    // does an empty (or null) text, refused with a log line: receiveRequest returns "" for "no
+    // request", so an empty request could never be taken.
     virtual zu::InplaceString<128> sendRequest(const char* text, uint32_t value,
                                                void* responseBuffer, uint32_t responseCapacity,
                                                uint32_t* outResponseSize, const void* data,
@@ -74,6 +77,8 @@ public:
     // Takes the oldest incoming request as the current one and returns its text (its value to
     // `outValue` when non-null), or "" with `outValue` untouched. Does not block. A request is
     // handed out only once all of its data has arrived; until then it holds back newer ones.
+    // Requests and notifications that arrive with an empty text are dropped (see
+    // NetCommunicationPipe::getEmptyTextsDropped).
     virtual zu::InplaceString<128> receiveRequest(uint32_t* outValue) = 0;
     // The binary data of the current request (null and 0 when there is none). The data stays
     // valid until respond returns, until receiveRequest takes another request, or until the
@@ -172,6 +177,9 @@ public:
     void setMaxMessageSize(uint32_t bytes) { m_maxMessageSize.store(bytes); }
     uint32_t getMaxMessageSize() const { return m_maxMessageSize.load(); }
     PipeQueueSizes getQueueSizes() const;
+    // Incoming requests and notifications dropped because their text was empty (a sender of
+    // this library never sends one; another may), since the pipe was made.
+    uint32_t getEmptyTextsDropped() const { return m_emptyTextsDropped.load(); }
     // Signalled whenever something is queued for sending; a manager sleeps on it.
     zu::WaitHandle getWakeHandle() const { return m_wakeEvent.getWaitHandle(); }
 
@@ -316,6 +324,7 @@ private:
 
     std::atomic<net::Socket*> m_socket{nullptr};
     std::atomic<uint32_t> m_maxMessageSize{kDefaultMaxMessageSize};
+    std::atomic<uint32_t> m_emptyTextsDropped{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,
