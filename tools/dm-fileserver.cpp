@@ -89,11 +89,11 @@ void reportConnections(dm::CommunicationPipe& pipe, uint32_t& seenConnections, b
         std::printf("client disconnected\n");
         connected = false;
     }
-    if (connections != seenConnections && nowConnected) {
+    if (!connected && nowConnected) {
         std::printf("client connected from %s\n", pipe.getConnectedIP().c_str());
         connected = true;
+        seenConnections = connections;
     }
-    seenConnections = connections;
     std::fflush(stdout);
 }
 
