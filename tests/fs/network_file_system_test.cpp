@@ -139,6 +139,20 @@ TEST_F(NetworkFileSystemTest, ReadsAtOffsetsSeeksAndStopsAtTheEnd) {
     EXPECT_EQ(fs().openFile("data/missing.txt", zu::BaseFile::ModeRead), nullptr);
 }
 
+TEST_F(NetworkFileSystemTest, CountsAndPositionsBeyondThirtyTwoBitsStaySafe) {
+    // The protocol carries 32 bits: such requests are not served, and never overrun a buffer.
+    zu::FileHandle* file = fs().openFile("data/hello.txt", zu::BaseFile::ModeRead);
+    ASSERT_NE(file, nullptr);
+    char buffer[16] = {};
+    EXPECT_EQ(fs().readFile(file, buffer, (1ull << 32) + 5), 5u);  // sent as a count of 5
+    EXPECT_EQ(std::string(buffer, 6), std::string("hello\0", 6));
+    EXPECT_EQ(fs().seekFile(file, 0, zu::BaseFile::SeekBegin), 0u);
+    EXPECT_EQ(fs().readFile(file, buffer, 3ull << 30), 0u);  // a negative count: refused
+    EXPECT_EQ(fs().seekFile(file, 3ll << 30, zu::BaseFile::SeekBegin), 3ull << 30);
+    EXPECT_EQ(fs().readFile(file, buffer, 4), 0u);  // a negative position: refused
+    fs().closeFile(file);
+}
+
 TEST_F(NetworkFileSystemTest, WritesReadBackAndWritingAnewTruncates) {
     ASSERT_TRUE(writeWhole("data/save.bin", std::string(100, 'a')));
     EXPECT_EQ(dmtest::readFile(host.file("assets/save.bin")), std::string(100, 'a'));
