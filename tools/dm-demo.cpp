@@ -4,6 +4,8 @@
 //     profile snapshot, watched by the dm-monitor tool started as a second process.
 //  3. Communication pipes: the demo serves the pipe "echo" from a server pipe manager, and the
 //     dm-pipe-echo tool, started as a second process, asks on it through a client manager.
+//  4. The remote file system: the game reads, writes and lists the PC's files through
+//     NetworkFileSystem, served by the dm-fileserver tool in a second process.
 #include <cstdio>
 
 #include "demo/demo_sections.h"
@@ -15,6 +17,7 @@ int main() {
         demo::runPacketDemo,
         demo::runMonitorDemo,
         demo::runPipeDemo,
+        demo::runFileServerDemo,
     };
     int failures = 0;
     for (auto section : sections) {
