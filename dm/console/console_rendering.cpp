@@ -76,6 +76,7 @@ void ScrollingTextWindow::drawCommandLine() {
 // Walks the text from commandLineScroll until it no longer fits the line. When the cursor
 // lies beyond that point, the window is moved so that it ends at the cursor instead, walking
 // back from the cursor; a cursor at the end of the text needs room for the cursor glyph too.
+// The walks measure each character alone, through the engine.
 void ScrollingTextWindow::chooseShownCommandText(float promptWidth, float cursorWidth,
                                                  int32_t& first, int32_t& end) {
     const zu::String& text = inputLine->getText();
@@ -112,6 +113,16 @@ void ScrollingTextWindow::chooseShownCommandText(float promptWidth, float cursor
         }
         return;
     }
+    // The rest fits. When the line was scrolled for a longer text, the characters before it
+    // that fit too come back into view, so that a shorter text never shows only its end.
+    for (int32_t i = first - 1; i >= 0; --i) {
+        width += characterWidth(text[static_cast<size_t>(i)]);
+        if (width >= commandLineWidth) {
+            break;
+        }
+        first = i;
+    }
+    commandLineScroll = first;
 }
 
 float ScrollingTextWindow::characterWidth(char character) const {
