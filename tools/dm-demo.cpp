@@ -4,6 +4,7 @@
 //     profile snapshot, watched by the dm-monitor tool started as a second process.
 //  3. Communication pipes: the demo serves the pipe "echo" from a server pipe manager, and the
 //     dm-pipe-echo tool, started as a second process, asks on it through a client manager.
+//  4. The developer console: dm-console replays a typed session and draws it into a PNG.
 #include <cstdio>
 
 #include "demo/demo_sections.h"
@@ -15,6 +16,7 @@ int main() {
         demo::runPacketDemo,
         demo::runMonitorDemo,
         demo::runPipeDemo,
+        demo::runConsoleDemo,
     };
     int failures = 0;
     for (auto section : sections) {

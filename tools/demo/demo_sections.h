@@ -9,5 +9,7 @@ int runPacketDemo();
 int runMonitorDemo();
 // The pipe "echo" served to dm-pipe-echo in a second process.
 int runPipeDemo();
+// The developer console replayed from a keystroke script by dm-console into a PNG.
+int runConsoleDemo();
 
 }  // namespace demo
