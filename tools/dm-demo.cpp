@@ -6,6 +6,7 @@
 //     dm-pipe-echo tool, started as a second process, asks on it through a client manager.
 //  4. The remote file system: the game reads, writes and lists the PC's files through
 //     NetworkFileSystem, served by the dm-fileserver tool in a second process.
+//  5. The developer console: dm-console replays a typed session and draws it into a PNG.
 #include <cstdio>
 
 #include "demo/demo_sections.h"
@@ -18,6 +19,7 @@ int main() {
         demo::runMonitorDemo,
         demo::runPipeDemo,
         demo::runFileServerDemo,
+        demo::runConsoleDemo,
     };
     int failures = 0;
     for (auto section : sections) {

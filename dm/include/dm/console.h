@@ -12,6 +12,7 @@
 #include "zu/memory.h"
 #include "zu/mutex.h"
 #include "zu/string.h"
+#include "zu/timer.h"
 #include "zu/vector.h"
 
 namespace g {
@@ -437,6 +438,145 @@ private:
     zu::InplaceString<1024> printLine;
     ConsoleLine printRow;
     ConsoleWordList printTokens;
+
+    // Colouring and drawing (syntax_colouring.cpp, console_rendering.cpp).
+public:
+    // The palette's entries by what they colour.
+    enum PaletteEntry : int {
+        kPlainColor = 0,      // white space, and words neither known nor aliases
+        kQuotedColor = 1,     // quoted strings
+        kNumberColor = 2,     // numbers
+        kKnownWordColor = 3,  // known words
+        kOtherColor = 4,      // punctuation and other single characters
+        kAliasColor = 5,      // aliases
+    };
+    static constexpr int kPaletteSize = 6;
+
+    const g::Color& getPaletteColor(PaletteEntry entry) const { return colors[entry]; }
+    // The palette entry of one word of a line: white space, then numbers (integers, floats made
+    // of digits, '.', 'e', 'E', 'f', 'F', hexadecimal), then quoted strings, then other
+    // characters that start no identifier; of the remaining words aliases come before known
+    // words. So "fee" and a lone "." are numbers, and a word that is both an alias and a known
+    // word is an alias.
+    PaletteEntry getSyntaxColorEntry(const zu::String& word) const;
+
+    // Draws the window for one frame through the shape engine: a backdrop that darkens the
+    // screen, the command line behind its prompt (scrolled sideways so that the cursor stays in
+    // view) with its cursor, the lines on screen in their syntax colours and the scroll bar.
+    // A hidden window makes no call on the engine at all. Lines are coloured once, when they
+    // come into view; a frame in which the view stood still colours nothing and, once its
+    // buffers have grown, allocates nothing.
+    void renderVisibleText();
+
+private:
+    // Cuts `line` into tokens and colours each by getSyntaxColorEntry.
+    void syntaxColorLine(FormattedLine& out, const zu::String& line) const;
+    void renderScrollBar();
+    void drawCommandLine();
+    // Chooses the part of the command line that is shown, [first, end), moving
+    // commandLineScroll so that the cursor stays in view.
+    void chooseShownCommandText(float promptWidth, float cursorWidth, int32_t& first, int32_t& end);
+    float characterWidth(char character) const;
+    float textWidth(const char* text) const;
+    // Brings the colouring cache up to the view; the caller holds `mutex`.
+    void updateFormattedLines();
+    void colorNewLinesAtBottom(uint32_t shift);
+    void colorOldLinesAtTop(uint32_t shift);
+    FormattedLine& formattedLineOfRow(uint32_t row);
+    void drawFormattedLines(float lineHeight);
+};
+
+}  // namespace dm
+
+namespace dm {
+
+// The game's command executor: the console hands it every command it runs.
+class DM_API IOInterface {
+public:
+    // Runs one command. It always ends with ";": a line "a;b" arrives as "a;" and then "b;",
+    // each with the aliases in it already replaced. Runs on the thread that delivers the
+    // console's keystrokes; it must not call Console::processCommand or deliverKeystroke.
+    virtual void executeCommand(const zu::InplaceString<128>& command) = 0;
+
+    virtual ~IOInterface();
+};
+
+// The in-game developer console: a ScrollingTextWindow that a key opens and closes, key
+// bindings that run commands while it is closed, and the commands typed or bound handed one
+// by one to the game's IOInterface. The game creates one, delivers every keystroke, and calls
+// update() and render() once a frame, all on its main thread; print() may come from any thread.
+class DM_API Console {
+public:
+    // Key codes (Windows virtual-key codes) that the console itself handles.
+    static constexpr int kToggleKey = 220;
+    static constexpr int kEnterKey = 13;
+
+    // Creates the console's window (hidden; it loads the console cache) and makes this the
+    // console getInstance() returns, replacing any earlier one. Neither `shapeEngine` nor the
+    // IOInterface is owned.
+    Console(ShapeEngineInterface* shapeEngine, float margin);
+    ~Console();
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    // The live console, or null.
+    static Console* getInstance();
+
+    // One keystroke: the toggle key (220) opens or closes the console; Enter (13) without Alt
+    // runs the command line, open or closed; other keys edit the command line while the console
+    // is open, and run the command bound to `character` while it is closed.
+    void deliverKeystroke(int key, char character, bool alt, bool control, bool shift);
+
+    // Binds the typed character `key` to `command`, replacing an earlier binding.
+    void bind(unsigned char key, const zu::InplaceString<128>& command);
+    // Removes the binding of `key`; unbind(0) removes every binding.
+    void unbind(unsigned char key);
+    using BindingMap =
+        std::map<unsigned char, zu::InplaceString<128>, std::less<unsigned char>,
+                 zu::Allocator<std::pair<const unsigned char, zu::InplaceString<128>>>>;
+    const BindingMap& getBindingsMap() const { return bindings; }
+
+    // Runs the command line: parses it (aliases replaced; with `interactive` it goes into the
+    // history and each command is echoed behind the prompt) and runs its commands one by one,
+    // split at ";" unless the line starts with "alias" or "bind", which stay whole.
+    void processCommand(bool interactive);
+
+    // Attaches the command executor; null detaches it (commands then print an error line).
+    void setIOInterface(IOInterface* io) { ioInterface = io; }
+    // Once a frame: saves the console cache, at most once a second, when it has changed.
+    void update();
+    // Once a frame: draws the console while it is open.
+    void render();
+    // Prints into the console with printf rules (4096 bytes at most; a longer result is
+    // dropped). Thread-safe.
+    void print(const char* format, ...) DM_PRINTF(2, 3);
+    // Forgets the printed lines.
+    void clear();
+    // Closes the console.
+    void close();
+    bool isVisible() const { return visible; }
+    // Replaces the command line's text, cursor at its end.
+    void setText(const zu::InplaceString<128>& text);
+    ScrollingTextWindow* getScrollingTextWindow() { return scrollingTextWindow; }
+
+private:
+    // Makes the last word of a non-empty list end with ";", so that the last command ends too.
+    void terminateLastCommand(ConsoleWordList& words);
+    void processParsedCommandLine(const ConsoleWordList& words, bool echo);
+    void runCurrentCommand(bool echo);
+    void echoCommand();
+
+    ScrollingTextWindow* scrollingTextWindow = nullptr;
+    bool visible = false;
+    IOInterface* ioInterface = nullptr;
+    zu::Timer saveTimer;
+    BindingMap bindings;
+    // Reused by every command line, so that running one allocates nothing once they have grown.
+    ConsoleWordList commandWords;
+    zu::InplaceString<128> currentCommand;
+    zu::InplaceString<256> echoFormat;
+
+    static Console* sm_pInstance;
 };
 
 }  // namespace dm
