@@ -12,8 +12,10 @@ if(DM_SANITIZE)
     add_link_options(-fsanitize=${DM_SANITIZE})
 endif()
 
-# add_dm_program(name sources...): a program linked against dm with the project's warnings.
+# add_dm_program(name sources...): a host program linked against dm with the project's warnings,
+# parsing its arguments with CLI11 (Debian's libcli11-dev).
 function(add_dm_program name)
+    find_package(CLI11 REQUIRED)
     add_executable(${name} ${ARGN})
-    target_link_libraries(${name} PRIVATE dm::dm dm_warnings)
+    target_link_libraries(${name} PRIVATE dm::dm dm_warnings CLI11::CLI11)
 endfunction()

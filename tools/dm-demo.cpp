@@ -6,10 +6,13 @@
 //     dm-pipe-echo tool, started as a second process, asks on it through a client manager.
 #include <cstdio>
 
+#include "CLI/CLI.hpp"
 #include "demo/demo_sections.h"
 #include "zu/thread.h"
 
-int main() {
+int main(int argc, char** argv) {
+    CLI::App app("Shows dm at work, one service after another; takes no arguments.", "dm-demo");
+    CLI11_PARSE(app, argc, argv);
     zu::setThreadName(zu::getCurrentThreadId(), "dm-demo main");
     int (*const sections[])() = {
         demo::runPacketDemo,
