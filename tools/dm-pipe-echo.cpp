@@ -285,7 +285,8 @@ struct Arguments {
 int parseArguments(int argc, char** argv, Arguments& arguments) {
     CLI::App app(kDescription, "dm-pipe-echo");
     app.require_subcommand(1);
-    CLI::App* server = app.add_subcommand("server", "serve the pipe \"echo\" (until interrupted, or see N)");
+    CLI::App* server =
+        app.add_subcommand("server", "serve the pipe \"echo\" (until interrupted, or see N)");
     server
         ->add_option("PORT", arguments.port, "TCP port to listen on; 0 picks a free one (printed)")
         ->required()
