@@ -9,10 +9,13 @@
 //  5. The developer console: dm-console replays a typed session and draws it into a PNG.
 #include <cstdio>
 
+#include "CLI/CLI.hpp"
 #include "demo/demo_sections.h"
 #include "zu/thread.h"
 
-int main() {
+int main(int argc, char** argv) {
+    CLI::App app("Shows dm at work, one service after another; takes no arguments.", "dm-demo");
+    CLI11_PARSE(app, argc, argv);
     zu::setThreadName(zu::getCurrentThreadId(), "dm-demo main");
     int (*const sections[])() = {
         demo::runPacketDemo,
