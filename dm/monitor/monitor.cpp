@@ -2,6 +2,7 @@
 // and the packets exchanged with them. All state sits behind one recursive lock.
 #include "dm/monitor.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -25,9 +26,13 @@ constexpr int kRequestPacketId = monitor_packet::kRequest;
 constexpr int kDataPacketId = monitor_packet::kData;
 
 constexpr int kRequestCount = 3;
-// pollPacket reads the socket again whenever its buffer runs dry, so a monitor that never
-// stops sending would keep update from returning; the rest waits for the next frame.
+// pollPacket reads the socket again whenever its buffer runs dry, so monitors that never stop
+// sending would keep update from returning: one update handles at most this many packets, from
+// all monitors together, and the rest waits for the next frame.
 constexpr int kMaxPacketsPerUpdate = 4096;
+// The budget is shared out in turns of this many packets, so that a monitor that floods the
+// game delays a quiet one by one turn at most.
+constexpr int kPacketsPerTurn = 64;
 // Formatted texts hold at most kTextBufferSize - 1 characters.
 constexpr size_t kTextBufferSize = 256;
 
@@ -44,6 +49,7 @@ struct MonitorLink {
             zu::deleteObject(connection);
         }
         connections.clear();
+        nextTurn = 0;
     }
 
     zu::Mutex lock;
@@ -52,6 +58,9 @@ struct MonitorLink {
     DataParserCallback* dataParserCallback = nullptr;
     bool requestFlags[kRequestCount] = {};
     zu::Vector<net::Socket*> connections;
+    // The monitor whose turn comes first in the next update: the one after where the last
+    // update ran out of budget, so that no monitor is left without turns.
+    size_t nextTurn = 0;
 
     // One packet per outgoing kind, reused so that sending allocates nothing once warm.
     net::Packet textPacket{kTextPacketId};
@@ -120,24 +129,27 @@ void dispatchPacket(net::Packet& packet) {
     }
 }
 
-// Dispatches what each monitor sent and drops the ones that are gone. A data callback that
-// re-initialises or closes the link ends the walk.
-void pollMonitors() {
-    const uint32_t generation = g_link.generation;
-    size_t index = 0;
-    while (index < g_link.connections.size()) {
-        net::Socket* connection = g_link.connections[index];
-        connection->update();
-        for (int taken = 0; taken < kMaxPacketsPerUpdate; ++taken) {
-            net::Packet* packet = connection->pollPacket(nullptr);
-            if (!packet) {
-                break;
-            }
-            dispatchPacket(*packet);
-            if (g_link.generation != generation) {
-                return;
-            }
+// Dispatches up to `quantum` packets that `connection` sent; how many it dispatched, or -1 when
+// a data callback re-initialised or closed the link.
+int takeTurn(net::Socket* connection, int quantum, uint32_t generation) {
+    int taken = 0;
+    while (taken < quantum) {
+        net::Packet* packet = connection->pollPacket(nullptr);
+        if (!packet) {
+            break;
         }
+        ++taken;
+        dispatchPacket(*packet);
+        if (g_link.generation != generation) {
+            return -1;
+        }
+    }
+    return taken;
+}
+
+void dropClosedMonitors() {
+    for (size_t index = 0; index < g_link.connections.size();) {
+        net::Socket* connection = g_link.connections[index];
         if (connection->isConnected()) {
             ++index;
         } else {
@@ -145,6 +157,36 @@ void pollMonitors() {
             g_link.connections.erase(index);
         }
     }
+}
+
+// Dispatches what the monitors sent, in turns, within one update's budget, and drops the ones
+// that are gone. A data callback that re-initialises or closes the link ends the walk.
+void pollMonitors() {
+    const uint32_t generation = g_link.generation;
+    const size_t count = g_link.connections.size();
+    for (net::Socket* connection : g_link.connections) {
+        connection->update();
+    }
+    const size_t first = g_link.nextTurn < count ? g_link.nextTurn : 0;
+    g_link.nextTurn = 0;
+    int budget = kMaxPacketsPerUpdate;
+    for (bool someoneHasMore = true; someoneHasMore && budget > 0;) {
+        someoneHasMore = false;
+        for (size_t turn = 0; turn < count && budget > 0; ++turn) {
+            const size_t index = (first + turn) % count;
+            const int quantum = std::min(kPacketsPerTurn, budget);
+            const int taken = takeTurn(g_link.connections[index], quantum, generation);
+            if (taken < 0) {
+                return;
+            }
+            budget -= taken;
+            someoneHasMore = someoneHasMore || taken == quantum;
+            if (budget == 0) {
+                g_link.nextTurn = index + 1;
+            }
+        }
+    }
+    dropClosedMonitors();
 }
 
 // A monitor that stops reading (suspended, or stopped in a debugger) must not stall the game:
