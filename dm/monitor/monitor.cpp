@@ -8,9 +8,11 @@
 #include <cstdio>
 
 #include "d/profile.h"
+#include "log_output.h"
 #include "net/listener.h"
 #include "net/packet.h"
 #include "net/socket.h"
+#include "zu/exception.h"
 #include "zu/memory.h"
 #include "zu/mutex.h"
 #include "zu/vector.h"
@@ -33,6 +35,8 @@ constexpr int kMaxPacketsPerUpdate = 4096;
 // The budget is shared out in turns of this many packets, so that a monitor that floods the
 // game delays a quiet one by one turn at most.
 constexpr int kPacketsPerTurn = 64;
+// A connect storm must not hold up the frame either: the rest are accepted in later updates.
+constexpr int kMaxAcceptsPerUpdate = 16;
 // Formatted texts hold at most kTextBufferSize - 1 characters.
 constexpr size_t kTextBufferSize = 256;
 
@@ -85,19 +89,36 @@ public:
     UpdatingFlag& operator=(const UpdatingFlag&) = delete;
 };
 
+// Tells once per update how many monitors the listener had to turn away (no descriptor or no
+// memory for them), so that a full descriptor table shows in the log rather than as silence.
+void reportRefusedMonitors(uint32_t refusedBefore) {
+    const uint32_t refused = g_link.listener->getRefusedCount() - refusedBefore;
+    if (refused > 0) {
+        logLine("dm: %u monitor connection(s) turned away: no descriptor or memory for them\n",
+                refused);
+    }
+}
+
 void acceptMonitors() {
     if (!g_link.listener) {
         return;
     }
     g_link.listener->update();
-    while (net::Socket* connection = g_link.listener->pollConnect()) {
+    const uint32_t refusedBefore = g_link.listener->getRefusedCount();
+    for (int accepted = 0; accepted < kMaxAcceptsPerUpdate; ++accepted) {
+        net::Socket* connection = g_link.listener->pollConnect();
+        if (!connection) {
+            break;
+        }
         try {
             g_link.connections.push_back(connection);
-        } catch (...) {
-            zu::deleteObject(connection);  // out of memory: turn the monitor away
-            return;
+        } catch (const zu::OutOfMemoryException&) {
+            zu::deleteObject(connection);  // turn the monitor away; it may try again
+            logLine("dm: a monitor connection turned away: out of memory\n");
+            break;
         }
     }
+    reportRefusedMonitors(refusedBefore);
 }
 
 void receiveData(net::Packet& packet) {

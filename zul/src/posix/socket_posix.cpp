@@ -14,6 +14,7 @@
 #include "net/socket.h"
 #include "net_wire.h"
 #include "posix/net_posix.h"
+#include "zu/exception.h"
 #include "zu/memory.h"
 
 namespace net {
@@ -124,7 +125,12 @@ Socket::Socket(zu::NativeHandle connected) {
     }
     m_handle = connected;
     m_peerAddress = peer.sin_addr.s_addr;
-    becomeConnected();
+    try {
+        becomeConnected();
+    } catch (...) {
+        close();  // the descriptor is ours from here on, even when construction fails
+        throw;
+    }
 }
 
 Socket::~Socket() {
@@ -267,6 +273,17 @@ zu::InplaceString<128> Socket::getConnectedIP() const {
 // Sending
 
 bool Socket::sendPacket(const Packet& packet) {
+    try {
+        return sendFrame(packet);
+    } catch (const zu::OutOfMemoryException&) {
+        // No room to queue what the OS did not take: part of the frame may be on its way, so
+        // nothing sent after it could be read. The connection is given up.
+        close();
+        return false;
+    }
+}
+
+bool Socket::sendFrame(const Packet& packet) {
     if (m_state != State::Connected && m_state != State::Connecting) {
         return false;
     }
