@@ -494,37 +494,26 @@ void Socket::prepareReceiveRoom() {
 }
 
 uint32_t Socket::wholeFrameSize() const {
-    uint32_t available = m_receiveEnd - m_receiveBegin;
-    if (available < wire::kHeaderSize) {
-        return 0;
-    }
-    uint32_t length = wire::loadLE32(m_receiveBuffer + m_receiveBegin);
-    if (length < wire::kHeaderSize - wire::kLengthSize ||
-        length > wire::kMaxFrameSize - wire::kLengthSize ||
-        available - wire::kLengthSize < length) {
-        return 0;
-    }
-    return wire::kLengthSize + length;
+    uint32_t frameSize = 0;
+    const wire::FrameCheck check = wire::checkFrame(
+        m_receiveBuffer + m_receiveBegin, m_receiveEnd - m_receiveBegin, &frameSize);
+    return check == wire::FrameCheck::Whole ? frameSize : 0;
 }
 
 bool Socket::extractPacket(uint32_t* outSize) {
-    if (m_receiveEnd - m_receiveBegin < wire::kHeaderSize) {
-        return false;
-    }
     const uint8_t* frame = m_receiveBuffer + m_receiveBegin;
-    uint32_t length = wire::loadLE32(frame);
-    if (length < wire::kHeaderSize - wire::kLengthSize ||
-        length > wire::kMaxFrameSize - wire::kLengthSize) {
-        close();  // not our protocol, or corrupted: nothing after this can be trusted
-        return false;
+    uint32_t frameSize = 0;
+    switch (wire::checkFrame(frame, m_receiveEnd - m_receiveBegin, &frameSize)) {
+        case wire::FrameCheck::Incomplete:
+            return false;
+        case wire::FrameCheck::Invalid:
+            close();  // not our protocol, or corrupted: nothing after this can be trusted
+            return false;
+        case wire::FrameCheck::Whole:
+            break;
     }
-    uint32_t frameSize = wholeFrameSize();
-    if (frameSize == 0) {
-        return false;
-    }
-    uint32_t payloadSize = frameSize - wire::kHeaderSize;
-    m_packet.view(static_cast<int>(wire::loadLE32(frame + wire::kLengthSize)),
-                  frame + wire::kHeaderSize, payloadSize);
+    const uint32_t payloadSize = frameSize - wire::kHeaderSize;
+    m_packet.view(wire::frameId(frame), frame + wire::kHeaderSize, payloadSize);
     m_receiveBegin += frameSize;
     if (outSize) {
         *outSize = payloadSize;
