@@ -6,7 +6,9 @@
 //   1. the allocation of the accepted socket fails, then that of its receive buffer: dm::update
 //      must not throw, the monitor must be turned away (it reads end-of-file) and no descriptor
 //      may stay open for it;
-//   2. with memory back, a monitor that connects is accepted.
+//   2. with memory back, a monitor that connects is accepted;
+//   3. that monitor stops reading and its send queue cannot be allocated: dm::print must not
+//      throw, and the monitor is dropped.
 //
 // Output: "turned away: <what>" for each failure handled, "accepted" at the end, or a line that
 // says what went wrong (and a non-zero exit).
@@ -19,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <string>
 
 #include "dm/monitor.h"
 #include "net/net_test_util.h"
@@ -116,6 +119,35 @@ bool survivesFailedAccept(const char* what, std::function<bool(size_t)> failWhen
     return true;
 }
 
+// The accepted monitor stops reading and the send queue that its packets need cannot be had:
+// print must not throw, and the monitor is dropped (what it got would end mid-packet).
+bool survivesFailedSendQueue(int monitor) {
+    int small = 4096;
+    setsockopt(monitor, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    const int failuresBefore = g_failures;
+    g_failNext = [](size_t size) { return size >= 64 * 1024; };
+    const std::string text(250, 'x');
+    for (int i = 0; i < 100000 && g_failures == failuresBefore; ++i) {
+        try {
+            dm::print("%s", text.c_str());
+        } catch (const std::exception& error) {
+            std::printf("escaped dm::print: %s\n", error.what());
+            return false;
+        }
+    }
+    g_failNext = nullptr;
+    if (g_failures == failuresBefore) {
+        std::printf("the send queue was never allocated\n");
+        return false;
+    }
+    if (!runFramesUntil([] { return dm::getMonitorConnectionCount() == 0; })) {
+        std::printf("a monitor without its packets stayed\n");
+        return false;
+    }
+    std::printf("dropped: send queue\n");
+    return true;
+}
+
 }  // namespace
 
 int main() {
@@ -136,6 +168,9 @@ int main() {
         return 4;
     }
     std::printf("accepted\n");
+    if (!survivesFailedSendQueue(monitor)) {
+        return 5;
+    }
     close(monitor);
     dm::deinit();
     return 0;
