@@ -56,7 +56,7 @@ public:
 
 private:
     Socket* adopt(int fd);
-    void turnAwayWaiting();
+    Socket* turnAwayWaiting();
     void startBackoff();
     void refuse(int fd);
 

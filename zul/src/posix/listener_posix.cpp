@@ -104,7 +104,9 @@ Socket* Listener::pollConnect() {
     }
     const int error = errno;
     if (isOutOfDescriptors(error)) {
-        turnAwayWaiting();
+        if (Socket* socket = turnAwayWaiting()) {
+            return socket;
+        }
         startBackoff();
     } else if (isOutOfKernelMemory(error)) {
         startBackoff();
@@ -160,25 +162,30 @@ Socket* Listener::adopt(int fd) {
 }
 
 // The descriptor table is full. Lends the spare descriptor to accept each waiting connection
-// and close it at once, so that the peers are told and the listener stops being readable.
-void Listener::turnAwayWaiting() {
+// and close it at once, so that the peers are told and the listener stops being readable. When
+// the spare can be had back while an accepted connection is still open, descriptors have been
+// freed meanwhile: that connection is kept and returned.
+Socket* Listener::turnAwayWaiting() {
     for (uint32_t shed = 0; shed < kMaxShedPerPoll; ++shed) {
         if (m_spare == zu::kInvalidHandle) {
             m_spare = openSpareDescriptor();
             if (m_spare == zu::kInvalidHandle) {
-                return;  // no descriptor to lend: the back-off keeps callers from spinning
+                return nullptr;  // no descriptor to lend: the back-off keeps callers from spinning
             }
         }
         closeDescriptor(m_spare);
         const int fd = acceptOne(m_handle);
-        if (fd >= 0) {
-            refuse(fd);
-        }
         m_spare = openSpareDescriptor();
         if (fd < 0) {
-            return;  // drained, or another thread took the descriptor first
+            return nullptr;  // drained, or another thread took the descriptor first
         }
+        if (m_spare != zu::kInvalidHandle) {
+            return adopt(fd);
+        }
+        refuse(fd);
+        m_spare = openSpareDescriptor();
     }
+    return nullptr;
 }
 
 void Listener::startBackoff() {
