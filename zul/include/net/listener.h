@@ -65,8 +65,8 @@ private:
     // could not be had.
     zu::NativeHandle m_spare = zu::kInvalidHandle;
     uint32_t m_port = 0;
-    uint32_t m_backoffMs = 0;  // 0: not backing off
-    uint64_t m_retryAtMs = 0;  // steady-clock milliseconds
+    uint32_t m_backoffMs = 0;  // the last pause; 0 once a connection was accepted
+    uint64_t m_retryAtMs = 0;  // steady-clock milliseconds; 0 when not pausing
     std::atomic<uint32_t> m_refused{0};
 };
 
