@@ -19,6 +19,17 @@ if(DM_SANITIZE)
     add_link_options(-fsanitize=${DM_SANITIZE})
 endif()
 
+# Fuzzing: every target gets libFuzzer's coverage instrumentation with ASan and UBSan; only the
+# harnesses link libFuzzer's main (tests/fuzz).
+if(DM_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "DM_FUZZ needs clang: configure with the preset fuzz")
+    endif()
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=address,undefined)
+endif()
+
 # add_dm_program(name sources...): a host program linked against dm with the project's warnings,
 # parsing its arguments with CLI11 (Debian's libcli11-dev). It is installed to the binary folder
 # and finds the libraries in the library folder beside it.

@@ -91,19 +91,34 @@ int scanRun(const zu::String& string, int position, Predicate inClass) {
     return length > 0 ? length : -1;
 }
 
-int scanNumber(const zu::String& text, int position) {
-    int length = scanInteger(text, position);
-    if (length < 0) {
-        length = scanFloat(text, position);
+// Where the last run of float characters that failed as a number ends. Every later start inside
+// that run reaches the same end and fails the same way, so it is not scanned again: without this,
+// "1.1.1.1...x" would be scanned to its end from every digit, in quadratic time.
+struct FailedFloatRun {
+    int end = -1;
+
+    bool covers(int position) const { return position < end; }
+};
+
+int scanNumber(const zu::String& string, const Bytes& text, int position,
+               FailedFloatRun& failedFloat) {
+    int length = scanInteger(string, position);
+    if (length < 0 && !failedFloat.covers(position)) {
+        length = scanFloat(string, position);
+        if (length < 0) {
+            const int digits = position + (isSign(text[position]) ? 1 : 0);
+            failedFloat.end = digits + runLength(text, digits, isFloatCharacter);
+        }
     }
     if (length < 0) {
-        length = scanHex(text, position);
+        length = scanHex(string, position);
     }
     return length;
 }
 
 // Length of the word that starts at `position` (always at least 1).
-int wordLength(const zu::String& string, const Bytes& text, int position) {
+int wordLength(const zu::String& string, const Bytes& text, int position,
+               FailedFloatRun& failedFloat) {
     const unsigned char c = text[position];
     if (isWhitespace(c)) {
         return runLength(text, position, isWhitespace);
@@ -113,7 +128,7 @@ int wordLength(const zu::String& string, const Bytes& text, int position) {
         return quoted > 0 ? quoted : 1;  // an unclosed quote is a word of its own
     }
     if (isSign(c) || isDigit(c)) {
-        const int number = scanNumber(string, position);
+        const int number = scanNumber(string, text, position, failedFloat);
         if (number > 0) {
             return number;
         }
@@ -170,8 +185,9 @@ int scanQuoted(const zu::String& string, int position) {
 
 void tokenizeLine(ConsoleWordList& words, const zu::String& string) {
     const Bytes text(string);
+    FailedFloatRun failedFloat;
     for (int position = 0; position < text.length;) {
-        const int length = wordLength(string, text, position);
+        const int length = wordLength(string, text, position, failedFloat);
         words.emplace_back(string.c_str() + position, static_cast<size_t>(length));
         position += length;
     }

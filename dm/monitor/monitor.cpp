@@ -2,14 +2,17 @@
 // and the packets exchanged with them. All state sits behind one recursive lock.
 #include "dm/monitor.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 
 #include "d/profile.h"
+#include "log_output.h"
 #include "net/listener.h"
 #include "net/packet.h"
 #include "net/socket.h"
+#include "zu/exception.h"
 #include "zu/memory.h"
 #include "zu/mutex.h"
 #include "zu/vector.h"
@@ -25,9 +28,15 @@ constexpr int kRequestPacketId = monitor_packet::kRequest;
 constexpr int kDataPacketId = monitor_packet::kData;
 
 constexpr int kRequestCount = 3;
-// pollPacket reads the socket again whenever its buffer runs dry, so a monitor that never
-// stops sending would keep update from returning; the rest waits for the next frame.
+// pollPacket reads the socket again whenever its buffer runs dry, so monitors that never stop
+// sending would keep update from returning: one update handles at most this many packets, from
+// all monitors together, and the rest waits for the next frame.
 constexpr int kMaxPacketsPerUpdate = 4096;
+// The budget is shared out in turns of this many packets, so that a monitor that floods the
+// game delays a quiet one by one turn at most.
+constexpr int kPacketsPerTurn = 64;
+// A connect storm must not hold up the frame either: the rest are accepted in later updates.
+constexpr int kMaxAcceptsPerUpdate = 16;
 // Formatted texts hold at most kTextBufferSize - 1 characters.
 constexpr size_t kTextBufferSize = 256;
 
@@ -44,6 +53,7 @@ struct MonitorLink {
             zu::deleteObject(connection);
         }
         connections.clear();
+        nextTurn = 0;
     }
 
     zu::Mutex lock;
@@ -52,6 +62,9 @@ struct MonitorLink {
     DataParserCallback* dataParserCallback = nullptr;
     bool requestFlags[kRequestCount] = {};
     zu::Vector<net::Socket*> connections;
+    // The monitor whose turn comes first in the next update: the one after where the last
+    // update ran out of budget, so that no monitor is left without turns.
+    size_t nextTurn = 0;
 
     // One packet per outgoing kind, reused so that sending allocates nothing once warm.
     net::Packet textPacket{kTextPacketId};
@@ -76,19 +89,36 @@ public:
     UpdatingFlag& operator=(const UpdatingFlag&) = delete;
 };
 
+// Tells once per update how many monitors the listener had to turn away (no descriptor or no
+// memory for them), so that a full descriptor table shows in the log rather than as silence.
+void reportRefusedMonitors(uint32_t refusedBefore) {
+    const uint32_t refused = g_link.listener->getRefusedCount() - refusedBefore;
+    if (refused > 0) {
+        logLine("dm: %u monitor connection(s) turned away: no descriptor or memory for them\n",
+                refused);
+    }
+}
+
 void acceptMonitors() {
     if (!g_link.listener) {
         return;
     }
     g_link.listener->update();
-    while (net::Socket* connection = g_link.listener->pollConnect()) {
+    const uint32_t refusedBefore = g_link.listener->getRefusedCount();
+    for (int accepted = 0; accepted < kMaxAcceptsPerUpdate; ++accepted) {
+        net::Socket* connection = g_link.listener->pollConnect();
+        if (!connection) {
+            break;
+        }
         try {
             g_link.connections.push_back(connection);
-        } catch (...) {
-            zu::deleteObject(connection);  // out of memory: turn the monitor away
-            return;
+        } catch (const zu::OutOfMemoryException&) {
+            zu::deleteObject(connection);  // turn the monitor away; it may try again
+            logLine("dm: a monitor connection turned away: out of memory\n");
+            break;
         }
     }
+    reportRefusedMonitors(refusedBefore);
 }
 
 void receiveData(net::Packet& packet) {
@@ -120,24 +150,27 @@ void dispatchPacket(net::Packet& packet) {
     }
 }
 
-// Dispatches what each monitor sent and drops the ones that are gone. A data callback that
-// re-initialises or closes the link ends the walk.
-void pollMonitors() {
-    const uint32_t generation = g_link.generation;
-    size_t index = 0;
-    while (index < g_link.connections.size()) {
-        net::Socket* connection = g_link.connections[index];
-        connection->update();
-        for (int taken = 0; taken < kMaxPacketsPerUpdate; ++taken) {
-            net::Packet* packet = connection->pollPacket(nullptr);
-            if (!packet) {
-                break;
-            }
-            dispatchPacket(*packet);
-            if (g_link.generation != generation) {
-                return;
-            }
+// Dispatches up to `quantum` packets that `connection` sent; how many it dispatched, or -1 when
+// a data callback re-initialised or closed the link.
+int takeTurn(net::Socket* connection, int quantum, uint32_t generation) {
+    int taken = 0;
+    while (taken < quantum) {
+        net::Packet* packet = connection->pollPacket(nullptr);
+        if (!packet) {
+            break;
         }
+        ++taken;
+        dispatchPacket(*packet);
+        if (g_link.generation != generation) {
+            return -1;
+        }
+    }
+    return taken;
+}
+
+void dropClosedMonitors() {
+    for (size_t index = 0; index < g_link.connections.size();) {
+        net::Socket* connection = g_link.connections[index];
         if (connection->isConnected()) {
             ++index;
         } else {
@@ -145,6 +178,36 @@ void pollMonitors() {
             g_link.connections.erase(index);
         }
     }
+}
+
+// Dispatches what the monitors sent, in turns, within one update's budget, and drops the ones
+// that are gone. A data callback that re-initialises or closes the link ends the walk.
+void pollMonitors() {
+    const uint32_t generation = g_link.generation;
+    const size_t count = g_link.connections.size();
+    for (net::Socket* connection : g_link.connections) {
+        connection->update();
+    }
+    const size_t first = g_link.nextTurn < count ? g_link.nextTurn : 0;
+    g_link.nextTurn = 0;
+    int budget = kMaxPacketsPerUpdate;
+    for (bool someoneHasMore = true; someoneHasMore && budget > 0;) {
+        someoneHasMore = false;
+        for (size_t turn = 0; turn < count && budget > 0; ++turn) {
+            const size_t index = (first + turn) % count;
+            const int quantum = std::min(kPacketsPerTurn, budget);
+            const int taken = takeTurn(g_link.connections[index], quantum, generation);
+            if (taken < 0) {
+                return;
+            }
+            budget -= taken;
+            someoneHasMore = someoneHasMore || taken == quantum;
+            if (budget == 0) {
+                g_link.nextTurn = index + 1;
+            }
+        }
+    }
+    dropClosedMonitors();
 }
 
 // A monitor that stops reading (suspended, or stopped in a debugger) must not stall the game:

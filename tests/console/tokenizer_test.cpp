@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -147,6 +148,47 @@ TEST(Tokenizer, JoiningTheWordsGivesTheLineBack) {
             joined += cut[i];
         }
         ASSERT_EQ(joined, line) << "line " << lineNumber;
+    }
+}
+
+// The length of the word at `position`, found the slow way: every scanner tried afresh there.
+int wordLengthFromScanners(const zu::String& text, int position) {
+    const unsigned char c = static_cast<unsigned char>(text.c_str()[position]);
+    if (dm::scanWhitespace(text, position) > 0) {
+        return dm::scanWhitespace(text, position);
+    }
+    if (c == '"' && dm::scanQuoted(text, position) > 0) {
+        return dm::scanQuoted(text, position);
+    }
+    if (c == '+' || c == '-' || (c >= '0' && c <= '9')) {
+        for (auto scanner : {dm::scanInteger, dm::scanFloat, dm::scanHex}) {
+            if (scanner(text, position) > 0) {
+                return scanner(text, position);
+            }
+        }
+    }
+    return std::max(dm::scanIdentifier(text, position), 1);
+}
+
+// Tokenizing skips scans that cannot succeed; the words must be exactly those of trying every
+// scanner at every word's start.
+TEST(Tokenizer, CutsExactlyWhereTheScannersTriedAtEveryWordSay) {
+    std::mt19937 random(20261122);
+    for (int lineNumber = 0; lineNumber < 5000; ++lineNumber) {
+        std::string line = generateLine(random);
+        if (lineNumber % 2 == 0) {  // long runs of float characters with dots, signs and hex
+            for (int i = 0; i < 40; ++i) {
+                line.insert(line.size() / 2, random() % 3 ? "1." : (random() % 2 ? "-0x" : "e"));
+            }
+        }
+        const zu::String text(line.c_str());
+        Words expected;
+        for (int position = 0; position < static_cast<int>(line.size());) {
+            const int length = wordLengthFromScanners(text, position);
+            expected.push_back(line.substr(static_cast<size_t>(position), length));
+            position += length;
+        }
+        ASSERT_EQ(words(line), expected) << "line " << lineNumber;
     }
 }
 

@@ -26,6 +26,36 @@ inline void storeLE32(uint8_t* bytes, uint32_t value) {
     bytes[3] = static_cast<uint8_t>(value >> 24);
 }
 
+// What the bytes at the front of a receive buffer hold.
+enum class FrameCheck {
+    Incomplete,  // the start of a frame: more bytes are needed
+    Whole,       // a whole frame
+    Invalid      // a length field out of bounds: the stream is not ours, or corrupted
+};
+
+// Checks the frame at the front of `available` received bytes; for a whole one, stores its size
+// (header included) in `frameSize`. The one place where received lengths are judged: sockets
+// and the frame fuzzer both decode through it.
+inline FrameCheck checkFrame(const uint8_t* bytes, uint32_t available, uint32_t* frameSize) {
+    if (available < kHeaderSize) {
+        return FrameCheck::Incomplete;
+    }
+    const uint32_t length = loadLE32(bytes);
+    if (length < kHeaderSize - kLengthSize || length > kMaxFrameSize - kLengthSize) {
+        return FrameCheck::Invalid;
+    }
+    if (available - kLengthSize < length) {
+        return FrameCheck::Incomplete;
+    }
+    *frameSize = kLengthSize + length;
+    return FrameCheck::Whole;
+}
+
+// The id of the whole frame at `frame`.
+inline int frameId(const uint8_t* frame) {
+    return static_cast<int>(loadLE32(frame + kLengthSize));
+}
+
 inline void storeHeader(uint8_t* header, int id, uint32_t payloadSize) {
     storeLE32(header, payloadSize + (kHeaderSize - kLengthSize));
     storeLE32(header + kLengthSize, static_cast<uint32_t>(id));

@@ -22,7 +22,8 @@ public:
     static constexpr uint32_t kSendStallTimeoutMs = 10000;
 
     Socket();
-    // Adopts a connected OS socket (used by Listener).
+    // Adopts a connected OS socket (used by Listener). The descriptor is closed when it cannot
+    // be used or when construction throws (out of memory for the receive buffer).
     explicit Socket(zu::NativeHandle connected);
     ~Socket();
     Socket(const Socket&) = delete;
@@ -50,7 +51,8 @@ public:
     void update();
     // Queues one packet for sending and tries to send at once. False when neither connected
     // nor connecting, or when the peer stopped reading for so long (kSendStallTimeoutMs with
-    // kMaxQueuedSend bytes queued) that the connection was given up.
+    // kMaxQueuedSend bytes queued) that the connection was given up. Running out of memory
+    // for the send queue also gives the connection up (false), rather than throwing.
     bool sendPacket(const Packet& packet);
     // Returns the next whole received packet, or null. The packet belongs to the socket and
     // stays valid until the next pollPacket, update or close. `outSize` (may be null) gets its
@@ -76,6 +78,7 @@ private:
     void finishConnect();
     void peerClosed();
 
+    bool sendFrame(const Packet& packet);
     bool sendDirect(const uint8_t* header, const Packet& packet);
     bool waitForSendRoom(uint32_t frameSize);
     void reserveSendRoom(uint32_t length);

@@ -1,11 +1,15 @@
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <new>
 
 #include "net/listener.h"
 #include "posix/net_posix.h"
+#include "zu/exception.h"
 
 namespace net {
 namespace {
@@ -38,6 +42,40 @@ int openListeningSocket(uint32_t port, const char* bindAddress, uint32_t* boundP
     return fd;
 }
 
+uint64_t nowMs() {
+    using namespace std::chrono;
+    return static_cast<uint64_t>(
+        duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+int openSpareDescriptor() {
+    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void closeDescriptor(zu::NativeHandle& handle) {
+    if (handle != zu::kInvalidHandle) {
+        close(static_cast<int>(handle));
+        handle = zu::kInvalidHandle;
+    }
+}
+
+// -1 with errno set when nothing could be accepted.
+int acceptOne(zu::NativeHandle listening) {
+    int fd;
+    do {
+        fd = accept(static_cast<int>(listening), nullptr, nullptr);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+bool isOutOfDescriptors(int error) {
+    return error == EMFILE || error == ENFILE;
+}
+
+bool isOutOfKernelMemory(int error) {
+    return error == ENOBUFS || error == ENOMEM;
+}
+
 }  // namespace
 
 Listener::Listener(uint32_t port, const char* bindAddress) {
@@ -46,32 +84,119 @@ Listener::Listener(uint32_t port, const char* bindAddress) {
     if (fd >= 0) {
         m_handle = fd;
         m_port = boundPort;
+        m_spare = openSpareDescriptor();
     }
 }
 
 Listener::~Listener() {
-    if (m_handle != zu::kInvalidHandle) {
-        close(static_cast<int>(m_handle));
-    }
+    closeDescriptor(m_handle);
+    closeDescriptor(m_spare);
 }
 
 Socket* Listener::pollConnect() {
-    if (!isListening()) {
+    if (!isListening() || isBackingOff()) {
         return nullptr;
     }
-    int fd;
-    do {
-        fd = accept(static_cast<int>(m_handle), nullptr, nullptr);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0) {
-        return nullptr;  // nobody waiting, or the connection was aborted before we took it
+    m_retryAtMs = 0;
+    int fd = acceptOne(m_handle);
+    if (fd >= 0) {
+        return adopt(fd);
     }
-    Socket* socket = new Socket(fd);
+    const int error = errno;
+    if (isOutOfDescriptors(error)) {
+        if (Socket* socket = turnAwayWaiting()) {
+            return socket;
+        }
+        startBackoff();
+    } else if (isOutOfKernelMemory(error)) {
+        startBackoff();
+    }
+    // Otherwise nobody is waiting, or the connection was aborted before we took it.
+    return nullptr;
+}
+
+zu::WaitHandle Listener::getWaitHandle() const {
+    if (!isListening() || isBackingOff()) {
+        return {};
+    }
+    return {zu::WaitHandle::SocketRead, m_handle};
+}
+
+bool Listener::isBackingOff() const {
+    return m_retryAtMs != 0 && nowMs() < m_retryAtMs;
+}
+
+// Makes a socket of an accepted descriptor. The descriptor is closed when that fails: a
+// connection the caller never sees must not keep a descriptor.
+Socket* Listener::adopt(int fd) {
+    void* memory = nullptr;
+    try {
+        memory = Socket::operator new(sizeof(Socket));
+    } catch (const zu::OutOfMemoryException&) {
+        refuse(fd);
+        startBackoff();
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        refuse(fd);
+        startBackoff();
+        return nullptr;
+    }
+    Socket* socket = nullptr;
+    try {
+        socket = new (memory) Socket(fd);  // closes the descriptor when it throws
+    } catch (...) {
+        Socket::operator delete(memory);
+        m_refused.fetch_add(1, std::memory_order_relaxed);
+        startBackoff();
+        return nullptr;
+    }
     if (!socket->isConnected()) {
         delete socket;
         return nullptr;
     }
+    m_backoffMs = 0;
+    if (m_spare == zu::kInvalidHandle) {
+        m_spare = openSpareDescriptor();
+    }
     return socket;
+}
+
+// The descriptor table is full. Lends the spare descriptor to accept each waiting connection
+// and close it at once, so that the peers are told and the listener stops being readable. When
+// the spare can be had back while an accepted connection is still open, descriptors have been
+// freed meanwhile: that connection is kept and returned.
+Socket* Listener::turnAwayWaiting() {
+    for (uint32_t shed = 0; shed < kMaxShedPerPoll; ++shed) {
+        if (m_spare == zu::kInvalidHandle) {
+            m_spare = openSpareDescriptor();
+            if (m_spare == zu::kInvalidHandle) {
+                return nullptr;  // no descriptor to lend: the back-off keeps callers from spinning
+            }
+        }
+        closeDescriptor(m_spare);
+        const int fd = acceptOne(m_handle);
+        m_spare = openSpareDescriptor();
+        if (fd < 0) {
+            return nullptr;  // drained, or another thread took the descriptor first
+        }
+        if (m_spare != zu::kInvalidHandle) {
+            return adopt(fd);
+        }
+        refuse(fd);
+        m_spare = openSpareDescriptor();
+    }
+    return nullptr;
+}
+
+void Listener::startBackoff() {
+    m_backoffMs = m_backoffMs == 0 ? kMinBackoffMs : m_backoffMs * 2;
+    m_backoffMs = m_backoffMs < kMaxBackoffMs ? m_backoffMs : kMaxBackoffMs;
+    m_retryAtMs = nowMs() + m_backoffMs;
+}
+
+void Listener::refuse(int fd) {
+    close(fd);
+    m_refused.fetch_add(1, std::memory_order_relaxed);
 }
 
 }  // namespace net

@@ -14,6 +14,7 @@
 #include "net/socket.h"
 #include "net_wire.h"
 #include "posix/net_posix.h"
+#include "zu/exception.h"
 #include "zu/memory.h"
 
 namespace net {
@@ -124,7 +125,12 @@ Socket::Socket(zu::NativeHandle connected) {
     }
     m_handle = connected;
     m_peerAddress = peer.sin_addr.s_addr;
-    becomeConnected();
+    try {
+        becomeConnected();
+    } catch (...) {
+        close();  // the descriptor is ours from here on, even when construction fails
+        throw;
+    }
 }
 
 Socket::~Socket() {
@@ -267,6 +273,17 @@ zu::InplaceString<128> Socket::getConnectedIP() const {
 // Sending
 
 bool Socket::sendPacket(const Packet& packet) {
+    try {
+        return sendFrame(packet);
+    } catch (const zu::OutOfMemoryException&) {
+        // No room to queue what the OS did not take: part of the frame may be on its way, so
+        // nothing sent after it could be read. The connection is given up.
+        close();
+        return false;
+    }
+}
+
+bool Socket::sendFrame(const Packet& packet) {
     if (m_state != State::Connected && m_state != State::Connecting) {
         return false;
     }
@@ -477,37 +494,26 @@ void Socket::prepareReceiveRoom() {
 }
 
 uint32_t Socket::wholeFrameSize() const {
-    uint32_t available = m_receiveEnd - m_receiveBegin;
-    if (available < wire::kHeaderSize) {
-        return 0;
-    }
-    uint32_t length = wire::loadLE32(m_receiveBuffer + m_receiveBegin);
-    if (length < wire::kHeaderSize - wire::kLengthSize ||
-        length > wire::kMaxFrameSize - wire::kLengthSize ||
-        available - wire::kLengthSize < length) {
-        return 0;
-    }
-    return wire::kLengthSize + length;
+    uint32_t frameSize = 0;
+    const wire::FrameCheck check = wire::checkFrame(
+        m_receiveBuffer + m_receiveBegin, m_receiveEnd - m_receiveBegin, &frameSize);
+    return check == wire::FrameCheck::Whole ? frameSize : 0;
 }
 
 bool Socket::extractPacket(uint32_t* outSize) {
-    if (m_receiveEnd - m_receiveBegin < wire::kHeaderSize) {
-        return false;
-    }
     const uint8_t* frame = m_receiveBuffer + m_receiveBegin;
-    uint32_t length = wire::loadLE32(frame);
-    if (length < wire::kHeaderSize - wire::kLengthSize ||
-        length > wire::kMaxFrameSize - wire::kLengthSize) {
-        close();  // not our protocol, or corrupted: nothing after this can be trusted
-        return false;
+    uint32_t frameSize = 0;
+    switch (wire::checkFrame(frame, m_receiveEnd - m_receiveBegin, &frameSize)) {
+        case wire::FrameCheck::Incomplete:
+            return false;
+        case wire::FrameCheck::Invalid:
+            close();  // not our protocol, or corrupted: nothing after this can be trusted
+            return false;
+        case wire::FrameCheck::Whole:
+            break;
     }
-    uint32_t frameSize = wholeFrameSize();
-    if (frameSize == 0) {
-        return false;
-    }
-    uint32_t payloadSize = frameSize - wire::kHeaderSize;
-    m_packet.view(static_cast<int>(wire::loadLE32(frame + wire::kLengthSize)),
-                  frame + wire::kHeaderSize, payloadSize);
+    const uint32_t payloadSize = frameSize - wire::kHeaderSize;
+    m_packet.view(wire::frameId(frame), frame + wire::kHeaderSize, payloadSize);
     m_receiveBegin += frameSize;
     if (outSize) {
         *outSize = payloadSize;

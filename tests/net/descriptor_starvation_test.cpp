@@ -1,0 +1,93 @@
+// Servers whose descriptor table is full: a listener, the debug-monitor link and a pipe manager
+// in a second process (net_descriptor_starved_server). Connections they cannot take must be
+// closed rather than left waiting, the server must not spin on them, and it must take new
+// connections again once descriptors are free.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "net_test_util.h"
+
+namespace {
+
+constexpr int kStarvedClients = 3;
+// Accept calls the server may make while starved: one per turned-away client, one more to find
+// the backlog empty, and a few after each back-off. A server that spins makes thousands.
+constexpr unsigned long kMaxAcceptCalls = 20 + 4 * kStarvedClients;
+
+// True when the server closed `fd`: the peer reads end-of-file (or a reset) within the bound.
+bool closedByServer(int fd) {
+    if (!nettest::waitReadable(fd, 10000)) {
+        return false;
+    }
+    char byte = 0;
+    return recv(fd, &byte, 1, 0) <= 0;
+}
+
+// Reads one frame header from `fd` and returns its packet id, or -1.
+int readFrameId(int fd) {
+    uint8_t header[8];
+    size_t got = 0;
+    while (got < sizeof(header) && nettest::waitReadable(fd, 10000)) {
+        ssize_t now = recv(fd, header + got, sizeof(header) - got, 0);
+        if (now <= 0) {
+            return -1;
+        }
+        got += static_cast<size_t>(now);
+    }
+    if (got < sizeof(header)) {
+        return -1;
+    }
+    return static_cast<int>(header[4] | header[5] << 8 | header[6] << 16 | header[7] << 24);
+}
+
+// The number after `key` in the server's output, or -1.
+long long valueAfter(const std::string& output, const std::string& key) {
+    size_t at = output.find(key + " ");
+    return at == std::string::npos ? -1 : std::atoll(output.c_str() + at + key.size() + 1);
+}
+
+struct StarvedServerCase {
+    const char* mode;
+    int greetingId;
+};
+
+class DescriptorStarvation : public ::testing::TestWithParam<StarvedServerCase> {};
+
+TEST_P(DescriptorStarvation, TurnsClientsAwayWithoutSpinningAndRecovers) {
+    dmtest::ChildProcess server("net_descriptor_starved_server", {GetParam().mode}, true);
+    ASSERT_TRUE(server.waitForOutput("full")) << server.output();
+    const long long port = valueAfter(server.output(), "port");
+    ASSERT_GT(port, 0) << server.output();
+
+    for (int client = 0; client < kStarvedClients; ++client) {
+        int fd = nettest::rawConnect(static_cast<uint32_t>(port));  // the backlog takes it
+        ASSERT_GE(fd, 0);
+        EXPECT_TRUE(closedByServer(fd)) << "client " << client << " left waiting";
+        close(fd);
+    }
+    ASSERT_TRUE(server.writeInput("report\n"));
+    ASSERT_TRUE(server.waitForOutput("accepts")) << server.output();
+    const long long acceptCalls = valueAfter(server.output(), "accepts");
+    EXPECT_GE(acceptCalls, kStarvedClients);
+    EXPECT_LE(acceptCalls, static_cast<long long>(kMaxAcceptCalls)) << server.output();
+
+    ASSERT_TRUE(server.writeInput("free\n"));
+    ASSERT_TRUE(server.waitForOutput("freed")) << server.output();
+    int fd = nettest::rawConnect(static_cast<uint32_t>(port));
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(readFrameId(fd), GetParam().greetingId) << "not served after recovery";
+    close(fd);
+
+    ASSERT_TRUE(server.writeInput("quit\n"));
+    EXPECT_EQ(server.wait(), 0) << server.output();
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, DescriptorStarvation,
+                         ::testing::Values(StarvedServerCase{"listener", 7},
+                                           StarvedServerCase{"monitor", 1},
+                                           StarvedServerCase{"pipes", 205}),
+                         [](const auto& testCase) { return std::string(testCase.param.mode); });
+
+}  // namespace

@@ -1,0 +1,227 @@
+// A server in a second process whose descriptor table is full, for the descriptor-starvation
+// tests. It lowers its descriptor limit, starts a server, fills every free descriptor and then
+// serves until told otherwise on standard input:
+//
+//   net_descriptor_starved_server listener   a net::Listener in a manager-like wait loop
+//   net_descriptor_starved_server monitor    the debug-monitor link, updated every frame
+//   net_descriptor_starved_server pipes      a pipe manager server on its own thread
+//
+// Output: "port N" and "full" at start. Input lines: "report" prints "accepts A cpu_ms C"
+// (accept calls and CPU time since "full"), "free" closes the filling descriptors and prints
+// "freed", "quit" ends. Whoever it accepts gets a packet (listener: id 7, monitor: a text
+// packet, pipes: the manager's Welcome). It ends after a minute at the latest.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dm/comm.h"
+#include "dm/monitor.h"
+#include "net/listener.h"
+#include "zu/event.h"
+
+namespace {
+
+constexpr rlim_t kDescriptorLimit = 64;
+constexpr auto kLifetime = std::chrono::seconds(60);
+constexpr uint32_t kFrameMs = 1;
+constexpr int kGreetingPacketId = 7;
+
+std::atomic<uint64_t> g_acceptCalls{0};
+
+}  // namespace
+
+// Every accept the runtime makes passes through here, so the test can count them (exported,
+// so that it takes the place of the C library's for the shared libraries too).
+extern "C" __attribute__((visibility("default"))) int accept(int fd, sockaddr* address,
+                                                             socklen_t* length) {
+    using AcceptFunction = int (*)(int, sockaddr*, socklen_t*);
+    static const auto realAccept = reinterpret_cast<AcceptFunction>(dlsym(RTLD_NEXT, "accept"));
+    g_acceptCalls.fetch_add(1, std::memory_order_relaxed);
+    return realAccept(fd, address, length);
+}
+
+namespace {
+
+void report(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void report(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::vprintf(format, args);
+    va_end(args);
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+double cpuMilliseconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto toMs = [](const timeval& time) { return time.tv_sec * 1000.0 + time.tv_usec / 1000.0; };
+    return toMs(usage.ru_utime) + toMs(usage.ru_stime);
+}
+
+// Opens descriptors until the table is full; they are closed by the destructor.
+class DescriptorFiller {
+public:
+    DescriptorFiller(const DescriptorFiller&) = delete;
+    DescriptorFiller& operator=(const DescriptorFiller&) = delete;
+    DescriptorFiller() {
+        for (int fd; m_fds.size() < kDescriptorLimit && (fd = open("/dev/null", O_RDONLY)) >= 0;) {
+            m_fds.push_back(fd);
+        }
+    }
+    ~DescriptorFiller() {
+        for (int fd : m_fds) {
+            close(fd);
+        }
+    }
+
+private:
+    std::vector<int> m_fds;
+};
+
+// Reads standard input without blocking and answers its commands. False once "quit" came (or
+// the input ended).
+class Commands {
+public:
+    bool handleInput(int timeoutMs) {
+        pollfd entry{STDIN_FILENO, POLLIN, 0};
+        if (poll(&entry, 1, timeoutMs) != 1) {
+            return true;
+        }
+        char bytes[256];
+        ssize_t got = read(STDIN_FILENO, bytes, sizeof(bytes));
+        if (got <= 0) {
+            return false;
+        }
+        m_pending.append(bytes, static_cast<size_t>(got));
+        for (size_t end; (end = m_pending.find('\n')) != std::string::npos;) {
+            std::string line = m_pending.substr(0, end);
+            m_pending.erase(0, end + 1);
+            if (!run(line)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void startStarving() {
+        m_filler.reset(new DescriptorFiller());
+        m_cpuAtStart = cpuMilliseconds();
+        g_acceptCalls = 0;
+        report("full");
+    }
+
+private:
+    bool run(const std::string& line) {
+        if (line == "report") {
+            report("accepts %llu cpu_ms %.0f",
+                   static_cast<unsigned long long>(g_acceptCalls.load()),
+                   cpuMilliseconds() - m_cpuAtStart);
+        } else if (line == "free") {
+            m_filler.reset();
+            report("freed");
+        }
+        return line != "quit";
+    }
+
+    std::unique_ptr<DescriptorFiller> m_filler;
+    std::string m_pending;
+    double m_cpuAtStart = 0.0;
+};
+
+bool withinLifetime(std::chrono::steady_clock::time_point start) {
+    return std::chrono::steady_clock::now() - start < kLifetime;
+}
+
+// Waits like a manager thread: on the listener and the commands together, with a bound.
+int serveListener(Commands& commands) {
+    net::Listener listener(0, "127.0.0.1");
+    report("port %u", listener.getPort());
+    commands.startStarving();
+    std::vector<std::unique_ptr<net::Socket>> accepted;
+    const zu::WaitHandle input{zu::WaitHandle::SocketRead, STDIN_FILENO};
+    for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
+        const zu::WaitHandle handles[2] = {listener.getWaitHandle(), input};
+        zu::waitForAny(handles, 2, 100);
+        if (!commands.handleInput(0)) {
+            return 0;
+        }
+        if (net::Socket* socket = listener.pollConnect()) {
+            socket->sendPacket(net::Packet(kGreetingPacketId));
+            accepted.emplace_back(socket);
+        }
+    }
+    return 2;
+}
+
+int serveMonitor(Commands& commands) {
+    dm::init(0);
+    report("port %d", dm::getMonitorPort());
+    commands.startStarving();
+    bool greeted = false;
+    for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
+        dm::update();
+        if (!greeted && dm::getMonitorConnectionCount() > 0) {
+            dm::print("welcome");
+            greeted = true;
+        }
+        if (!commands.handleInput(static_cast<int>(kFrameMs))) {
+            dm::deinit();
+            return 0;
+        }
+    }
+    return 2;
+}
+
+int servePipes(Commands& commands) {
+    dm::CommunicationPipeManager* manager =
+        dm::initCommunicationManagerAsServer("starved", 0, 1, true);
+    uint32_t port = 0;
+    manager->getHost(&port);
+    report("port %u", port);
+    commands.startStarving();
+    for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
+        if (!commands.handleInput(100)) {
+            dm::deinitCommunicationManagers();
+            return 0;
+        }
+    }
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = kDescriptorLimit;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        report("cannot lower the descriptor limit");
+        return 1;
+    }
+    Commands commands;
+    if (mode == "listener") {
+        return serveListener(commands);
+    }
+    if (mode == "monitor") {
+        return serveMonitor(commands);
+    }
+    if (mode == "pipes") {
+        return servePipes(commands);
+    }
+    report("unknown mode");
+    return 1;
+}
