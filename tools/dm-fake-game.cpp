@@ -120,10 +120,10 @@ private:
     }
 
     void sendText() {
-        if (m_frame % 20 != 0) {
+        if (m_frame % 10 != 0) {
             return;
         }
-        const int channel = static_cast<int>((m_frame / 20) % 4);
+        const int channel = static_cast<int>((m_frame / 10) % 4);
         static const char* const kLines[4] = {"frame %llu done", "physics: %llu bodies awake",
                                               "streaming: loaded level chunk %llu",
                                               "warning: frame %llu took long"};

@@ -20,10 +20,20 @@ const chromiumPath = process.env.DM_CHROMIUM || '/usr/bin/chromium';
 const children = [];
 const failures = [];
 let userDataDir = null;
+let browserGroup = null;  // Chromium's helper processes share its process group
 
-function finish(code) {
-  for (const child of children) if (child.exitCode === null) child.kill('SIGKILL');
-  if (userDataDir) rmSync(userDataDir, { recursive: true, force: true });
+async function finish(code) {
+  const exits = children.filter((child) => child.exitCode === null && child.signalCode === null)
+    .map((child) => new Promise((resolve) => { child.once('exit', resolve); child.kill('SIGKILL'); }));
+  if (browserGroup) {
+    try { process.kill(-browserGroup, 'SIGKILL'); } catch { /* already gone */ }
+  }
+  await Promise.race([Promise.all(exits), new Promise((resolve) => setTimeout(resolve, 5000))]);
+  try {
+    if (userDataDir) rmSync(userDataDir, { recursive: true, force: true, maxRetries: 10 });
+  } catch (error) {
+    console.log(`note: ${userDataDir} not removed: ${error.message}`);
+  }
   process.exit(code);
 }
 
@@ -108,7 +118,7 @@ class DevTools {
   async waitFor(expression, what, timeoutMs = kWaitMs) {
     const deadline = Date.now() + timeoutMs;
     for (let round = 0; round < timeoutMs / 50; round++) {
-      const value = await this.evaluate(expression);
+      const value = await this.evaluate(expression).catch(() => null);  // the page may still load
       if (value) return value;
       if (Date.now() > deadline) break;
       await new Promise((resolve) => setTimeout(resolve, 50));
@@ -151,6 +161,7 @@ async function checkPage(tools, game) {
   check(/^\d+(\.\d+)? MiB$/.test(values['Resource Statistics/memory'] || ''), `memory = ${values['Resource Statistics/memory']}`);
   check(await tools.evaluate(`document.querySelectorAll('#inplace canvas.spark').length`) === 8, 'a plot per value');
 
+  await tools.evaluate(`(() => { const w = document.querySelector('#flame-window'); w.value = 'all'; w.dispatchEvent(new Event('change')); })()`);
   const scopes = await tools.waitFor(`(() => { const s = new Set(${shownTexts('#flame .scope')});
     return s.has('stream batch') && s.has('physics') ? [...s].sort() : null; })()`, 'a flame chart');
   for (const name of ['frame', 'update', 'physics', 'ai', 'render', 'culling', 'draw', 'stream batch', 'read file', 'decompress']) {
@@ -162,6 +173,12 @@ async function checkPage(tools, game) {
     [r.cells[0].textContent, [...r.cells].slice(1).map((c) => Number(c.textContent))]))`);
   check(table.frame && table.frame[0] > 0 && table.frame[1] >= table.frame[2], `scope table: frame calls ${table.frame}`);
   check(table.draw && Math.abs(table.draw[1] - table.draw[2]) < 0.01, 'scope table: a leaf scope\'s self time is its total');
+
+  await tools.evaluate(`(() => { const w = document.querySelector('#flame-window'); w.value = 'frame'; w.dispatchEvent(new Event('change')); })()`);
+  const frameScopes = await tools.waitFor(`(() => { const s = ${shownTexts('#flame .flame[data-thread="Game Main"] .scope')};
+    return s.filter((name) => name === 'frame').length === 1 ? s : null; })()`, 'the newest frame alone');
+  check(['update', 'physics', 'render', 'draw'].every((name) => frameScopes.includes(name)),
+    `the newest frame fills the flame chart: ${frameScopes}`);
 
   await tools.click('#request-1');
   await game.waitFor(/game: request 1 \(reload\)/);
@@ -189,7 +206,7 @@ async function checkPage(tools, game) {
 }
 
 async function takeScreenshot(tools, file) {
-  await tools.waitFor(`document.querySelectorAll('#lines .line').length > 12`, 'enough lines for a picture');
+  await tools.waitFor(`document.querySelectorAll('#lines .line').length > 20`, 'enough lines for a picture');
   const shot = await tools.send('Page.captureScreenshot', { format: 'png' });
   writeFileSync(file, Buffer.from(shot.data, 'base64'));
   console.log(`screenshot written to ${file}`);
@@ -224,8 +241,9 @@ async function main() {
   const browser = spawn(chromiumPath, ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic',
     '--no-first-run', '--disable-background-networking', '--disable-component-update', '--disable-sync',
     '--disable-dev-shm-usage', '--remote-debugging-pipe', `--user-data-dir=${userDataDir}`, 'about:blank'],
-  { stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'] });
+  { stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'], detached: true });
   children.push(browser);
+  browserGroup = browser.pid;
   const tools = new DevTools(browser);
   const { targetId } = await tools.send('Target.createTarget', { url: 'about:blank' });
   tools.sessionId = (await tools.send('Target.attachToTarget', { targetId, flatten: true })).sessionId;

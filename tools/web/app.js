@@ -214,9 +214,18 @@ function scopeColour(name) {
   return `hsl(${20 + hash % 40}, ${70 + hash % 20}%, ${58 + hash % 14}%)`;
 }
 
-function drawFlame(snapshot) {
-  const box = $('flame');
-  box.replaceChildren();
+// The thread whose outermost scopes are frames: one named "main", else the most deeply nested.
+function frameThread(snapshot) {
+  if (!snapshot.threads.length) return null;
+  const named = snapshot.threads.find((thread) => /main/i.test(thread.name));
+  if (named) return named;
+  const depthOf = (thread) => Math.max(0, ...thread.scopes.map((scope) => scope[1]));
+  return snapshot.threads.reduce((best, thread) => (depthOf(thread) > depthOf(best) ? thread : best));
+}
+
+// The time the flame chart shows: the newest outermost scope of the frame thread, a fixed
+// span before the newest scope, or the whole snapshot.
+function flameWindow(snapshot) {
   let start = Infinity, end = -Infinity;
   for (const thread of snapshot.threads) {
     for (const [, , begin, finish] of thread.scopes) {
@@ -224,8 +233,28 @@ function drawFlame(snapshot) {
       end = Math.max(end, finish);
     }
   }
+  const choice = $('flame-window').value;
+  if (choice === 'frame' && snapshot.threads.length) {
+    const outer = frameThread(snapshot).scopes.filter((scope) => scope[1] === 0);
+    if (outer.length) {
+      const [, , begin, finish] = outer[outer.length - 1];
+      const margin = (finish - begin) * 0.02;
+      return [begin - margin, finish + margin];
+    }
+  } else if (choice !== 'all') {
+    return [end - Number(choice) * 1000, end];
+  }
+  return [start, end];
+}
+
+function drawFlame(snapshot) {
+  const box = $('flame');
+  box.replaceChildren();
+  const [start, end] = flameWindow(snapshot);
   const span = Math.max(1, end - start);
-  for (const thread of snapshot.threads) {
+  const main = frameThread(snapshot);
+  const threads = main ? [main, ...snapshot.threads.filter((thread) => thread !== main)] : [];
+  for (const thread of threads) {
     const title = document.createElement('div');
     title.className = 'thread-name';
     const dropped = thread.dropped ? `, ${thread.dropped} older not sent` : '';
@@ -236,12 +265,14 @@ function drawFlame(snapshot) {
     let depths = 1;
     for (const [name, depth, begin, finish] of thread.scopes) {
       depths = Math.max(depths, depth + 1);
+      if (finish < start || begin > end) continue;
+      const left = Math.max(begin, start), right = Math.min(finish, end);
       const block = document.createElement('div');
       block.className = 'scope';
       block.textContent = name;
       block.title = `${name}: ${((finish - begin) / 1000).toFixed(3)} ms`;
-      block.style.left = `${((begin - start) / span) * 100}%`;
-      block.style.width = `max(1px, ${((finish - begin) / span) * 100}%)`;
+      block.style.left = `${((left - start) / span) * 100}%`;
+      block.style.width = `max(1px, ${((right - left) / span) * 100}%)`;
       block.style.top = `${depth * 20}px`;
       block.style.background = scopeColour(name);
       flame.append(block);
@@ -249,7 +280,7 @@ function drawFlame(snapshot) {
     flame.style.height = `${depths * 20}px`;
     box.append(title, flame);
   }
-  $('profile-info').textContent = `latest snapshot: ${snapshot.threads.length} threads, ${(span / 1000).toFixed(1)} ms shown`;
+  $('profile-info').textContent = `newest snapshot: ${snapshot.threads.length} threads; ${(span / 1000).toFixed(2)} ms shown`;
 }
 
 // Calls, total and self time per scope name over the chosen snapshots. Snapshots overlap
@@ -395,6 +426,7 @@ for (const button of document.querySelectorAll('[data-request]')) {
 }
 $('search').oninput = () => { state.search = $('search').value.toLowerCase(); state.linesRebuild = true; };
 $('snapshot-count').onchange = () => { state.profileDirty = true; };
+$('flame-window').onchange = () => { state.profileDirty = true; };
 
 // --- drawing ---------------------------------------------------------------------------------
 
