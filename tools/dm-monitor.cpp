@@ -1,7 +1,9 @@
 // dm-monitor: watches a running game through its debug-monitor port, on a terminal or, with
 // --web, in any number of browsers. The parts live in tools/monitor/, the page in tools/web/.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "monitor/options.h"
 #include "monitor/terminal_mode.h"
@@ -28,6 +30,22 @@ Exit status: 0 at end of input, quit, disconnect or --count; 1 when the game can
 reached (or the page cannot be served); 2 for bad usage; 3 when --timeout ends the run before
 --count packets came.)";
 
+// Numbers are checked before CLI11 converts them, so that a bad one gets a plain message.
+CLI::Validator numberIn(double minimum, double maximum, const std::string& what) {
+    return CLI::Validator(
+        [=](std::string& text) -> std::string {
+            char* end = nullptr;
+            errno = 0;
+            const double value = std::strtod(text.c_str(), &end);
+            if (errno != 0 || end == text.c_str() || *end != 0 || value < minimum ||
+                value > maximum) {
+                return "\"" + text + "\" is not " + what;
+            }
+            return "";
+        },
+        what);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -36,14 +54,14 @@ int main(int argc, char** argv) {
     app.add_option("HOST", options.host, "the game's address")->required();
     app.add_option("PORT", options.port, "the game's debug-monitor port")
         ->required()
-        ->check(CLI::Range(1, 65535));
+        ->check(numberIn(1, 65535, "a port number (1 to 65535)"));
     app.add_option("--count", options.count,
                    "exit after N packets from the game; end of input then does not end the run")
-        ->check(CLI::NonNegativeNumber);
+        ->check(numberIn(0, 1e9, "a number of packets"));
     app.add_option("--timeout", options.timeoutSeconds, "exit after this many seconds")
-        ->check(CLI::NonNegativeNumber);
+        ->check(numberIn(0, 1e9, "a number of seconds"));
     app.add_option("--web", options.webPort, "serve the web page on this port")
-        ->check(CLI::Range(0, 65535));
+        ->check(numberIn(0, 65535, "a port number (0 to 65535; 0 picks a free one)"));
     app.add_option("--bind", options.bindAddress, "the address the web page is served on")
         ->capture_default_str();
     app.footer(kFooter);

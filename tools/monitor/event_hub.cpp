@@ -62,8 +62,8 @@ void appendEvent(std::string& out, const std::string& event) {
 
 }  // namespace
 
-EventHub::EventHub(std::string gameHost, uint32_t gamePort)
-    : m_gameHost(std::move(gameHost)), m_gamePort(gamePort) {}
+EventHub::EventHub(std::string gameHost, uint32_t gamePort, size_t maxPendingBytes)
+    : m_gameHost(std::move(gameHost)), m_gamePort(gamePort), m_maxPendingBytes(maxPendingBytes) {}
 
 std::shared_ptr<EventHub::Page> EventHub::openPage() {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -151,7 +151,7 @@ void EventHub::publish(std::string event) {
         }
         page->pendingBytes += event.size();
         page->pending.push_back(event);
-        if (page->pendingBytes > kMaxPendingBytes) {
+        if (page->pendingBytes > m_maxPendingBytes) {
             page->startOver = true;  // too far behind: it starts again from the state so far
             page->pending.clear();
             page->pendingBytes = 0;

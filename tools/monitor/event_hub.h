@@ -38,7 +38,7 @@ public:
         bool startOver = true;  // send the whole state before the next event
     };
 
-    EventHub(std::string gameHost, uint32_t gamePort);
+    EventHub(std::string gameHost, uint32_t gamePort, size_t maxPendingBytes = kMaxPendingBytes);
 
     // A new page, or null when kMaxPages are open.
     std::shared_ptr<Page> openPage();
@@ -79,6 +79,7 @@ private:
 
     const std::string m_gameHost;
     const uint32_t m_gamePort;
+    const size_t m_maxPendingBytes;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_shuttingDown = false;
