@@ -2,15 +2,18 @@
 // plays frames until interrupted, serving any number of monitors at once:
 //   - text on channels 0 to 3 (a few lines a second),
 //   - in-place values in all four groups (fps, frame time, streaming and resource figures),
-//   - a profile snapshot every second, of the main thread and of a streaming worker thread,
+//   - a profile snapshot every second, of the main thread and of a streaming worker thread
+//     that works alongside each frame,
 //   - answers to requests 0 ("screenshot"), 1 ("reload") and 2 ("pause") and to data texts.
 // Its standard output says what it sends and how it answers, one line each ("game: ...").
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -36,22 +39,59 @@ public:
     }
 };
 
-// Work on a second thread, so that the profile shows more than one thread.
-void streamingWorker() {
-    zu::setThreadName(zu::getCurrentThreadId(), "Streaming Worker");
-    while (!g_stop) {
+// Work on a second thread, started with each frame, so that the profile shows two threads
+// working side by side.
+class StreamingWorker {
+public:
+    StreamingWorker() : m_thread([this] { run(); }) {}
+    ~StreamingWorker() {
         {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_one();
+        m_thread.join();
+    }
+    StreamingWorker(const StreamingWorker&) = delete;
+    StreamingWorker& operator=(const StreamingWorker&) = delete;
+
+    void frameStarted() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            ++m_frames;
+        }
+        m_wake.notify_one();
+    }
+
+private:
+    void run() {
+        zu::setThreadName(zu::getCurrentThreadId(), "Streaming Worker");
+        uint64_t done = 0;
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_wake.wait(lock, [&] { return m_stop || m_frames != done; });
+                if (m_stop) {
+                    return;
+                }
+                done = m_frames;
+            }
             d::Profile::ThreadProfiler::Scope batch("stream batch");
             {
                 d::Profile::ThreadProfiler::Scope read("read file");
-                std::this_thread::sleep_for(std::chrono::milliseconds(3));
+                std::this_thread::sleep_for(std::chrono::microseconds(700));
             }
             d::Profile::ThreadProfiler::Scope decompress("decompress");
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-}
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    uint64_t m_frames = 0;
+    bool m_stop = false;
+    std::thread m_thread;
+};
 
 void busy(std::chrono::microseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
@@ -62,6 +102,8 @@ void busy(std::chrono::microseconds time) {
 class FakeGame {
 public:
     explicit FakeGame(int fps) : m_frameTime(std::chrono::microseconds(1000000 / fps)) {}
+    FakeGame(const FakeGame&) = delete;
+    FakeGame& operator=(const FakeGame&) = delete;
 
     void run() {
         while (!g_stop) {
@@ -77,6 +119,7 @@ public:
 private:
     void frame() {
         d::Profile::ThreadProfiler::Scope frame("frame");
+        m_worker.frameStarted();
         {
             d::Profile::ThreadProfiler::Scope update("update");
             dm::update();
@@ -164,6 +207,7 @@ private:
     }
 
     const std::chrono::microseconds m_frameTime;
+    StreamingWorker m_worker;
     unsigned long long m_frame = 0;
     double m_frameMs = 0;
     int m_monitors = 0;
@@ -199,9 +243,7 @@ int main(int argc, char** argv) {
     std::printf("port %d\n", dm::getMonitorPort());
     GameDataParser parser;
     dm::setDataParserCallback(&parser);
-    std::thread worker(streamingWorker);
     FakeGame(fps).run();
-    worker.join();
     dm::setDataParserCallback(nullptr);
     dm::deinit();
     std::printf("game: stopped\n");
