@@ -55,12 +55,14 @@ int main(int argc, char** argv) {
     app.add_option("PORT", options.port, "the game's debug-monitor port")
         ->required()
         ->check(numberIn(1, 65535, "a port number (1 to 65535)"));
-    app.add_option("--count", options.count,
-                   "exit after N packets from the game; end of input then does not end the run")
-        ->check(numberIn(0, 1e9, "a number of packets"));
+    CLI::Option* count =
+        app.add_option("--count", options.count,
+                       "exit after N packets from the game; end of input then does not end the run")
+            ->check(numberIn(0, 1e9, "a number of packets"));
     app.add_option("--timeout", options.timeoutSeconds, "exit after this many seconds")
         ->check(numberIn(0, 1e9, "a number of seconds"));
     app.add_option("--web", options.webPort, "serve the web page on this port")
+        ->excludes(count)
         ->check(numberIn(0, 65535, "a port number (0 to 65535; 0 picks a free one)"));
     app.add_option("--bind", options.bindAddress, "the address the web page is served on")
         ->capture_default_str();

@@ -7,6 +7,7 @@
 // Exit 0 when every check passed, 1 when one failed, 77 (skipped) when Chromium is missing
 // and CI is not set.
 import { spawn } from 'node:child_process';
+import { request as httpRequest } from 'node:http';
 import { existsSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -205,6 +206,29 @@ async function checkPage(tools, game) {
   await tools.evaluate(`(() => { const s = document.querySelector('#search'); s.value = ''; s.dispatchEvent(new Event('input')); })()`);
 }
 
+// One HTTP request to dm-monitor; resolves with the status code.
+function statusOf(url, method, headers = {}) {
+  return new Promise((resolve, reject) => {
+    const call = httpRequest(url, { method, headers: { 'Content-Length': '0', ...headers } }, (response) => {
+      response.resume();
+      resolve(response.statusCode);
+    });
+    call.on('error', reject);
+    call.end();
+  });
+}
+
+// Commands need the page's header, other Host names are refused, requests outside 0..2 too.
+async function checkGuards(url) {
+  const command = { 'X-DM-Monitor': '1' };
+  check(await statusOf(`${url}api/request/1`, 'POST') === 403, 'a command without the page\'s header is refused');
+  check(await statusOf(`${url}api/request/3`, 'POST', command) === 400, 'request 3 is refused');
+  check(await statusOf(`${url}api/request/2`, 'POST', command) === 204, 'request 2 with the header is taken');
+  const port = new URL(url).port;
+  check(await statusOf(url, 'GET', { Host: `attacker.example:${port}` }) === 403, 'a foreign Host name is refused');
+  check(await statusOf(url, 'GET', { Host: `localhost:${port}` }) === 200, 'localhost is served');
+}
+
 async function takeScreenshot(tools, file) {
   await tools.waitFor(`document.querySelectorAll('#lines .line').length > 20`, 'enough lines for a picture');
   const shot = await tools.send('Page.captureScreenshot', { format: 'png' });
@@ -252,6 +276,7 @@ async function main() {
   await tools.send('Page.navigate', { url });
 
   await checkPage(tools, game);
+  await checkGuards(url);
   if (args.screenshot) await takeScreenshot(tools, args.screenshot);
   game = await checkRestart(tools, game);
   check(await stop(monitor) === 0, 'dm-monitor stops cleanly on SIGTERM');

@@ -38,6 +38,15 @@ const char* contentTypeOf(const std::string& name) {
     return "application/octet-stream";
 }
 
+// Any web site the user visits may send requests to a loopback address. Commands must carry
+// this header, which a foreign page cannot add without the browser asking us first (we never
+// agree), and the Host must be ours, which a name pointed at 127.0.0.1 by a foreign site is not.
+const char kCommandHeader[] = "X-DM-Monitor";
+
+bool isLoopback(const std::string& address) {
+    return address.rfind("127.", 0) == 0 || address == "::1" || address == "localhost";
+}
+
 void serveFile(const EmbeddedFile& file, httplib::Response& response) {
     response.set_content(reinterpret_cast<const char*>(file.data), file.size,
                          contentTypeOf(file.name));
@@ -129,12 +138,38 @@ void WebServer::addRoutes() {
     });
 }
 
+// Refuses requests whose Host names another server while we serve only this machine, and
+// commands without kCommandHeader.
+void WebServer::guardRequests(const std::string& address, int port) {
+    const bool loopbackOnly = isLoopback(address);
+    const std::string portSuffix = ":" + std::to_string(port);
+    m_server->set_pre_routing_handler([=](const httplib::Request& request,
+                                          httplib::Response& response) {
+        const std::string host = request.get_header_value("Host");
+        const bool knownHost = host == "127.0.0.1" + portSuffix ||
+                               host == "localhost" + portSuffix || host == "[::1]" + portSuffix;
+        if (loopbackOnly && !knownHost) {
+            response.status = 403;
+            response.set_content("unknown Host\n", "text/plain");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (request.method == "POST" && request.get_header_value(kCommandHeader) != "1") {
+            response.status = 403;
+            response.set_content(
+                std::string("commands need the header ") + kCommandHeader + ": 1\n", "text/plain");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+}
+
 int WebServer::start(const std::string& address, int port) {
     const int bound = port == 0 ? m_server->bind_to_any_port(address)
                                 : (m_server->bind_to_port(address, port) ? port : -1);
     if (bound < 0) {
         return -1;
     }
+    guardRequests(address, bound);
     m_thread = std::thread([this] { m_server->listen_after_bind(); });
     return bound;
 }

@@ -32,6 +32,7 @@ public:
 
 private:
     void addRoutes();
+    void guardRequests(const std::string& address, int port);
 
     EventHub& m_hub;
     GameLink& m_link;

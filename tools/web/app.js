@@ -405,7 +405,7 @@ function connect() {
 async function post(path, body, what) {
   const status = $('command-status');
   try {
-    const response = await fetch(path, { method: 'POST', body, headers: { 'Content-Type': 'text/plain' } });
+    const response = await fetch(path, { method: 'POST', body, headers: { 'Content-Type': 'text/plain', 'X-DM-Monitor': '1' } });
     status.className = response.ok ? '' : 'error';
     status.textContent = response.ok ? `${what} sent` : `${what}: ${(await response.text()).trim()}`;
   } catch (error) {
