@@ -43,7 +43,7 @@ CLI::Validator numberIn(double minimum, double maximum, const std::string& what)
             }
             return "";
         },
-        what);
+        CLI::detail::to_string(minimum) + " to " + CLI::detail::to_string(maximum));
 }
 
 }  // namespace
