@@ -1,7 +1,8 @@
 // The web monitor end to end: text lines per second from a game (this process, dm::print) through
-// `dm-monitor --web` to an open page (an HTTP client reading /events, as a browser does), next
-// to the terminal monitor writing the same lines to a pipe; then the tool's memory while a
-// game sends 1,000,000 lines and 200,000 distinct in-place names.
+// `dm-monitor --web` to a reader of /events (an HTTP client, as a page reads it), alone and with
+// the real page open in headless Chromium as well, next to the terminal monitor writing the
+// same lines to a pipe; then the tool's memory while a game sends 1,000,000 lines and 200,000
+// distinct in-place names with the page open.
 //
 // The game keeps at most kWindow lines in flight (sent but not yet seen by the reader), so
 // nothing is dropped and the figure is what the whole chain sustains. Rounds alternate between
@@ -16,9 +17,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,13 +45,16 @@ struct Tool {
     int output = -1;
 };
 
-Tool spawnTool(const std::vector<std::string>& args) {
+Tool spawnTool(const std::vector<std::string>& args, bool ownGroup = false) {
     int pipeEnds[2];
     if (pipe(pipeEnds) != 0) {
         return {};
     }
     const pid_t pid = fork();
     if (pid == 0) {
+        if (ownGroup) {
+            setpgid(0, 0);  // Chromium's helpers go with it when the group is killed
+        }
         dup2(pipeEnds[1], STDOUT_FILENO);
         const int null = open("/dev/null", O_RDWR);
         dup2(null, STDIN_FILENO);
@@ -126,20 +132,68 @@ double sendLines(uint64_t lines, const std::atomic<uint64_t>& seen, uint64_t see
     return static_cast<double>(lines) / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// dm-monitor --web and a page reading its events.
+const char kChromium[] = "/usr/bin/chromium";
+
+// The page in headless Chromium, for as long as the object lives.
+class BrowserPage {
+public:
+    explicit BrowserPage(int webPort) {
+        char folder[] = "/tmp/dm-bench-chromium-XXXXXX";
+        m_profile = mkdtemp(folder) ? folder : "";
+        m_browser = spawnTool(
+            {kChromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+             "--no-first-run", "--disable-background-networking", "--disable-component-update",
+             "--disable-sync", "--user-data-dir=" + m_profile, "--remote-debugging-port=0",
+             "http://127.0.0.1:" + std::to_string(webPort) + "/"},
+            true);
+    }
+    ~BrowserPage() {
+        kill(-m_browser.pid, SIGKILL);
+        waitpid(m_browser.pid, nullptr, 0);
+        close(m_browser.output);
+        std::system(("rm -rf " + m_profile).c_str());
+    }
+    BrowserPage(const BrowserPage&) = delete;
+    BrowserPage& operator=(const BrowserPage&) = delete;
+
+private:
+    Tool m_browser;
+    std::string m_profile;
+};
+
+// dm-monitor --web and a page reading its events; with `browser`, the real page too.
 class WebRun {
 public:
-    explicit WebRun(int gamePort) {
+    explicit WebRun(int gamePort, bool browser = false) {
         m_tool = spawnTool({DM_MONITOR_TOOL, "--web", "0", "127.0.0.1", std::to_string(gamePort)});
         const std::string line = readLine(m_tool.output);
         const size_t at = line.find("127.0.0.1:");
         m_webPort = at == std::string::npos ? 0 : std::atoi(line.c_str() + at + 10);
         m_page = std::thread([this] { readPage(); });
-        updateUntil([&] { return dm::getMonitorConnectionCount() > 0 && m_pageOpen.load(); });
+        const size_t pages = browser ? 2 : 1;
+        if (browser) {
+            m_browser = std::make_unique<BrowserPage>(m_webPort);
+        }
+        updateUntil([&] {
+            return dm::getMonitorConnectionCount() > 0 && m_pageOpen.load() &&
+                   state("pages") >= pages;
+        });
     }
     ~WebRun() {
+        m_browser.reset();
         stopTool(m_tool);
         m_page.join();
+    }
+    // A counter from /api/state.
+    uint64_t state(const char* name) const {
+        httplib::Client client("127.0.0.1", m_webPort);
+        const auto result = client.Get("/api/state");
+        if (!result || result->status != 200) {
+            return 0;
+        }
+        const std::string key = std::string("\"") + name + "\":";
+        const size_t at = result->body.find(key);
+        return at == std::string::npos ? 0 : std::stoull(result->body.substr(at + key.size()));
     }
     const std::atomic<uint64_t>& seen() const { return m_seen; }
     pid_t pid() const { return m_tool.pid; }
@@ -167,6 +221,7 @@ private:
 
     Tool m_tool;
     int m_webPort = 0;
+    std::unique_ptr<BrowserPage> m_browser;
     std::thread m_page;
     std::atomic<bool> m_pageOpen{false};
     std::atomic<uint64_t> m_seen{0};
@@ -214,11 +269,19 @@ void waitForMonitorsToLeave() {
 int main() {
     dm::init(0);
     const int port = dm::getMonitorPort();
-    std::vector<double> web, terminal;
+    const bool haveBrowser = access(kChromium, X_OK) == 0;
+    std::vector<double> web, browser, terminal;
+    uint64_t restarts = 0;
     for (int round = 0; round < kRounds; ++round) {
         {
             WebRun run(port);
             web.push_back(sendLines(kLinesPerRound, run.seen(), 0));
+        }
+        waitForMonitorsToLeave();
+        if (haveBrowser) {
+            WebRun run(port, true);
+            browser.push_back(sendLines(kLinesPerRound, run.seen(), 0));
+            restarts += run.state("pagesRestarted");
         }
         waitForMonitorsToLeave();
         {
@@ -230,17 +293,26 @@ int main() {
     std::printf("text lines from the game to the monitor (%llu lines a round, median of %d)\n",
                 static_cast<unsigned long long>(kLinesPerRound), kRounds);
     std::printf("| monitor | lines/s | ratio |\n|---|---:|---:|\n");
-    std::printf("| dm-monitor --web, page open | %.0f | %.2f |\n", median(web),
+    std::printf("| dm-monitor --web, events read over HTTP | %.0f | %.2f |\n", median(web),
                 median(web) / median(terminal));
-    std::printf("| dm-monitor on a pipe (peer) | %.0f | 1.00 |\n\n", median(terminal));
+    if (haveBrowser) {
+        std::printf("| dm-monitor --web, same and the page open in Chromium | %.0f | %.2f |\n",
+                    median(browser), median(browser) / median(terminal));
+    }
+    std::printf("| dm-monitor on a pipe (peer) | %.0f | 1.00 |\n", median(terminal));
+    if (haveBrowser) {
+        std::printf("(the Chromium page fell behind and started over %llu times in %d rounds)\n",
+                    static_cast<unsigned long long>(restarts), kRounds);
+    }
+    std::printf("\n");
 
-    WebRun run(port);
+    WebRun run(port, haveBrowser);
     const auto [startRss, startPeak] = memoryOf(run.pid());
-    std::printf("dm-monitor --web memory (KiB), page open\n");
+    std::printf("dm-monitor --web memory (KiB)%s\n", haveBrowser ? ", page open in Chromium" : "");
     std::printf("| after | resident | peak resident |\n|---|---:|---:|\n");
     std::printf("| start | %ld | %ld |\n", startRss, startPeak);
     uint64_t sent = 0;
-    for (uint64_t mark : {uint64_t{100000}, kMemoryLines}) {
+    for (uint64_t mark : {uint64_t{100000}, uint64_t{500000}, kMemoryLines}) {
         sendLines(mark - sent, run.seen(), sent);
         sent = mark;
         const auto [rss, peak] = memoryOf(run.pid());

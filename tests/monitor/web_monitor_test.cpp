@@ -128,10 +128,38 @@ TEST(EventHub, PagesGetEachEventOnceAndAPageTooFarBehindStartsOver) {
         EXPECT_NE(text.find(big), std::string::npos);
     }
     EXPECT_EQ(hub.counters().pagesRestarted, 1u);
+    const json state = json::parse(hub.stateJson());
+    EXPECT_EQ(state["pagesRestarted"], 1);
+    EXPECT_EQ(state["pages"], 2);
+    EXPECT_EQ(state["link"]["state"], "connecting");
     events = takeAll(hub, *fallingBehind);
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(events[0]["type"], "reset");
     EXPECT_EQ(ofType(events, "text").size(), hub.counters().lines);
+}
+
+TEST(EventHub, AQueueIsHandedOutInSlicesInOrder) {
+    EventHub hub("localhost", 1);
+    auto page = hub.openPage();
+    takeAll(hub, *page);
+    constexpr size_t kLines = 1000;
+    for (size_t i = 0; i < kLines; ++i) {
+        hub.textLine(0, std::to_string(i) + ":" + std::string(1000, '.'));
+    }
+    std::vector<json> all = takeAll(hub, *page);
+    EXPECT_GT(all.size(), 0u);
+    EXPECT_LT(all.size(), kLines) << "one call hands out a slice, not the whole queue";
+    for (size_t slice = 0; slice < kLines && all.size() < kLines; ++slice) {
+        const std::vector<json> more = takeAll(hub, *page);
+        ASSERT_FALSE(more.empty());
+        all.insert(all.end(), more.begin(), more.end());
+    }
+    ASSERT_EQ(all.size(), kLines);
+    for (size_t i = 0; i < kLines; ++i) {
+        const std::string text = all[i]["text"];
+        ASSERT_EQ(text.substr(0, text.find(':')), std::to_string(i));
+    }
+    EXPECT_EQ(hub.counters().pagesRestarted, 0u);
 }
 
 TEST(EventHub, PagesAreBoundedAndShutDownEndsTheirWait) {

@@ -54,6 +54,14 @@ json profileJson(const d::Profile::ProfileSnapshot& snapshot) {
                 {"threads", std::move(threads)}};
 }
 
+// What a queued event takes in memory: its text, the string and the queue's bookkeeping.
+size_t costOf(const std::string& event) {
+    return event.size() + 64;
+}
+
+// The most one takeEvents hands out (a little more when a single event is larger).
+constexpr size_t kMaxSliceBytes = 256 * 1024;
+
 void appendEvent(std::string& out, const std::string& event) {
     out += "data: ";
     out += event;
@@ -93,11 +101,12 @@ bool EventHub::takeEvents(Page& page, std::string& out, std::chrono::millisecond
         appendState(out);
         return true;
     }
-    for (const std::string& event : page.pending) {
-        appendEvent(out, event);
+    // In slices, so that a page far behind does not make the tool copy its whole queue at once.
+    while (!page.pending.empty() && out.size() < kMaxSliceBytes) {
+        appendEvent(out, page.pending.front());
+        page.pendingBytes -= costOf(page.pending.front());
+        page.pending.pop_front();
     }
-    page.pending.clear();
-    page.pendingBytes = 0;
     return true;
 }
 
@@ -135,7 +144,10 @@ std::string EventHub::linkJson() const {
 
 std::string EventHub::stateJson() const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return linkJson();
+    return dump(json{{"link", json::parse(linkJson())},
+                     {"pages", m_pages.size()},
+                     {"lines", m_counters.lines},
+                     {"pagesRestarted", m_counters.pagesRestarted}});
 }
 
 EventHub::Counters EventHub::counters() const {
@@ -149,7 +161,7 @@ void EventHub::publish(std::string event) {
         if (page->startOver) {
             continue;  // it gets the whole state anyway
         }
-        page->pendingBytes += event.size();
+        page->pendingBytes += costOf(event);
         page->pending.push_back(event);
         if (page->pendingBytes > m_maxPendingBytes) {
             page->startOver = true;  // too far behind: it starts again from the state so far

@@ -44,8 +44,8 @@ public:
     std::shared_ptr<Page> openPage();
     void closePage(const std::shared_ptr<Page>& page);
 
-    // Waits up to `wait` for events for `page` and appends them to `out` as server-sent
-    // events. False once the hub is shutting down.
+    // Waits up to `wait` for events for `page` and appends them (up to about 256 KiB at a
+    // time) to `out` as server-sent events. False once the hub is shutting down.
     bool takeEvents(Page& page, std::string& out, std::chrono::milliseconds wait);
 
     // Wakes every waiting page and makes takeEvents return false from now on.
@@ -54,7 +54,7 @@ public:
     // A short line for the page's log when it sent something to the game.
     void noteCommand(const std::string& what);
 
-    // The link state as JSON (for /api/state).
+    // The link state, open pages and counters as JSON (for /api/state).
     std::string stateJson() const;
 
     // GameLinkListener:
