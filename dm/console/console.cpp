@@ -140,7 +140,14 @@ void Console::echoCommand() {
         }
     }
     echoFormat.append('\n');
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wformat-security"  // every '%' in it is doubled above
+#endif
     scrollingTextWindow->printWithPrefix(true, echoFormat.c_str());
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 }
 
 void Console::bind(unsigned char key, const zu::InplaceString<128>& command) {
@@ -168,9 +175,10 @@ void Console::render() {
 
 void Console::print(const char* format, ...) {
     char buffer[kFormatBufferSize];
+    buffer[0] = 0;  // what a null format prints
     va_list args;
     va_start(args, format);
-    const int written = std::vsnprintf(buffer, kFormatBufferSize, format ? format : "", args);
+    const int written = format ? std::vsnprintf(buffer, kFormatBufferSize, format, args) : 0;
     va_end(args);
     if (written < 0 || static_cast<size_t>(written) >= kFormatBufferSize) {
         buffer[0] = 0;  // as the bounds-checked vsnprintf does with a result that does not fit

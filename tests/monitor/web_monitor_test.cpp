@@ -1,0 +1,294 @@
+// The web monitor's state and its bounds (EventHub, InPlaceStore through a seam: no sockets),
+// and the stand-in game and the terminal tool's command warnings as separate processes.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "monitor/event_hub.h"
+#include "monitor/in_place_store.h"
+#include "support/test_support.h"
+
+namespace {
+
+using dm_tools::EventHub;
+using dm_tools::InPlaceStore;
+using nlohmann::json;
+
+// The events a page receives, parsed from the server-sent-event text.
+std::vector<json> takeAll(EventHub& hub, EventHub::Page& page) {
+    std::string text;
+    EXPECT_TRUE(hub.takeEvents(page, text, std::chrono::milliseconds(0)));
+    std::vector<json> events;
+    size_t start = 0;
+    while ((start = text.find("data: ", start)) != std::string::npos) {
+        const size_t end = text.find("\n\n", start);
+        events.push_back(json::parse(text.substr(start + 6, end - start - 6)));
+        start = end + 2;
+    }
+    return events;
+}
+
+std::vector<json> ofType(const std::vector<json>& events, const std::string& type) {
+    std::vector<json> found;
+    for (const json& event : events) {
+        if (event["type"] == type) {
+            found.push_back(event);
+        }
+    }
+    return found;
+}
+
+d::Profile::ProfileSnapshot snapshotWithScope(const char* name) {
+    d::Profile::ProfileSnapshot snapshot;
+    d::Profile::ProfileThreadRecord thread;
+    thread.threadId = 7;
+    thread.name = "Main";
+    d::Profile::ProfileScopeRecord scope;
+    scope.name = name;
+    scope.beginMicroseconds = 10;
+    scope.endMicroseconds = 25;
+    thread.scopes.push_back(scope);
+    snapshot.threads.push_back(thread);
+    return snapshot;
+}
+
+TEST(EventHub, APageOpenedLateGetsTheBoundedStateSoFar) {
+    EventHub hub("127.0.0.1", 1234);
+    hub.linkState(dm_tools::LinkState::Connected, 2);
+    for (size_t i = 0; i < EventHub::kMaxLines + 500; ++i) {
+        hub.textLine(static_cast<int>(i % 4), "line " + std::to_string(i));
+    }
+    for (size_t i = 0; i < InPlaceStore::kMaxNames + 300; ++i) {
+        hub.inPlace(1, "value " + std::to_string(i), std::to_string(i) + " ms");
+    }
+    for (size_t i = 0; i < EventHub::kMaxProfiles + 5; ++i) {
+        hub.profile(snapshotWithScope(("scope" + std::to_string(i)).c_str()));
+    }
+
+    auto page = hub.openPage();
+    ASSERT_TRUE(page);
+    const std::vector<json> events = takeAll(hub, *page);
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events[0]["type"], "reset");
+    EXPECT_EQ(events[1], json::parse(R"({"type":"link","state":"connected","host":"127.0.0.1",
+                                         "port":1234,"connects":2})"));
+
+    const std::vector<json> lines = ofType(events, "text");
+    ASSERT_EQ(lines.size(), EventHub::kMaxLines);
+    EXPECT_EQ(lines.front()["text"], "line 500");
+    EXPECT_EQ(lines.back(), json::parse(R"({"type":"text","channel":3,"text":"line 2499"})"));
+
+    const std::vector<json> values = ofType(events, "inplace");
+    ASSERT_EQ(values.size(), InPlaceStore::kMaxNames);
+    bool newestKept = false;
+    for (const json& value : values) {
+        EXPECT_EQ(value["groupName"], "Engine Statistics");
+        EXPECT_NE(value["name"], "value 299") << "the oldest names make room";
+        if (value["name"] == "value 1323") {
+            newestKept = true;
+            EXPECT_EQ(value["text"], "1323 ms");
+            EXPECT_EQ(value["history"], json::array({1323.0}));
+        }
+    }
+    EXPECT_TRUE(newestKept);
+
+    const std::vector<json> profiles = ofType(events, "profile");
+    ASSERT_EQ(profiles.size(), EventHub::kMaxProfiles);
+    EXPECT_EQ(profiles.back()["threads"][0]["scopes"][0], json::parse(R"(["scope20",0,10,25])"));
+    EXPECT_EQ(profiles.back()["threads"][0]["id"], "7");
+}
+
+TEST(EventHub, PagesGetEachEventOnceAndAPageTooFarBehindStartsOver) {
+    constexpr size_t kMaxPending = 64 * 1024;
+    EventHub hub("localhost", 1, kMaxPending);
+    auto keepingUp = hub.openPage();
+    auto fallingBehind = hub.openPage();
+    takeAll(hub, *keepingUp);
+    takeAll(hub, *fallingBehind);
+
+    hub.textLine(0, "first");
+    hub.inPlace(2, "queued files", "3");
+    hub.textLine(5, std::string("bad \xff utf-8"));
+    std::vector<json> events = takeAll(hub, *keepingUp);
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0]["text"], "first");
+    EXPECT_EQ(events[1],
+              json::parse(R"({"type":"inplace","group":2,"groupName":"Streaming Statistics",
+                                         "name":"queued files","text":"3","value":3.0})"));
+    EXPECT_EQ(events[2]["text"], "bad \xEF\xBF\xBD utf-8");
+    EXPECT_TRUE(takeAll(hub, *keepingUp).empty());
+
+    const std::string big(1000, 'x');
+    for (size_t sent = 0; sent <= kMaxPending; sent += big.size()) {
+        hub.textLine(1, big);
+        std::string text;
+        ASSERT_TRUE(hub.takeEvents(*keepingUp, text, std::chrono::milliseconds(0)));
+        EXPECT_NE(text.find(big), std::string::npos);
+    }
+    EXPECT_EQ(hub.counters().pagesRestarted, 1u);
+    const json state = json::parse(hub.stateJson());
+    EXPECT_EQ(state["pagesRestarted"], 1);
+    EXPECT_EQ(state["pages"], 2);
+    EXPECT_EQ(state["link"]["state"], "connecting");
+    events = takeAll(hub, *fallingBehind);
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events[0]["type"], "reset");
+    EXPECT_EQ(ofType(events, "text").size(), hub.counters().lines);
+}
+
+TEST(EventHub, AQueueIsHandedOutInSlicesInOrder) {
+    EventHub hub("localhost", 1);
+    auto page = hub.openPage();
+    takeAll(hub, *page);
+    constexpr size_t kLines = 1000;
+    for (size_t i = 0; i < kLines; ++i) {
+        hub.textLine(0, std::to_string(i) + ":" + std::string(1000, '.'));
+    }
+    std::vector<json> all = takeAll(hub, *page);
+    EXPECT_GT(all.size(), 0u);
+    EXPECT_LT(all.size(), kLines) << "one call hands out a slice, not the whole queue";
+    for (size_t slice = 0; slice < kLines && all.size() < kLines; ++slice) {
+        const std::vector<json> more = takeAll(hub, *page);
+        ASSERT_FALSE(more.empty());
+        all.insert(all.end(), more.begin(), more.end());
+    }
+    ASSERT_EQ(all.size(), kLines);
+    for (size_t i = 0; i < kLines; ++i) {
+        const std::string text = all[i]["text"];
+        ASSERT_EQ(text.substr(0, text.find(':')), std::to_string(i));
+    }
+    EXPECT_EQ(hub.counters().pagesRestarted, 0u);
+}
+
+TEST(EventHub, PagesAreBoundedAndShutDownEndsTheirWait) {
+    EventHub hub("localhost", 1);
+    std::vector<std::shared_ptr<EventHub::Page>> pages;
+    for (size_t i = 0; i < EventHub::kMaxPages; ++i) {
+        pages.push_back(hub.openPage());
+        ASSERT_TRUE(pages.back());
+    }
+    EXPECT_FALSE(hub.openPage());
+    hub.closePage(pages.back());
+    pages.back() = hub.openPage();
+    EXPECT_TRUE(pages.back());
+
+    takeAll(hub, *pages[0]);
+    std::string text;
+    std::thread closer([&] { hub.shutDown(); });
+    EXPECT_FALSE(hub.takeEvents(*pages[0], text, std::chrono::seconds(30)));
+    closer.join();
+}
+
+TEST(InPlaceStore, KeepsTheRecentlyUpdatedNamesAndShortHistories) {
+    InPlaceStore store(3);
+    store.set(0, "a", "1");
+    store.set(0, "b", "2");
+    store.set(1, "a", "3");
+    store.set(0, "a", "4");  // now b is the one updated longest ago
+    store.set(0, "c", "5");
+    EXPECT_EQ(store.entries().size(), 3u);
+    EXPECT_EQ(store.evicted(), 1u);
+    EXPECT_EQ(store.entries().count({0, "b"}), 0u);
+    EXPECT_EQ(store.entries().at({0, "a"}).history, (std::deque<double>{1, 4}));
+
+    for (int i = 0; i < 500; ++i) {
+        store.set(0, "c", std::to_string(i) + " fps");
+    }
+    const auto& history = store.entries().at({0, "c"}).history;
+    ASSERT_EQ(history.size(), InPlaceStore::kHistoryLength);
+    EXPECT_EQ(history.back(), 499);
+    store.set(0, "c", "n/a");  // not a number: the text changes, the plot keeps its points
+    EXPECT_EQ(store.entries().at({0, "c"}).text, "n/a");
+    EXPECT_EQ(history.size(), InPlaceStore::kHistoryLength);
+
+    const std::string longName(1000, 'n');
+    store.set(2, longName, "x");
+    EXPECT_EQ(store.entries().count({2, longName.substr(0, InPlaceStore::kMaxNameBytes)}), 1u);
+}
+
+// --- the stand-in game and the terminal tool, as processes ---------------------------------
+
+using dmtest::ChildProcess;
+
+std::string gamePort(ChildProcess& game) {
+    if (!game.started() || !game.waitForOutput("port ")) {
+        return "";
+    }
+    const std::string& output = game.output();
+    const size_t start = output.find("port ") + 5;
+    return output.substr(start, output.find('\n', start) - start);
+}
+
+TEST(FakeGame, ServesSeveralMonitorsAndKeepsRunningWhenTheyLeave) {
+    ChildProcess game(DM_FAKE_GAME_TOOL, {"--port", "0", "--fps", "60"});
+    const std::string port = gamePort(game);
+    ASSERT_FALSE(port.empty()) << game.output();
+    for (int round = 0; round < 2; ++round) {
+        ChildProcess first(DM_MONITOR_TOOL, {"127.0.0.1", port}, true);
+        ChildProcess second(DM_MONITOR_TOOL, {"127.0.0.1", port}, true);
+        ASSERT_TRUE(first.waitForOutput("[Engine Statistics] fps = ")) << first.output();
+        ASSERT_TRUE(second.waitForOutput("[Resource Statistics] textures = "));
+        ASSERT_TRUE(first.waitForOutput("[profile] 2 threads"));
+        ASSERT_TRUE(first.writeInput("request 2\n"));
+        EXPECT_TRUE(second.waitForOutput("request 2 handled (pause)")) << second.output();
+        ASSERT_TRUE(second.writeInput("data round " + std::to_string(round) + "\n"));
+        EXPECT_TRUE(first.waitForOutput("data received: round " + std::to_string(round)));
+        first.closeInput();
+        second.closeInput();
+        EXPECT_EQ(first.wait(), 0);
+        EXPECT_EQ(second.wait(), 0);
+    }
+    EXPECT_TRUE(game.waitForOutput("game: 0 monitors connected"));
+    const std::string& said = game.output();
+    EXPECT_NE(said.find("game: 2 monitors connected"), std::string::npos) << said;
+    EXPECT_NE(said.find("game: request 2 (pause) -> answered"), std::string::npos);
+    EXPECT_NE(said.find("game: data \"round 1\""), std::string::npos);
+    EXPECT_NE(said.find("game: sends text [0] frame"), std::string::npos);
+    EXPECT_NE(said.find("game: sends a profile snapshot"), std::string::npos);
+    game.kill();
+}
+
+// Standard error joined to the output, through a shell.
+ChildProcess monitorWithErrors(const std::string& arguments) {
+    return ChildProcess("/bin/sh", {"-c", std::string(DM_MONITOR_TOOL) + " " + arguments + " 2>&1"},
+                        true);
+}
+
+TEST(MonitorTool, WarnsAboutRequestsTheGameIgnoresAndUnknownCommands) {
+    ChildProcess game(DM_FAKE_GAME_TOOL, {});
+    const std::string port = gamePort(game);
+    ASSERT_FALSE(port.empty());
+    ChildProcess tool = monitorWithErrors("127.0.0.1 " + port);
+    ASSERT_TRUE(tool.waitForOutput("connected to"));
+    ASSERT_TRUE(tool.writeInput("request 3\nrequest -1\nrequest x\nfrobnicate\nhelp\nrequest 0\n"));
+    ASSERT_TRUE(tool.waitForOutput("request 0 handled")) << tool.output();
+    tool.closeInput();
+    EXPECT_EQ(tool.wait(), 0);
+    const std::string& said = tool.output();
+    EXPECT_NE(said.find("request 3 not sent: the game only knows requests 0, 1 and 2"),
+              std::string::npos)
+        << said;
+    EXPECT_NE(said.find("request -1 not sent"), std::string::npos);
+    EXPECT_NE(said.find("request needs a whole number"), std::string::npos);
+    EXPECT_NE(said.find("unknown command \"frobnicate\""), std::string::npos);
+    EXPECT_NE(said.find("commands: data TEXT, request 0|1|2"), std::string::npos);
+    EXPECT_EQ(game.output().find("game: request 3"), std::string::npos);
+    game.kill();
+}
+
+TEST(MonitorTool, HelpAndBadArgumentsOfTheWebMode) {
+    ChildProcess help = monitorWithErrors("--help");
+    EXPECT_EQ(help.wait(), 0);
+    EXPECT_NE(help.output().find("--web"), std::string::npos) << help.output();
+    EXPECT_NE(help.output().find("request N"), std::string::npos);
+    for (const char* arguments : {"--web 70000 127.0.0.1 1", "--web x 127.0.0.1 1",
+                                  "--web 0 127.0.0.1", "--web 0 --bind 1.2.3.4.5 127.0.0.1 1"}) {
+        ChildProcess tool = monitorWithErrors(arguments);
+        EXPECT_NE(tool.wait(), 0) << arguments;
+        EXPECT_NE(tool.output().find("dm-monitor: "), std::string::npos) << tool.output();
+    }
+}
+
+}  // namespace
