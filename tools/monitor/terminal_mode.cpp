@@ -72,10 +72,15 @@ std::string describeThread(const d::Profile::ProfileThreadRecord& thread) {
     if (thread.droppedScopes > 0) {
         text += " (" + std::to_string(thread.droppedScopes) + " older not sent)";
     }
+    // Of scopes that took equally long (a scope and the one it wraps often do, to the
+    // microsecond), the outer one is named.
     const d::Profile::ProfileScopeRecord* longest = nullptr;
     for (const d::Profile::ProfileScopeRecord& scope : thread.scopes) {
         const uint64_t duration = scope.endMicroseconds - scope.beginMicroseconds;
-        if (!longest || duration > longest->endMicroseconds - longest->beginMicroseconds) {
+        const uint64_t longestDuration =
+            longest ? longest->endMicroseconds - longest->beginMicroseconds : 0;
+        if (!longest || duration > longestDuration ||
+            (duration == longestDuration && scope.depth < longest->depth)) {
             longest = &scope;
         }
     }
