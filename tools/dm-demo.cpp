@@ -18,11 +18,8 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     zu::setThreadName(zu::getCurrentThreadId(), "dm-demo main");
     int (*const sections[])() = {
-        demo::runPacketDemo,
-        demo::runMonitorDemo,
-        demo::runPipeDemo,
-        demo::runFileServerDemo,
-        demo::runConsoleDemo,
+        demo::runPacketDemo,     demo::runMonitorDemo, demo::runPipeDemo,
+        demo::runFileServerDemo, demo::runConsoleDemo,
     };
     int failures = 0;
     for (auto section : sections) {

@@ -495,8 +495,8 @@ void Socket::prepareReceiveRoom() {
 
 uint32_t Socket::wholeFrameSize() const {
     uint32_t frameSize = 0;
-    const wire::FrameCheck check = wire::checkFrame(
-        m_receiveBuffer + m_receiveBegin, m_receiveEnd - m_receiveBegin, &frameSize);
+    const wire::FrameCheck check = wire::checkFrame(m_receiveBuffer + m_receiveBegin,
+                                                    m_receiveEnd - m_receiveBegin, &frameSize);
     return check == wire::FrameCheck::Whole ? frameSize : 0;
 }
 
