@@ -4,6 +4,8 @@
 //     profile snapshot, watched by the dm-monitor tool started as a second process.
 //  3. Communication pipes: the demo serves the pipe "echo" from a server pipe manager, and the
 //     dm-pipe-echo tool, started as a second process, asks on it through a client manager.
+//  4. The hub: dm-hub runs as a second process; the demo and dm-hub-member join it and
+//     exchange a notification and a request through it.
 #include <cstdio>
 
 #include "demo/demo_sections.h"
@@ -15,6 +17,7 @@ int main() {
         demo::runPacketDemo,
         demo::runMonitorDemo,
         demo::runPipeDemo,
+        demo::runHubDemo,
     };
     int failures = 0;
     for (auto section : sections) {

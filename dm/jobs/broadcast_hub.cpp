@@ -41,12 +41,15 @@ BroadcastServer::Hub::Hub(BroadcastServer& server, const char* name, int port)
       m_refcountName(zu::str("%s_refcount", m_name.c_str())),
       m_fanOut(*this),
       m_forwarder(*this) {
-    m_fanOut.start();
-    m_forwarder.start();
+    // The manager listens already: the sooner the callbacks are in place, the narrower the
+    // window in which a client is accepted without being given a manager of its own (it then
+    // stays on the hub's port). What the callbacks queue meanwhile waits for the threads.
     if (m_mainManager) {
         m_mainManager->setClientConnectionCallback({this, onClientConnected});
         m_mainManager->setPipeCreateCallback({this, onPipeCreated});
     }
+    m_fanOut.start();
+    m_forwarder.start();
 }
 
 // JobForwardRequest, run only while the hub stays: once the hub is going, forwarding jobs still

@@ -9,5 +9,8 @@ int runPacketDemo();
 int runMonitorDemo();
 // The pipe "echo" served to dm-pipe-echo in a second process.
 int runPipeDemo();
+// Two tools, this demo and dm-hub-member, exchange a notification and a request through
+// dm-hub.
+int runHubDemo();
 
 }  // namespace demo
