@@ -1,8 +1,10 @@
 // A hub in this process and members in processes of their own (dm-hub-member), over loopback.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dm/comm.h"
@@ -180,6 +182,46 @@ TEST_F(HubTest, TearingTheHubDownWhileARequestWaitsForAnAnswerEndsIt) {
     }));
     destroyHub();
     dm::deinitCommunicationManager(silent.getName());
+}
+
+TEST_F(HubTest, TearingTheHubDownWhileMembersKeepTalkingNeitherHangsNorLeaks) {
+    addMembers();
+    // Members in this process that send without pause, so that the hub's callbacks are busy
+    // on every manager while it goes.
+    constexpr int kTalkers = 3;
+    std::vector<std::unique_ptr<dm::Client>> talkers;
+    for (int i = 0; i < kTalkers; ++i) {
+        talkers.push_back(
+            std::make_unique<dm::Client>((m_hubName + "talker" + std::to_string(i)).c_str()));
+        talkers.back()->getPipe("chat");
+        talkers.back()->connect("127.0.0.1", m_port);
+    }
+    for (auto& talker : talkers) {
+        dmtest::runBounded("waitPipeToConnect", [&] { talker->waitPipeToConnect("chat"); });
+    }
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (auto& talker : talkers) {
+        dm::CommunicationPipe* pipe = talker->getPipe("chat");
+        threads.emplace_back([pipe, &stop] {
+            for (int sent = 0; !stop.load(); ++sent) {
+                pipe->sendNotify(("chatter " + std::to_string(sent)).c_str(), 0);
+                uint32_t value = 0;
+                while (!pipe->receiveNotify(&value).empty()) {
+                }
+                std::this_thread::yield();
+            }
+        });
+    }
+    EXPECT_TRUE(member(0).waitFor("notification \"chatter"));
+    destroyHub();
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (auto& talker : talkers) {
+        dm::deinitCommunicationManager(talker->getName());
+    }
 }
 
 }  // namespace
