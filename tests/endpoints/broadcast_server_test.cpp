@@ -17,8 +17,8 @@ namespace {
 using dmtest::HubMember;
 
 constexpr int kMembers = 3;
-// The hub's port, its members' and room for one more.
-constexpr int kPortsNeeded = kMembers + 3;
+// The hub's port, its members' and room for three more.
+constexpr int kPortsNeeded = 1 + kMembers + 3;
 
 class HubTest : public ::testing::Test {
 protected:
