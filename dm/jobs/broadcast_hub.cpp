@@ -33,21 +33,25 @@ zu::InplaceString<128> memberName(const char* hubName, uint32_t id) {
 
 }  // namespace
 
-BroadcastServer::Hub::Hub(BroadcastServer& server, const char* name, int port)
-    : m_server(server),
-      m_mainManager(server.getManager()),
-      m_name(name ? name : ""),
-      m_port(port),
+ClientConnectionCallback BroadcastServer::Hub::clientConnectionCallback(Hub* hub) {
+    return {hub, onClientConnected};
+}
+
+PipeCreateCallback BroadcastServer::Hub::pipeCreateCallback(Hub* hub) {
+    return {hub, onPipeCreated};
+}
+
+// The manager calls back from its first client on, before attach: what the callbacks queue
+// meanwhile waits for the threads.
+BroadcastServer::Hub::Hub(const char* name)
+    : m_name(name ? name : ""),
       m_refcountName(zu::str("%s_refcount", m_name.c_str())),
       m_fanOut(*this),
-      m_forwarder(*this) {
-    // The manager listens already: the sooner the callbacks are in place, the narrower the
-    // window in which a client is accepted without being given a manager of its own (it then
-    // stays on the hub's port). What the callbacks queue meanwhile waits for the threads.
-    if (m_mainManager) {
-        m_mainManager->setClientConnectionCallback({this, onClientConnected});
-        m_mainManager->setPipeCreateCallback({this, onPipeCreated});
-    }
+      m_forwarder(*this) {}
+
+void BroadcastServer::Hub::attach(BroadcastServer& server) {
+    m_server = &server;
+    m_mainManager = server.getManager();
     m_fanOut.start();
     m_forwarder.start();
 }
@@ -84,7 +88,9 @@ BroadcastServer::Hub::~Hub() {
     closeGate();
     m_fanOut.stop();
     m_forwarder.stop();  // the forward under way was let go by closeGate
-    m_server.jobManager().waitJobsToComplete();
+    if (m_server) {
+        m_server->jobManager().waitJobsToComplete();
+    }
     destroyManagers();
 }
 
@@ -155,24 +161,26 @@ void BroadcastServer::Hub::destroyIfRegistered(CommunicationPipeManager* manager
 
 // --- Members ---
 
-void BroadcastServer::Hub::onClientConnected(void* context, CommunicationPipeManager*) {
+void BroadcastServer::Hub::onClientConnected(void* context, CommunicationPipeManager* manager) {
     Hub& hub = *static_cast<Hub*>(context);
     CallbackScope scope(hub);
     if (scope) {
-        hub.addClientMember();
+        hub.addClientMember(*manager);
     }
 }
 
 // Main manager's thread: a client connected to the hub's port gets a manager of its own and is
 // redirected to it.
-void BroadcastServer::Hub::addClientMember() {
+void BroadcastServer::Hub::addClientMember(CommunicationPipeManager& mainManager) {
+    uint32_t hubPort = 0;
+    mainManager.getHost(&hubPort);
     uint32_t id = 0;
     zu::InplaceString<128> name;
     if (!reserveMember(&id, &name)) {
         logLine("BroadcastServer \"%s\" is full: a client stays on its port\n", m_name.c_str());
         return;
     }
-    const int port = m_port + static_cast<int>(id) + 1;
+    const int port = static_cast<int>(hubPort + id) + 1;
     // Outside m_lock: the registry may be busy destroying a manager whose thread waits for it.
     CommunicationPipeManager* manager =
         initCommunicationManagerAsServer(name.c_str(), port, id, true);
@@ -190,7 +198,7 @@ void BroadcastServer::Hub::addClientMember() {
                 name.c_str(), port);
         return;
     }
-    m_mainManager->setRedirect(kMemberHost, static_cast<uint32_t>(port));
+    mainManager.setRedirect(kMemberHost, static_cast<uint32_t>(port));
 }
 
 void BroadcastServer::Hub::connect(Server* server) {
@@ -344,7 +352,7 @@ void BroadcastServer::Hub::relayNotification(CommunicationPipe& pipe, const char
 }
 
 void BroadcastServer::Hub::broadcastNotify(const char* pipeName, const char* text) {
-    const uint32_t hubId = m_server.getID();
+    const uint32_t hubId = m_server->getID();
     for (CommunicationPipeManager* manager : memberManagers()) {
         if (!manager) {
             continue;
@@ -396,7 +404,7 @@ void BroadcastServer::Hub::forwardRequest(CommunicationPipe& pipe, const char* r
 }
 
 void BroadcastServer::Hub::RequestForwarder::work(zu::Vector<Forward>& forwards) {
-    JobManager& jobs = m_hub.m_server.jobManager();
+    JobManager& jobs = m_hub.m_server->jobManager();
     for (const Forward& forward : forwards) {
         try {
             jobs.addNewJob<ForwardJob>(m_hub, forward);

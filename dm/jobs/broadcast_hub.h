@@ -36,9 +36,15 @@ public:
     // How often waitOnProccesses looks for the holders of the refcount mutex.
     static constexpr uint32_t kRefcountPollMs = 33;
 
-    Hub(BroadcastServer& server, const char* name, int port);
+    // The callbacks for the hub's own manager, which is made after the hub.
+    static ClientConnectionCallback clientConnectionCallback(Hub* hub);
+    static PipeCreateCallback pipeCreateCallback(Hub* hub);
+
+    explicit Hub(const char* name);
     // The teardown: see BroadcastServer.
     ~Hub();
+    // Once the server and its manager are made: the relaying threads start.
+    void attach(BroadcastServer& server);
     Hub(const Hub&) = delete;
     Hub& operator=(const Hub&) = delete;
 
@@ -100,7 +106,7 @@ private:
     static void onNotify(void* context, CommunicationPipe* pipe);
     static void onRequest(void* context, CommunicationPipe* pipe);
 
-    void addClientMember();
+    void addClientMember(CommunicationPipeManager& mainManager);
     // Reserves the next member slot; false when the hub is full.
     bool reserveMember(uint32_t* outId, zu::InplaceString<128>* outName);
     void fillMember(uint32_t id, CommunicationPipeManager* manager);
@@ -120,10 +126,9 @@ private:
     void destroyManagers();
     static void destroyIfRegistered(CommunicationPipeManager* manager, const char* name);
 
-    BroadcastServer& m_server;
-    CommunicationPipeManager* const m_mainManager;
+    BroadcastServer* m_server = nullptr;                // set by attach
+    CommunicationPipeManager* m_mainManager = nullptr;  // set by attach
     const zu::InplaceString<128> m_name;
-    const int m_port;
     const zu::InplaceString<128> m_refcountName;
     bool m_refcountSeen = false;
     bool m_waitEnabled = true;

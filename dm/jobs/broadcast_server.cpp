@@ -5,7 +5,16 @@
 namespace dm {
 
 BroadcastServer::BroadcastServer(const char* name, int port)
-    : Server(name, port), m_hub(zu::newObject<Hub>(*this, name, getPort())) {}
+    : BroadcastServer(name, port, zu::newObject<Hub>(name)) {}
+
+// The hub exists before the manager, which calls back into it from its first client on.
+BroadcastServer::BroadcastServer(const char* name, int port, Hub* hub) try
+    : Server(name, port, Hub::clientConnectionCallback(hub), Hub::pipeCreateCallback(hub)),
+      m_hub(hub) {
+    m_hub->attach(*this);
+} catch (...) {
+    zu::deleteObject(hub);  // no manager calls back into it: none was made
+}
 
 BroadcastServer::~BroadcastServer() {
     zu::deleteObject(m_hub);

@@ -11,9 +11,13 @@ constexpr uint32_t kServerId = 0xFFFFFFFFu;
 
 }  // namespace
 
-Server::Server(const char* name, int port)
+Server::Server(const char* name, int port) : Server(name, port, {}, {}) {}
+
+Server::Server(const char* name, int port, ClientConnectionCallback clientConnectionCallback,
+               PipeCreateCallback pipeCreateCallback)
     : m_jobManager(name),
-      m_manager(initCommunicationManagerAsServer(name, port, kServerId, true)),
+      m_manager(initCommunicationManagerAsServer(name, port, kServerId, true,
+                                                 clientConnectionCallback, pipeCreateCallback)),
       m_port(port) {
     uint32_t listening = 0;
     if (m_port == 0 && m_manager) {

@@ -80,6 +80,15 @@ TEST_F(HubTest, EachMemberGetsTheNextManagerNameAndPort) {
     EXPECT_EQ(m_hub->getMemberManager(kMembers), nullptr);
 }
 
+TEST_F(HubTest, AToolStartedBeforeTheHubJoinsOnceItIsUp) {
+    destroyHub();
+    m_members.push_back(std::make_unique<HubMember>(m_port, "early"));
+    // It keeps trying to connect meanwhile; the hub's manager has its callbacks from the start.
+    m_hub = std::make_unique<dm::BroadcastServer>(m_hubName.c_str(), m_port);
+    EXPECT_TRUE(member(0).waitFor(joinedLine(0))) << member(0).output();
+    addMember();
+}
+
 TEST_F(HubTest, APipeOpenedByOneMemberIsCreatedOnEveryMember) {
     addMembers();
     for (int id = 0; id < kMembers; ++id) {

@@ -14,13 +14,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "dm/comm.h"
 #include "dm/export.h"
 #include "dm/jobs.h"
 
 namespace dm {
-
-class CommunicationPipe;
-class CommunicationPipeManager;
 
 // A server manager on a port (pipes are created on a client's request) and a job manager of
 // the same name.
@@ -50,6 +48,9 @@ public:
     void waitJobsToComplete() { m_jobManager.waitJobsToComplete(); }
 
 protected:
+    // The same with the manager's callbacks in place before it accepts its first client.
+    Server(const char* name, int port, ClientConnectionCallback clientConnectionCallback,
+           PipeCreateCallback pipeCreateCallback);
     JobManager& jobManager() { return m_jobManager; }
 
 private:
@@ -138,6 +139,8 @@ public:
 
 private:
     class Hub;
+    BroadcastServer(const char* name, int port, Hub* hub);
+
     Hub* m_hub;
 };
 
