@@ -7,6 +7,8 @@
 //  4. The remote file system: the game reads, writes and lists the PC's files through
 //     NetworkFileSystem, served by the dm-fileserver tool in a second process.
 //  5. The developer console: dm-console replays a typed session and draws it into a PNG.
+//  6. The hub: dm-hub runs as a second process; the demo and dm-hub-member join it and
+//     exchange a notification and a request through it.
 #include <cstdio>
 
 #include "CLI/CLI.hpp"
@@ -19,7 +21,7 @@ int main(int argc, char** argv) {
     zu::setThreadName(zu::getCurrentThreadId(), "dm-demo main");
     int (*const sections[])() = {
         demo::runPacketDemo,     demo::runMonitorDemo, demo::runPipeDemo,
-        demo::runFileServerDemo, demo::runConsoleDemo,
+        demo::runFileServerDemo, demo::runConsoleDemo, demo::runHubDemo,
     };
     int failures = 0;
     for (auto section : sections) {

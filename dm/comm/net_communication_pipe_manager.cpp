@@ -33,15 +33,18 @@ const char* orEmpty(const char* text) {
 
 }  // namespace
 
-NetCommunicationPipeManager::NetCommunicationPipeManager(const char* name, bool isServer,
-                                                         uint32_t port, const char* host,
-                                                         uint32_t id, bool createPipesOnRequest)
+NetCommunicationPipeManager::NetCommunicationPipeManager(
+    const char* name, bool isServer, uint32_t port, const char* host, uint32_t id,
+    bool createPipesOnRequest, ClientConnectionCallback clientConnectionCallback,
+    PipeCreateCallback pipeCreateCallback)
     : m_isServer(isServer),
       m_createPipesOnRequest(createPipesOnRequest),
       m_id(id),
       m_name(orEmpty(name)),
       m_host(orEmpty(host)),
-      m_port(port) {
+      m_port(port),
+      m_clientConnectionCallback(clientConnectionCallback),
+      m_pipeCreateCallback(pipeCreateCallback) {
     m_passPipes.reserve(kMaxPipesPerPass);
     if (m_isServer) {
         m_listener = zu::newObject<net::Listener>(port);

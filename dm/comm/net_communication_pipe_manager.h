@@ -35,9 +35,11 @@ public:
     static constexpr uint32_t kCrowdedClientPassMs = 1;
 
     // Listens on `port` (server) or starts connecting to host:port (client), and starts the
-    // thread.
+    // thread, with the callbacks given already in place.
     NetCommunicationPipeManager(const char* name, bool isServer, uint32_t port, const char* host,
-                                uint32_t id, bool createPipesOnRequest);
+                                uint32_t id, bool createPipesOnRequest,
+                                ClientConnectionCallback clientConnectionCallback = {},
+                                PipeCreateCallback pipeCreateCallback = {});
     // Stops and joins the thread, wakes every thread still blocked on one of the pipes (see
     // NetCommunicationPipe::close), then destroys the pipes and sockets.
     ~NetCommunicationPipeManager() override;

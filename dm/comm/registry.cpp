@@ -115,12 +115,19 @@ CommunicationPipeManager* soleManager() {
 
 CommunicationPipeManager* initCommunicationManagerAsServer(const char* name, int port, uint32_t id,
                                                            bool createPipesOnRequest) {
+    return initCommunicationManagerAsServer(name, port, id, createPipesOnRequest, {}, {});
+}
+
+CommunicationPipeManager* initCommunicationManagerAsServer(
+    const char* name, int port, uint32_t id, bool createPipesOnRequest,
+    ClientConnectionCallback clientConnectionCallback, PipeCreateCallback pipeCreateCallback) {
     RegistryLock lock;
     if (!lock.isLocked()) {
         return nullptr;
     }
     auto* manager = new NetCommunicationPipeManager(name, true, static_cast<uint32_t>(port),
-                                                    kServerHost, id, createPipesOnRequest);
+                                                    kServerHost, id, createPipesOnRequest,
+                                                    clientConnectionCallback, pipeCreateCallback);
     storeManager(name, manager);
     return manager;
 }

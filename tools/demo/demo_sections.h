@@ -13,5 +13,8 @@ int runPipeDemo();
 int runFileServerDemo();
 // The developer console replayed from a keystroke script by dm-console into a PNG.
 int runConsoleDemo();
+// Two tools, this demo and dm-hub-member, exchange a notification and a request through
+// dm-hub.
+int runHubDemo();
 
 }  // namespace demo

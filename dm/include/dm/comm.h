@@ -413,6 +413,11 @@ public:
 DM_API CommunicationPipeManager* initCommunicationManagerAsServer(const char* name, int port,
                                                                   uint32_t id,
                                                                   bool createPipesOnRequest);
+// The same with the manager's callbacks in place before it accepts its first client: set
+// afterwards, they miss a client that connects in between.
+DM_API CommunicationPipeManager* initCommunicationManagerAsServer(
+    const char* name, int port, uint32_t id, bool createPipesOnRequest,
+    ClientConnectionCallback clientConnectionCallback, PipeCreateCallback pipeCreateCallback);
 // Returns the manager `name` if there is one (host and port are then not applied), else
 // creates a client manager that starts connecting to host:port at once.
 DM_API CommunicationPipeManager* initCommunicationManagerAsClient(const char* name,

@@ -4,6 +4,7 @@
 
 #include "dm/comm.h"
 #include "dm/console.h"
+#include "dm/endpoints.h"
 #include "dm/export.h"
 #include "dm/fs.h"
 #include "dm/jobs.h"
