@@ -30,7 +30,7 @@ const char kSession[] =
 }  // namespace
 
 int runConsoleDemo() {
-    std::printf("\n== 4. the developer console, replayed by dm-console into an image\n");
+    std::printf("\n== 5. the developer console, replayed by dm-console into an image\n");
     char folderTemplate[] = "/tmp/dm-demo-console-XXXXXX";
     if (mkdtemp(folderTemplate) == nullptr) {
         std::printf("could not make a folder for the console's files\n");

@@ -109,7 +109,7 @@ bool talkToMember(dm::Client& client, dm::CommunicationPipe& pipe) {
 }  // namespace
 
 int runHubDemo() {
-    std::printf("\n== 4. two tools talk through dm-hub\n");
+    std::printf("\n== 6. two tools talk through dm-hub\n");
     std::fflush(stdout);  // the tools share this output
     const int port = pickHubPort();
     const std::string portText = std::to_string(port);
