@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "dm/comm.h"
-#include "zu/event.h"
+#include "support/pipe_responders.h"
 
 #if defined(DM_HAVE_ZMQ)
 #include <zmq.h>
@@ -48,51 +48,6 @@ inline const uint8_t* bigPayload() {
 
 // --- Pipes: a server and a client manager, one pipe per channel, one responder per pipe ---
 
-class PipeResponder {
-public:
-    explicit PipeResponder(dm::CommunicationPipe* pipe) : m_pipe(pipe) {
-        m_pipe->setRequestCallback({&m_work, wake});
-        m_thread = std::thread([this] { run(); });
-    }
-    ~PipeResponder() { stop(); }
-    PipeResponder(const PipeResponder&) = delete;
-    PipeResponder& operator=(const PipeResponder&) = delete;
-
-    void stop() {
-        if (m_thread.joinable()) {
-            m_stopping = true;
-            m_work.signal();
-            m_thread.join();
-        }
-    }
-
-private:
-    static void wake(void* event, dm::CommunicationPipe*) {
-        static_cast<zu::Event*>(event)->signal();
-    }
-
-    void run() {
-        while (!m_stopping) {
-            m_work.wait(100);
-            for (zu::InplaceString<128> text; !(text = m_pipe->receiveRequest(nullptr)).empty();) {
-                if (text == "big") {
-                    m_pipe->respond("big", bigPayload(), static_cast<uint32_t>(kBigSize));
-                    continue;
-                }
-                void* data = nullptr;
-                uint32_t size = 0;
-                m_pipe->getRequestData(&data, &size);
-                m_pipe->respond(text.c_str(), data, size);
-            }
-        }
-    }
-
-    dm::CommunicationPipe* m_pipe;
-    zu::Event m_work;  // signalled by the request callback; outlives the managers
-    std::atomic<bool> m_stopping{false};
-    std::thread m_thread;
-};
-
 class PipeRig {
 public:
     explicit PipeRig(int channels) {
@@ -112,7 +67,9 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         for (const std::string& name : names) {
-            m_responders.push_back(std::make_unique<PipeResponder>(server->getPipe(name.c_str())));
+            auto responder = std::make_unique<dmtest::EchoResponder>(server->getPipe(name.c_str()));
+            responder->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
+            m_responders.push_back(std::move(responder));
         }
     }
     ~PipeRig() {
@@ -152,7 +109,7 @@ private:
     }
 
     std::vector<dm::CommunicationPipe*> m_pipes;
-    std::vector<std::unique_ptr<PipeResponder>> m_responders;
+    std::vector<std::unique_ptr<dmtest::EchoResponder>> m_responders;
 };
 
 #if defined(DM_HAVE_ZMQ)

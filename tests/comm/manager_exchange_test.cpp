@@ -137,26 +137,26 @@ TEST_F(ManagerExchangeTest, ServerHandshakeOnTheWire) {
     uint32_t connectionId = 99;
     const char* serverName = "";
     *packet >> kind >> version >> connectionId >> serverName;
-    EXPECT_EQ(packet->getID(), handshake::kPacketId);
-    EXPECT_EQ(kind, handshake::kWelcome);
+    EXPECT_EQ(packet->getID(), pipewire::kPacketId);
+    EXPECT_EQ(kind, pipewire::kWelcome);
     EXPECT_EQ(version, 2u);
     EXPECT_EQ(connectionId, 0u);
     EXPECT_STREQ(serverName, "wire-server");
 
     // Unknown pipes are refused every time they are asked for.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        first.sendPacket(handshake::openPipe("missing", "raw tool"));
+        first.sendPacket(pipewire::openPipe("missing", "raw tool"));
         packet = nextPacket(first);
         ASSERT_NE(packet, nullptr);
-        handshake::Message refused = handshake::read(*packet);
-        EXPECT_EQ(refused.kind, handshake::kPipeRefused);
+        pipewire::Message refused = pipewire::read(*packet);
+        EXPECT_EQ(refused.kind, pipewire::kPipeRefused);
         EXPECT_EQ(refused.first, "missing");
     }
-    first.sendPacket(handshake::openPipe("KNOWN", "raw tool"));
+    first.sendPacket(pipewire::openPipe("KNOWN", "raw tool"));
     packet = nextPacket(first);
     ASSERT_NE(packet, nullptr);
-    handshake::Message opened = handshake::read(*packet);
-    EXPECT_EQ(opened.kind, handshake::kPipeOpened);
+    pipewire::Message opened = pipewire::read(*packet);
+    EXPECT_EQ(opened.kind, pipewire::kPipeOpened);
     EXPECT_EQ(opened.first, "KNOWN");
     EXPECT_STREQ(server->getRemoteName(), "raw tool");
     EXPECT_FALSE(server->pipeExists("missing"));
@@ -164,7 +164,7 @@ TEST_F(ManagerExchangeTest, ServerHandshakeOnTheWire) {
     // The attached pipe takes requests from this connection.
     dm::CommunicationPipe* known = server->getPipe("known");
     EXPECT_TRUE(known->isConnected());
-    first.sendPacket(handshake::request("known", 0, "over the wire"));
+    first.sendPacket(pipewire::request("known", 0, 0, "over the wire"));
     uint32_t value = 1;
     zu::InplaceString<128> text;
     ASSERT_TRUE(waitUntil([&] { return !(text = known->receiveRequest(&value)).empty(); }));
@@ -191,29 +191,29 @@ TEST_F(ManagerExchangeTest, ClientHandshakeOnTheWire) {
     dm::CommunicationPipe* pipe = client->getPipe("p");
     std::unique_ptr<net::Socket> socket = acceptOne(listener);
     ASSERT_NE(socket, nullptr);
-    socket->sendPacket(handshake::welcome(2, 41, "raw server"));
+    socket->sendPacket(pipewire::welcome(2, 41, "raw server"));
 
     // Refused, the client asks again and again.
     for (int ask = 0; ask < 3; ++ask) {
         net::Packet* packet = nextPacket(*socket);
         ASSERT_NE(packet, nullptr);
-        handshake::Message open = handshake::read(*packet);
-        ASSERT_EQ(open.kind, handshake::kOpenPipe);
+        pipewire::Message open = pipewire::read(*packet);
+        ASSERT_EQ(open.kind, pipewire::kOpenPipe);
         EXPECT_EQ(open.first, "p");
         EXPECT_EQ(open.second, "wire-client");
-        socket->sendPacket(handshake::pipeMessage(handshake::kPipeRefused, "p"));
+        socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeRefused, "p"));
     }
     EXPECT_FALSE(pipe->isConnected());
     EXPECT_EQ(client->getID(), 41u);
     EXPECT_STREQ(client->getRemoteName(), "raw server");
 
     // Opened under another letter case, it attaches the pipe (and another one made on demand).
-    socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "P"));
-    socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "pushed"));
+    socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeOpened, "P"));
+    socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeOpened, "pushed"));
     socket->update();
     ASSERT_TRUE(waitUntil([&] { return pipe->isConnected() && client->pipeExists("PUSHED"); }));
     EXPECT_TRUE(client->getPipe("pushed")->isConnected());
-    socket->sendPacket(handshake::request("p", 0, "to the client"));
+    socket->sendPacket(pipewire::request("p", 0, 0, "to the client"));
     socket->update();
     zu::InplaceString<128> text;
     ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "comm/manager_support.h"
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace dmtest {
 namespace {
@@ -178,7 +178,7 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
     // destroying the clients must release them all.
     const auto blocked = [](dm::CommunicationPipe* pipe) {
         auto* netPipe = static_cast<dm::NetCommunicationPipe*>(pipe);
-        return !pipe->isConnected() && netPipe->getQueueSizes().outgoingRequests == 1;
+        return !pipe->isConnected() && netPipe->getStatistics().outgoingRequests == 1;
     };
     ASSERT_TRUE(waitUntil([&] { return everyPipe(pipes, blocked); }));
     dm::deinitCommunicationManagers();
@@ -192,9 +192,7 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
 TEST(PipeCloseTest, ClosingAPipeReleasesBlockedCallsAndTurnsNewOnesAway) {
     TestPipeOwner owner(1);
     dm::NetCommunicationPipe pipe(&owner, "closing");
-    net::Packet incoming = pipewire::request("closing", 0, 0, "question", 0, 0, 0, nullptr);
-    incoming.setPos(0);
-    dispatchToPipe(pipe, incoming, incoming.getSize());
+    deliverTo(pipe, pipewire::request("closing", 0, 0, "question"));
     ASSERT_STREQ(pipe.receiveRequest(nullptr).c_str(), "question");
 
     // Never pumped: both calls block until the pipe is closed.
@@ -205,7 +203,7 @@ TEST(PipeCloseTest, ClosingAPipeReleasesBlockedCallsAndTurnsNewOnesAway) {
     });
     RequestThread request(&pipe, "asked", {}, 0);
     ASSERT_TRUE(waitUntil([&] {
-        const dm::PipeQueueSizes sizes = pipe.getQueueSizes();
+        const dm::PipeStatistics sizes = pipe.getStatistics();
         return sizes.outgoingRequests == 1 && sizes.outgoingResponses == 1;
     }));
     pipe.close();

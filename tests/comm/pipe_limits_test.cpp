@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace {
 
@@ -103,7 +103,7 @@ TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
     refusedRequest.join();
     ASSERT_TRUE(returned);
     EXPECT_STREQ("", refused.c_str());
-    EXPECT_EQ(0u, link.left.pipe().getQueueSizes().outgoingRequests);
+    EXPECT_EQ(0u, link.left.pipe().getStatistics().outgoingRequests);
 
     // A long text that fits goes in every chunk; a response too long is refused at once and
     // leaves the request to be answered properly.
@@ -130,30 +130,6 @@ TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
 
 // --- Large messages ---
 
-struct ChunkSeen {
-    uint32_t id = 0;
-    uint32_t total = 0;
-    uint32_t offset = 0;
-    std::string text;
-    Bytes chunk;
-};
-
-ChunkSeen decodeRequest(net::Packet& packet) {
-    ChunkSeen seen;
-    int32_t kind = 0;
-    const char* name = "";
-    const char* text = "";
-    uint32_t value = 0;
-    uint32_t chunkSize = 0;
-    packet >> kind >> name >> seen.id >> value >> text >> seen.total >> seen.offset >> chunkSize;
-    EXPECT_EQ(pipewire::kRequest, kind);
-    seen.text = text;
-    seen.chunk.resize(chunkSize);
-    packet.read(seen.chunk.data(), chunkSize);
-    EXPECT_FALSE(packet.hasError());
-    return seen;
-}
-
 TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) {
     constexpr uint32_t kSize = 24 * kMiB;
     Bytes data(kSize);
@@ -165,41 +141,34 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
         link.left.pipe().sendRequest("bulk", 1, nullptr, 0, nullptr, data.data(), kSize);
         done = true;
     });
-    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
 
     // The right end reads nothing yet: a pump must come back with the rest still to send, the
     // connection kept, instead of waiting for room.
-    EXPECT_FALSE(link.left.pipe().pumpOutgoing(&link.left.socket()));
-    EXPECT_TRUE(link.left.socket().isConnected());
-    EXPECT_GT(link.left.socket().getQueuedSendBytes(), 0u);
+    EXPECT_FALSE(link.left.pump());
+    EXPECT_TRUE(link.left.pipe().isConnected());
+    EXPECT_GT(link.left.outbox().getQueuedSendBytes(), 0u);
 
     // Read and pump in turns: the chunks are those of one send, in order.
     Bytes joined;
     bool consecutive = true;
     waitUntil([&] {
-        link.left.pump();
-        link.left.socket().update();  // what the socket queued goes on as the peer reads
-        net::Socket& socket = link.right.socket();
-        socket.update();
-        uint32_t size = 0;
-        while (net::Packet* packet = socket.pollPacket(&size)) {
-            ChunkSeen seen = decodeRequest(*packet);
-            consecutive = consecutive && seen.id == 0 && seen.text == "bulk" &&
-                          seen.total == kSize && seen.offset == joined.size() &&
-                          !seen.chunk.empty();
+        for (net::Packet& packet : link.left.outbox().take()) {
+            packet.setPos(0);
+            pipewire::Message seen = pipewire::read(packet);
+            consecutive = consecutive && seen.kind == pipewire::kRequest && seen.id == 0 &&
+                          seen.text == "bulk" && seen.total == kSize &&
+                          seen.offset == joined.size() && !seen.chunk.empty();
             joined.insert(joined.end(), seen.chunk.begin(), seen.chunk.end());
         }
-        const zu::WaitHandle handles[2] = {socket.getWaitHandle(),
-                                           link.left.socket().getWaitHandle()};
-        zu::waitForAny(handles, 2, 5);
+        link.left.pump();
         return joined.size() >= kSize || !consecutive;
     });
     EXPECT_TRUE(consecutive);
     EXPECT_TRUE(joined == data);
 
     link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
-    link.right.sendMarker();
-    link.left.receiveUntilMarker();
+    link.left.receive();
     if (!waitUntil([&] { return done.load(); })) {
         link.left.pipe().close();  // releases the sender, so that the test can end
     }
@@ -248,8 +217,8 @@ TEST_F(PipeLimits, LargeRequestsBothWaysAtOnceBothComplete) {
     std::thread fromLeft = ask(link.left.pipe(), leftData);
     std::thread fromRight = ask(link.right.pipe(), rightData);
     EXPECT_TRUE(waitUntil([&] {
-        return link.left.pipe().getQueueSizes().outgoingRequests == 1 &&
-               link.right.pipe().getQueueSizes().outgoingRequests == 1;
+        return link.left.pipe().getStatistics().outgoingRequests == 1 &&
+               link.right.pipe().getStatistics().outgoingRequests == 1;
     }));
     {
         EchoOnce leftAnswers(link.left.pipe());
@@ -282,7 +251,7 @@ TEST_F(PipeLimits, RequestCutOffByAReconnectIsSentAgainFromItsStart) {
         echoed = answerSize == kSize && answer == data;
         done = true;
     });
-    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
     link.left.pump();  // part of it goes into the old connection, which nobody reads
     ASSERT_TRUE(link.reconnect());
 

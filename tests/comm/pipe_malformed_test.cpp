@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace {
 
@@ -113,7 +113,7 @@ TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
 
 TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
     PendingRequest request(link.right.pipe(), "waiting");
-    ASSERT_TRUE(waitUntil([&] { return link.right.pipe().getQueueSizes().outgoingRequests; }));
+    ASSERT_TRUE(waitUntil([&] { return link.right.pipe().getStatistics().outgoingRequests; }));
     deliver(pipewire::response("link", 0, "past end", 4, 2, 4, "abcd"));
     net::Packet cut(pipewire::kPacketId);
     cut << pipewire::kResponse << "link" << uint32_t(0) << "no sizes";
@@ -122,7 +122,7 @@ TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
     deliver(cutShort(pipewire::response("link", 0, "short", 100, 0, 100, hundred.data()), 90));
     deliver(pipewire::response("link", 55, "nobody asked", 0, 0, 0, nullptr));
     EXPECT_FALSE(request.done());
-    EXPECT_EQ(1u, link.right.pipe().getQueueSizes().outgoingRequests);
+    EXPECT_EQ(1u, link.right.pipe().getStatistics().outgoingRequests);
 
     deliver(pipewire::response("link", 0, "good", 0, 0, 0, nullptr));
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));
@@ -261,7 +261,7 @@ TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
         pipe.sendRequest("q", 0, responseBuffer.data(), 64, nullptr, nullptr, 0);
         answered = true;
     });
-    EXPECT_TRUE(waitUntil([&] { return pipe.getQueueSizes().outgoingRequests == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return pipe.getStatistics().outgoingRequests == 1; }));
 
     std::mt19937 random(20240611);
     const std::vector<Bytes> seeds = seedPayloads();
@@ -271,7 +271,7 @@ TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
             i % 4 == 0 ? randomPayload(random) : mutate(seeds[random() % seeds.size()], random);
         net::Packet packet;
         packet.assign(pipewire::kPacketId, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        dmtest::dispatchToPipe(pipe, packet, packet.getSize());
+        dmtest::deliverTo(pipe, packet);
         if (i % 16 == 0) {
             drain(pipe, checksum);
         }
@@ -279,18 +279,14 @@ TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
     drain(pipe, checksum);
 
     if (!answered) {
-        net::Packet answer = pipewire::response("fuzz", 0, "", 0, 0, 0, nullptr);
-        answer.setPos(0);
-        dmtest::dispatchToPipe(pipe, answer, answer.getSize());
+        dmtest::deliverTo(pipe, pipewire::response("fuzz", 0, ""));
     }
     sender.join();
     EXPECT_GT(callbacks, 0);
 
     // Still in working order after a reset.
     pipe.reset();
-    net::Packet request = pipewire::request("fuzz", 0, 0, "after", 3, 0, 3, "end");
-    request.setPos(0);
-    dmtest::dispatchToPipe(pipe, request, request.getSize());
+    dmtest::deliverTo(pipe, pipewire::request("fuzz", 0, 0, "after", 3, 0, 3, "end"));
     EXPECT_STREQ("after", pipe.receiveRequest(nullptr).c_str());
     pipe.setRequestCallback({});
     pipe.setNotifyCallback({});

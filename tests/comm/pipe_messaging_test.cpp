@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace {
 
@@ -230,7 +230,7 @@ TEST(PipeMessaging, ConcurrentSendersEachGetTheirOwnResponse) {
         sender.join();
     }
     EXPECT_EQ(0, mismatches.load());
-    EXPECT_EQ(0u, link.left.pipe().getQueueSizes().outgoingRequests);
+    EXPECT_EQ(0u, link.left.pipe().getStatistics().outgoingRequests);
 }
 
 }  // namespace
