@@ -3,11 +3,14 @@
 // a client that was there before its server.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "comm/manager_support.h"
+#include "comm/net_communication_pipe_manager.h"
 
 namespace dmtest {
 namespace {
@@ -243,6 +246,49 @@ TEST_F(ManagerExchangeTest, LargeRequestsBothWaysAtOnceBothComplete) {
                           std::chrono::seconds(60)));
     EXPECT_TRUE(fromClient.echoed());
     EXPECT_TRUE(fromServer.echoed());
+}
+
+// The manager's clock, stepped by the test: intervals pass only when it says so.
+class StepClock final : public dm::PipeClock {
+public:
+    double now() const override { return m_now.load(); }
+    void advance(double seconds) { m_now.store(m_now.load() + seconds); }
+
+private:
+    std::atomic<double> m_now{100.0};  // an application some while after its start
+};
+
+// True when a packet arrives within a short while (for "nothing more comes" checks).
+bool packetWithin(net::Socket& socket, std::chrono::milliseconds bound) {
+    return waitUntil(
+        [&] {
+            socket.update();
+            return socket.pollPacket(nullptr) != nullptr;
+        },
+        bound);
+}
+
+TEST(ManagerClock, AsksAgainForPipesAndReconnectsOnlyOnceItsIntervalsHavePassed) {
+    net::Listener listener(0, "127.0.0.1");
+    StepClock clock;
+    dm::NetCommunicationPipeManager client("clocked", false, listener.getPort(), "127.0.0.1", 0,
+                                           true, clock);
+    client.getPipe("p");
+    std::unique_ptr<net::Socket> socket = acceptOne(listener);
+    ASSERT_NE(socket, nullptr);
+    socket->sendPacket(pipewire::welcome(2, 1, "server"));
+    ASSERT_TRUE(packetWithin(*socket, std::chrono::seconds(10)));  // the first OpenPipe
+
+    EXPECT_FALSE(packetWithin(*socket, std::chrono::milliseconds(300)));
+    clock.advance(dm::NetCommunicationPipeManager::kOpenPipeInterval + 0.01);
+    EXPECT_TRUE(packetWithin(*socket, std::chrono::seconds(10)));
+
+    // Dropped, it waits for the reconnect interval on its clock before it tries again.
+    socket.reset();
+    EXPECT_FALSE(waitUntil([&] { return listener.pollConnect() != nullptr; },
+                           std::chrono::milliseconds(300)));
+    clock.advance(dm::NetCommunicationPipeManager::kReconnectInterval + 0.01);
+    EXPECT_NE(acceptOne(listener), nullptr);
 }
 
 }  // namespace

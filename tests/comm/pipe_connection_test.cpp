@@ -245,6 +245,7 @@ TEST(PipeConnection, ResentCompletedRequestIsIgnoredUntilTheReceiverResets) {
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
     EXPECT_EQ(0u, right.getStatistics().incomingRequests);
     EXPECT_STREQ("", right.receiveRequest(nullptr).c_str());
+    EXPECT_EQ(1u, dm::getPipeStatistics(&right).droppedStale);
 
     // Once the receiver has been reset too, any id is new again.
     link.right.attach();

@@ -41,6 +41,8 @@ TEST_F(PipeLimits, UnfinishedRequestsAreLimitedInAnnouncedBytesAndInNumber) {
     }
     deliver(small);
     EXPECT_EQ(dm::NetCommunicationPipe::kMaxUnfinishedIncoming, incomingRequests());
+    EXPECT_EQ(6u + 40 - (dm::NetCommunicationPipe::kMaxUnfinishedIncoming - 4),
+              statistics().droppedOverLimit);
 
     // A begun one can still end, and a request whole in one packet is no burden and arrives.
     deliver({pipewire::request("link", 10, 0, "small", 2, 1, 1, "z"),
@@ -53,6 +55,7 @@ TEST_F(PipeLimits, RequestEndingWithBytesMissingIsDropped) {
     deliver({pipewire::request("link", 0, 0, "gap", 12, 0, 4, "1234"),
              pipewire::request("link", 0, 0, "gap", 12, 8, 4, "9abc")});
     EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(1u, statistics().droppedMalformed);
     deliver({pipewire::request("link", 1, 0, "whole", 12, 0, 4, "1234"),
              pipewire::request("link", 1, 0, "whole", 12, 4, 4, "5678"),
              pipewire::request("link", 1, 0, "whole", 12, 8, 4, "9abc")});
@@ -70,6 +73,7 @@ TEST_F(PipeLimits, EmptyFirstNotifyChunkDoesNotHoldBackLaterOnes) {
     deliver({pipewire::notify("link", 0, 0, 5, 0, 0, nullptr),
              pipewire::notify("link", 1, 0, 2, 0, 2, "hi")});
     EXPECT_STREQ("hi", pipe().receiveNotify(nullptr).c_str());
+    EXPECT_EQ(1u, statistics().droppedMalformed);
 }
 
 TEST_F(PipeLimits, ResetDropsIncompleteNotificationsAndKeepsWholeOnes) {

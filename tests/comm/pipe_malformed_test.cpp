@@ -33,6 +33,7 @@ TEST_F(Malformed, RequestChunkOutsideItsDataIsDropped) {
     deliver(pipewire::request("link", 0, 0, "past end", 10, 8, 4, chunk.data()));
     deliver(pipewire::request("link", 0, 0, "wraps", 10, 0xFFFFFFFCu, 8, chunk.data()));
     EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(2u, statistics().droppedMalformed);
     // The pipe still takes a proper one with the same id.
     deliver(pipewire::request("link", 0, 0, "fine", 4, 0, 4, chunk.data()));
     EXPECT_STREQ("fine", link.right.pipe().receiveRequest(nullptr).c_str());
@@ -62,12 +63,14 @@ TEST_F(Malformed, RequestPacketEndingBeforeItsFieldsIsDropped) {
     const Bytes hundred(100, 3);
     deliver(cutShort(pipewire::request("link", 0, 0, "short", 100, 0, 100, hundred.data()), 90));
     EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(2u, statistics().droppedMalformed);
 }
 
 TEST_F(Malformed, ChunkThatDisagreesWithItsRequestsSizeIsDropped) {
     deliver(pipewire::request("link", 0, 0, "two parts", 8, 0, 4, "abcd"));
     deliver(pipewire::request("link", 0, 0, "two parts", 16, 4, 12, "efghijklmnop"));
     deliver(pipewire::request("link", 0, 0, "two parts", 8, 4, 4, "efgh"));
+    EXPECT_EQ(1u, statistics().droppedMalformed);
     EXPECT_STREQ("two parts", link.right.pipe().receiveRequest(nullptr).c_str());
     void* data = nullptr;
     uint32_t size = 0;
@@ -89,6 +92,7 @@ TEST_F(Malformed, NotifyChunkOutsideItsTextIsDropped) {
     deliver(pipewire::notify("link", 3, 0, 4, 0, 3, "abc"));
     deliver(pipewire::notify("link", 3, 0, 4, 1, 3, "XYZ"));
     deliver(pipewire::notify("link", 3, 0, 4, 3, 1, "d"));
+    EXPECT_EQ(4u, statistics().droppedMalformed);
     EXPECT_STREQ("abcd", link.right.pipe().receiveNotify(nullptr).c_str());
 }
 
@@ -105,6 +109,7 @@ TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
     deliver(pipewire::notify("link", 0, 0, 1025, 0, 16, chunk.data()));
     EXPECT_EQ(0u, incomingRequests());
     EXPECT_EQ(0u, incomingNotifications());
+    EXPECT_EQ(3u, statistics().droppedOverLimit);
     deliver(pipewire::request("link", 0, 0, "at limit", 1024, 0, 16, chunk.data()));
     deliver(pipewire::notify("link", 0, 0, 1024, 0, 16, chunk.data()));
     EXPECT_EQ(1u, incomingRequests());
@@ -123,6 +128,8 @@ TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
     deliver(pipewire::response("link", 55, "nobody asked", 0, 0, 0, nullptr));
     EXPECT_FALSE(request.done());
     EXPECT_EQ(1u, link.right.pipe().getStatistics().outgoingRequests);
+    EXPECT_EQ(3u, statistics().droppedMalformed);
+    EXPECT_EQ(1u, statistics().droppedStale);
 
     deliver(pipewire::response("link", 0, "good", 0, 0, 0, nullptr));
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));

@@ -10,6 +10,7 @@
 #include "dm/comm.h"
 #include "dm/jobs.h"
 #include "job_test_support.h"
+#include "jobs/job_forward_request.h"
 #include "manager_link.h"
 
 namespace {
