@@ -11,7 +11,6 @@
 #include "dm/export.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
-#include "zu/mutex.h"
 #include "zu/string.h"
 #include "zu/vector.h"
 
