@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "dm/comm.h"
+#include "support/manager_link.h"
 #include "support/pipe_responders.h"
 
 #if defined(DM_HAVE_ZMQ)
@@ -51,38 +52,23 @@ inline const uint8_t* bigPayload() {
 class PipeRig {
 public:
     explicit PipeRig(int channels) {
-        dm::CommunicationPipeManager* server =
-            dm::initCommunicationManagerAsServer(kServerName, 0, 1, true);
-        uint32_t port = 0;
-        server->getHost(&port);
-        dm::CommunicationPipeManager* client =
-            dm::initCommunicationManagerAsClient(kClientName, "127.0.0.1", static_cast<int>(port));
-        std::vector<std::string> names;
+        const std::string client = m_link.addClient();
         for (int c = 0; c < channels; ++c) {
-            names.push_back("bench-" + std::to_string(c));
-            m_pipes.push_back(client->getPipe(names.back().c_str()));
+            const std::string name = "bench-" + std::to_string(c);
+            const dmtest::ManagerLink::PipeEnds ends = m_link.connectPipe(client, name.c_str());
+            if (!ends.client) {
+                return;
+            }
+            m_pipes.push_back(ends.client);
+            m_responders.push_back(std::make_unique<dmtest::EchoResponder>(ends.server));
+            m_responders.back()->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
         }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!allConnected() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        for (const std::string& name : names) {
-            auto responder = std::make_unique<dmtest::EchoResponder>(server->getPipe(name.c_str()));
-            responder->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
-            m_responders.push_back(std::move(responder));
-        }
-    }
-    ~PipeRig() {
-        for (auto& responder : m_responders) {
-            responder->stop();
-        }
-        dm::deinitCommunicationManager(kClientName);
-        dm::deinitCommunicationManager(kServerName);
+        m_ready = true;
     }
     PipeRig(const PipeRig&) = delete;
     PipeRig& operator=(const PipeRig&) = delete;
 
-    bool ready() const { return allConnected(); }
+    bool ready() const { return m_ready; }
     size_t echo(int channel, const uint8_t* data, size_t size, uint8_t* answer) {
         uint32_t got = 0;
         m_pipes[channel]->sendRequest("echo", 0, answer, static_cast<uint32_t>(size), &got, data,
@@ -96,20 +82,10 @@ public:
     }
 
 private:
-    static constexpr const char* kServerName = "bench-pipe-server";
-    static constexpr const char* kClientName = "bench-pipe-client";
-
-    bool allConnected() const {
-        for (dm::CommunicationPipe* pipe : m_pipes) {
-            if (!pipe->isConnected()) {
-                return false;
-            }
-        }
-        return !m_pipes.empty();
-    }
-
+    dmtest::ManagerLink m_link;  // destroyed last: the responders stop before the managers go
     std::vector<dm::CommunicationPipe*> m_pipes;
     std::vector<std::unique_ptr<dmtest::EchoResponder>> m_responders;
+    bool m_ready = false;
 };
 
 #if defined(DM_HAVE_ZMQ)

@@ -11,7 +11,7 @@
 #include "dm/jobs.h"
 #include "job_test_support.h"
 #include "jobs/job_forward_request.h"
-#include "manager_link.h"
+#include "support/manager_link.h"
 
 namespace {
 
