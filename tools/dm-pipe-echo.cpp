@@ -72,6 +72,17 @@ void answerNotifications(dm::CommunicationPipe& pipe) {
     }
 }
 
+// Requests and notifications with an empty text cannot be answered (the pipe drops them, as
+// "" means "nothing arrived"); say so, so that whoever sent them does not wait in silence.
+void reportEmptyTexts(const dm::CommunicationPipe& pipe, uint64_t& reported) {
+    const uint64_t dropped = dm::getPipeStatistics(&pipe).droppedEmptyText;
+    if (dropped != reported) {
+        std::printf("server: dropped %llu message(s) with an empty text; they get no answer\n",
+                    static_cast<unsigned long long>(dropped - reported));
+        reported = dropped;
+    }
+}
+
 int runServer(int port, int limit) {
     dm::CommunicationPipeManager* manager =
         dm::initCommunicationManagerAsServer("dm-pipe-echo", port, 1, true);
@@ -88,12 +99,14 @@ int runServer(int port, int limit) {
     std::printf("server: pipe \"%s\" on port %u\n", kPipeName, listening);
     std::fflush(stdout);
     int answered = 0;
+    uint64_t emptyReported = 0;
     // With a limit, the client that made it up is served until it leaves.
     const auto done = [&] { return limit > 0 && answered >= limit && !pipe->isConnected(); };
     while (!g_interrupted && !done()) {
         g_work->wait(100);  // the bound catches what arrived before the callbacks were set
         answerNotifications(*pipe);
         answered += answerRequests(*pipe);
+        reportEmptyTexts(*pipe, emptyReported);
         std::fflush(stdout);
     }
     dm::deinitCommunicationManagers();

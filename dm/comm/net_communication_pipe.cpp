@@ -5,6 +5,7 @@
 #include "comm/net_communication_pipe.h"
 
 #include "comm/pipe_protocol.h"
+#include "log_output.h"
 #include "zu/memory.h"
 
 namespace dm {
@@ -20,6 +21,15 @@ const char* orEmpty(const char* text) {
 
 bool isAbortToken(const zu::String& text) {
     return text.equalsIgnoreCase(NetCommunicationPipe::kAbortToken);
+}
+
+// An empty text reads as "nothing arrived" at the far end, so such a message is refused.
+bool refuseEmptyText(const char* text, const char* what, const char* pipeName) {
+    if (text && text[0] != '\0') {
+        return false;
+    }
+    logLine("Pipe \"%s\": refused to send a %s with an empty text\n", pipeName, what);
+    return true;
 }
 
 }  // namespace
@@ -63,6 +73,7 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
     sizes.droppedMalformed = m_droppedMalformed.load();
     sizes.droppedOverLimit = m_droppedOverLimit.load();
     sizes.droppedStale = m_droppedStale.load();
+    sizes.droppedEmptyText = m_droppedEmptyText.load();
     {
         zu::ScopedLock lock(m_incomingLock);
         sizes.incomingRequests = m_incomingRequests.size();
@@ -78,7 +89,7 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
 // --- Notifications ---
 
 bool NetCommunicationPipe::sendNotify(const char* text, uint32_t value) {
-    if (!isConnected()) {
+    if (refuseEmptyText(text, "notification", m_name.c_str()) || !isConnected()) {
         return false;  // notifications are never kept for a later connection
     }
     {
@@ -117,6 +128,9 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
                                                          uint32_t responseCapacity,
                                                          uint32_t* outResponseSize,
                                                          const void* data, uint32_t dataSize) {
+    if (refuseEmptyText(text, "request", m_name.c_str())) {
+        return {};
+    }
     if (!pipe_protocol::requestFitsPacket(m_name.c_str(), orEmpty(text), data ? dataSize : 0)) {
         return {};  // could never be sent, so would never be answered
     }

@@ -157,7 +157,7 @@ private:
         bool sent = false;       // outgoing, in the pump's copies: wholly sent
     };
     using Chunk = pipe_protocol::Chunk;
-    enum class Drop { kMalformed, kOverLimit, kStale };
+    enum class Drop { kMalformed, kOverLimit, kStale, kEmptyText };
 
     static constexpr uint32_t kNoId = 0xFFFFFFFFu;
     static constexpr size_t kInitialQueueRoom = 16;
@@ -231,6 +231,7 @@ private:
     std::atomic<uint64_t> m_droppedMalformed{0};
     std::atomic<uint64_t> m_droppedOverLimit{0};
     std::atomic<uint64_t> m_droppedStale{0};
+    std::atomic<uint64_t> m_droppedEmptyText{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,

@@ -28,7 +28,8 @@ bool NetCommunicationPipe::fitsMessageLimit(uint32_t totalSize) const {
 void NetCommunicationPipe::count(Drop drop) {
     std::atomic<uint64_t>& counter = drop == Drop::kMalformed   ? m_droppedMalformed
                                      : drop == Drop::kOverLimit ? m_droppedOverLimit
-                                                                : m_droppedStale;
+                                     : drop == Drop::kStale     ? m_droppedStale
+                                                                : m_droppedEmptyText;
     counter.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -64,6 +65,14 @@ void NetCommunicationPipe::onRequest(const pipe_protocol::Message& message) {
     }
     if (!fitsMessageLimit(chunk.totalSize)) {
         count(Drop::kOverLimit);
+        return;
+    }
+    // An empty text could not be told from "no request" by the application. Counted once per
+    // message, at its first chunk.
+    if (message.text[0] == '\0') {
+        if (chunk.offset == 0) {
+            count(Drop::kEmptyText);
+        }
         return;
     }
     PipeCallback callback;
@@ -265,7 +274,11 @@ bool NetCommunicationPipe::storeNotifyChunk(const pipe_protocol::Message& messag
     const Chunk& chunk = message.chunk;
     NotificationRecord* notification = findPartialNotification(message.id);
     if (!notification) {
-        if (chunk.size == 0 && chunk.totalSize > 0) {
+        if (chunk.totalSize == 0) {
+            count(Drop::kEmptyText);  // could not be told from "no notification"
+            return false;
+        }
+        if (chunk.size == 0) {
             count(Drop::kMalformed);  // a sender starts with text; this would hold back the rest
             return false;
         }
@@ -290,6 +303,12 @@ bool NetCommunicationPipe::storeNotifyChunk(const pipe_protocol::Message& messag
     notification->text.append(bytes, length);
     notification->receivedLength += chunk.size;
     if (notification->receivedLength != notification->expectedLength) {
+        return false;
+    }
+    if (notification->text.empty()) {  // its text was only zero bytes
+        m_incomingNotifications.erase(
+            static_cast<size_t>(notification - m_incomingNotifications.data()));
+        count(Drop::kEmptyText);
         return false;
     }
     m_lastCompletedNotifyId = message.id;

@@ -53,8 +53,8 @@ JobSendNotify::JobSendNotify(CommunicationPipe* pipe, const char* text, unsigned
 JobSendNotify::~JobSendNotify() = default;
 
 void JobSendNotify::run(const char* managerName) {
-    if (m_pipe->sendNotify(m_text.c_str(), m_value)) {
-        return;
+    if (m_pipe->sendNotify(m_text.c_str(), m_value) || m_text.empty()) {
+        return;  // sent, or refused for good (the pipe logged why)
     }
     // A notification is only queued on a connected pipe: retry until it is. The line reports
     // each retry, before it is made.

@@ -86,7 +86,7 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
     PipeLink link;
     ASSERT_TRUE(link.connected);
     ASSERT_TRUE(link.left.pipe().sendNotify("ping", 4));
-    ASSERT_TRUE(link.left.pipe().sendNotify("", 4));
+    ASSERT_TRUE(link.left.pipe().sendNotify("x", 4));
     link.left.pump();
     std::vector<net::Packet> packets = link.left.outbox().take();
     ASSERT_EQ(2u, packets.size());
@@ -95,10 +95,10 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
     EXPECT_EQ(0u, ping.id);
     EXPECT_EQ(4u, ping.total);
     EXPECT_EQ(std::vector<uint8_t>({'p', 'i', 'n', 'g'}), ping.chunk);
-    Chunked empty = decode(packets[1]);
-    EXPECT_EQ(1u, empty.id);
-    EXPECT_EQ(0u, empty.total);
-    EXPECT_EQ(0u, empty.chunk.size());
+    Chunked single = decode(packets[1]);
+    EXPECT_EQ(1u, single.id);
+    EXPECT_EQ(1u, single.total);
+    EXPECT_EQ(std::vector<uint8_t>({'x'}), single.chunk);
 }
 
 // --- Reassembly of packets written by hand ---

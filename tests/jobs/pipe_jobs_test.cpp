@@ -208,6 +208,21 @@ TEST(PipeJobs, SendNotifyRetriesUntilThePipeConnectsLoggingEachRetry) {
     EXPECT_EQ(log.count(retryLine), linesBefore);
 }
 
+TEST(PipeJobs, SendNotifyWithAnEmptyTextEndsAtOnceInsteadOfRetrying) {
+    LogCapture log;
+    ManagerLink link(/*createPipesOnRequest=*/false);
+    const std::string client = link.addClient();
+    // Never connected: a retrying job would not end.
+    dm::CommunicationPipe* clientPipe = dm::getCommunicationPipe(client.c_str(), "late");
+    ASSERT_NE(clientPipe, nullptr);
+    dm::JobManager clientJobs(client.c_str());
+    clientJobs.addNewJob<dm::JobSendNotify>(clientPipe, "", 1u);
+    BatchEnd clientEnd(clientJobs);
+    clientJobs.runJobs(false);
+    clientEnd.wait();
+    EXPECT_EQ(log.count("Pipe \"late\": refused to send a notification with an empty text\n"), 1);
+}
+
 TEST(PipeJobs, ForwardRequestRelaysTextAndDataBetweenTwoPipes) {
     ManagerLink link;
     const std::string asker = link.addClient();

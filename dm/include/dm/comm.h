@@ -44,8 +44,9 @@ public:
     // The peer's address while connected, else "".
     virtual zu::InplaceString<128> getConnectedIP() const = 0;
 
-    // Queues a notification; false (nothing queued) while not connected. A value of 0 is sent
-    // as the owning manager's id. Does not block.
+    // Queues a notification; false (nothing queued) while not connected, and for an empty (or
+    // null) text, which is refused with a log line: the far end could not tell it from "no
+    // notification". A value of 0 is sent as the owning manager's id. Does not block.
     virtual bool sendNotify(const char* text, uint32_t value) = 0;
     // The oldest notification if it has arrived whole (its value goes to `outValue` when that
     // is non-null), else "" with `outValue` untouched. Does not block.
@@ -57,7 +58,9 @@ public:
     // larger result than the buffer shows. `data` (may be null when `dataSize` is 0) must stay
     // valid until the call returns. Requests survive disconnects and go out once connected.
     // A text so long that the request's head does not fit one packet (net::Packet::kMaxPayload,
-    // with room for a byte of data) can never be sent: the call then returns "" at once.
+    // with room for a byte of data) can never be sent: the call then returns "" at once. So
+    // does an empty (or null) text, refused with a log line: receiveRequest returns "" for "no
+    // request", so an empty request could never be taken.
     virtual zu::InplaceString<128> sendRequest(const char* text, uint32_t value,
                                                void* responseBuffer, uint32_t responseCapacity,
                                                uint32_t* outResponseSize, const void* data,
@@ -65,6 +68,8 @@ public:
     // Takes the oldest incoming request as the current one and returns its text (its value to
     // `outValue` when non-null), or "" with `outValue` untouched. Does not block. A request is
     // handed out only once all of its data has arrived; until then it holds back newer ones.
+    // Requests and notifications that arrive with an empty text are dropped (and counted, see
+    // PipeStatistics).
     virtual zu::InplaceString<128> receiveRequest(uint32_t* outValue) = 0;
     // The binary data of the current request (null and 0 when there is none). The data stays
     // valid until respond returns, until receiveRequest takes another request, or until the
@@ -106,6 +111,10 @@ struct PipeStatistics {
     uint64_t droppedOverLimit = 0;
     // A request already answered (sent again after a reconnect), or a response nobody waits for.
     uint64_t droppedStale = 0;
+    // A request or notification with an empty text, which the application could not tell from
+    // "nothing arrived" (a sender of this library never sends one; another may). Counted once
+    // per message.
+    uint64_t droppedEmptyText = 0;
 };
 
 // The manager's callbacks: a context pointer and a function, set when either is non-null.

@@ -105,7 +105,8 @@ private:
 // without a time-out. Buffers given to a job must stay valid until it has run. ---
 
 // Sends a notification on `pipe` (not owned), retrying every millisecond until the pipe is
-// connected; each retry logs a line.
+// connected; each retry logs a line. An empty text is refused by the pipe at once and for good:
+// the job then ends without retrying.
 class DM_API JobSendNotify : public Job {
 public:
     JobSendNotify(CommunicationPipe* pipe, const char* text, unsigned value);
