@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -179,100 +180,36 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
     sender.join();
 }
 
-// Answers one request on `pipe` with its own text and data, on its own thread.
-class EchoOnce {
-public:
-    explicit EchoOnce(dm::NetCommunicationPipe& pipe)
-        : m_thread([&pipe] {
-              if (!waitUntil([&] { return !pipe.receiveRequest(nullptr).empty(); },
-                             std::chrono::seconds(60))) {
-                  return;
-              }
-              void* data = nullptr;
-              uint32_t size = 0;
-              pipe.getRequestData(&data, &size);
-              pipe.respond("echo", data, size);
-          }) {}
-    ~EchoOnce() { m_thread.join(); }
-    EchoOnce(const EchoOnce&) = delete;
-    EchoOnce& operator=(const EchoOnce&) = delete;
-
-private:
-    std::thread m_thread;
-};
-
 // Both ends have a request far larger than a socket queues before its sender waits, queued
 // before either end runs: each end's pump must leave room for reading what the other sends.
 TEST_F(PipeLimits, LargeRequestsBothWaysAtOnceBothComplete) {
     constexpr uint32_t kSize = 48 * kMiB;
-    const Bytes leftData(kSize, 0x4C);
-    const Bytes rightData(kSize, 0x52);
-    std::atomic<int> echoed{0};
-    std::atomic<int> done{0};
-    const auto ask = [&](dm::NetCommunicationPipe& pipe, const Bytes& data) {
-        return std::thread([&pipe, &data, &echoed, &done] {
-            Bytes answer(kSize);
-            uint32_t answerSize = 0;
-            pipe.sendRequest("both", 0, answer.data(), kSize, &answerSize, data.data(), kSize);
-            echoed += answerSize == kSize && answer == data ? 1 : 0;
-            ++done;
-        });
-    };
-    std::thread fromLeft = ask(link.left.pipe(), leftData);
-    std::thread fromRight = ask(link.right.pipe(), rightData);
+    dmtest::RequestThread fromLeft(&link.left.pipe(), "both", Bytes(kSize, 0x4C), kSize);
+    dmtest::RequestThread fromRight(&link.right.pipe(), "both", Bytes(kSize, 0x52), kSize);
     EXPECT_TRUE(waitUntil([&] {
         return link.left.pipe().getStatistics().outgoingRequests == 1 &&
                link.right.pipe().getStatistics().outgoingRequests == 1;
     }));
-    {
-        EchoOnce leftAnswers(link.left.pipe());
-        EchoOnce rightAnswers(link.right.pipe());
-        link.start();
-        EXPECT_TRUE(waitUntil([&] { return done.load() == 2; }, std::chrono::seconds(60)));
-    }
-    if (done.load() < 2) {
-        link.left.pipe().close();  // releases the senders, so that the test can end
-        link.right.pipe().close();
-    }
-    fromLeft.join();
-    fromRight.join();
-    EXPECT_EQ(2, echoed.load());
+    dmtest::EchoResponder answers(&link.left.pipe());
+    answers.add(&link.right.pipe());
+    link.start();
+    const auto bothDone = [&] { return fromLeft.done() && fromRight.done(); };
+    EXPECT_TRUE(waitUntil(bothDone, std::chrono::seconds(60)));
+    EXPECT_TRUE(fromLeft.echoed());
+    EXPECT_TRUE(fromRight.echoed());
 }
 
 TEST_F(PipeLimits, RequestCutOffByAReconnectIsSentAgainFromItsStart) {
     constexpr uint32_t kSize = 16 * kMiB;
-    Bytes data(kSize);
-    for (uint32_t i = 0; i < kSize; ++i) {
-        data[i] = static_cast<uint8_t>(i ^ (i >> 9));
-    }
-    std::atomic<bool> echoed{false};
-    std::atomic<bool> done{false};
-    std::thread sender([&] {
-        Bytes answer(kSize);
-        uint32_t answerSize = 0;
-        link.left.pipe().sendRequest("again", 0, answer.data(), kSize, &answerSize, data.data(),
-                                     kSize);
-        echoed = answerSize == kSize && answer == data;
-        done = true;
-    });
+    dmtest::RequestThread request(&link.left.pipe(), "again", dmtest::patternBytes(kSize, 5),
+                                  kSize);
     EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
     link.left.pump();  // part of it goes into the old connection, which nobody reads
     ASSERT_TRUE(link.reconnect());
-
     link.start();
-    std::thread responder([&] {
-        waitUntil([&] { return !link.right.pipe().receiveRequest(nullptr).empty(); });
-        void* received = nullptr;
-        uint32_t size = 0;
-        link.right.pipe().getRequestData(&received, &size);
-        link.right.pipe().respond("echo", received, size);
-    });
-    responder.join();
-    if (!waitUntil([&] { return done.load(); })) {
-        link.left.pipe().close();  // releases the sender, so that the test can end
-    }
-    sender.join();
-    EXPECT_TRUE(echoed);
+    dmtest::EchoResponder responder(&link.right.pipe());
+    EXPECT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_TRUE(request.echoed());
 }
 
 }  // namespace
