@@ -32,10 +32,6 @@ uint32_t millisecondsUntil(double due, double now, uint32_t bound) {
     return left >= bound ? bound : static_cast<uint32_t>(left) + 1;
 }
 
-}  // namespace
-
-namespace {
-
 class AppAgeClock final : public PipeClock {
 public:
     double now() const override { return zu::Timer::getAppAge(); }

@@ -67,10 +67,6 @@ bool sendSingle(net::Socket& socket, const WriteFields& writeFields) {
     return !packet.hasError() && socket.sendPacket(packet);
 }
 
-}  // namespace
-
-namespace {
-
 // The chunk fields and the bytes they announce; false when the packet holds fewer.
 bool readChunk(net::Packet& packet, Chunk& chunk) {
     packet >> chunk.totalSize >> chunk.offset >> chunk.size;
