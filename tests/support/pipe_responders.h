@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -41,12 +42,13 @@ public:
     EchoResponder& operator=(const EchoResponder&) = delete;
 
     void add(dm::CommunicationPipe* pipe) {
-        // The callbacks outlive the responder: they only touch the wake-up, which lives for ever.
-        pipe->setRequestCallback({nullptr, wake});
-        pipe->setNotifyCallback({nullptr, wake});
+        // The callbacks may outlive the responder: they only touch its wake-up, which lives for
+        // ever.
+        pipe->setRequestCallback({&m_wakeUp, wake});
+        pipe->setNotifyCallback({&m_wakeUp, wake});
         std::lock_guard<std::mutex> lock(m_mutex);
         m_pipes.push_back(pipe);
-        wake(nullptr, nullptr);
+        m_wakeUp.signal();
     }
     // Requests with exactly `text` are answered with `size` bytes of `data` instead of an echo.
     void answer(std::string text, const void* data, uint32_t size) {
@@ -58,30 +60,34 @@ public:
     void stop() {
         if (m_thread.joinable()) {
             m_stopping = true;
-            wake(nullptr, nullptr);
+            m_wakeUp.signal();
             m_thread.join();
         }
     }
     int answered() const { return m_answered.load(); }
 
 private:
-    // One wake-up for every responder: each looks at its own pipes.
+    // What the pipes' callbacks signal. Never destroyed (see add), so never on the stack.
     struct WakeUp {
         std::mutex mutex;
         std::condition_variable changed;
         uint64_t count = 0;
-    };
-    static WakeUp& wakeUp() {
-        static WakeUp instance;
-        return instance;
-    }
-    static void wake(void*, dm::CommunicationPipe*) {
-        WakeUp& up = wakeUp();
-        {
-            std::lock_guard<std::mutex> lock(up.mutex);
-            ++up.count;
+        void signal() {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                ++count;
+            }
+            changed.notify_all();
         }
-        up.changed.notify_all();
+    };
+    static WakeUp& newWakeUp() {
+        static std::mutex* lock = new std::mutex();
+        static std::deque<WakeUp>* all = new std::deque<WakeUp>();  // stable addresses
+        std::lock_guard<std::mutex> guard(*lock);
+        return all->emplace_back();
+    }
+    static void wake(void* wakeUp, dm::CommunicationPipe*) {
+        static_cast<WakeUp*>(wakeUp)->signal();
     }
 
     void run() {
@@ -95,7 +101,7 @@ private:
             for (dm::CommunicationPipe* pipe : pipes) {
                 serve(*pipe);
             }
-            WakeUp& up = wakeUp();
+            WakeUp& up = m_wakeUp;
             std::unique_lock<std::mutex> lock(up.mutex);
             up.changed.wait_for(lock, std::chrono::milliseconds(100),
                                 [&] { return up.count != seen || m_stopping; });
@@ -128,6 +134,7 @@ private:
         }
     }
 
+    WakeUp& m_wakeUp = newWakeUp();
     std::mutex m_mutex;
     std::vector<dm::CommunicationPipe*> m_pipes;
     std::string m_cannedText;
