@@ -48,8 +48,10 @@ private:
     std::atomic<size_t> m_finished{0};
 };
 
+// Over loopback: the pipes report their peer's address.
 class PipeConnection : public dmtest::HandWrittenPackets {
 protected:
+    PipeConnection() : HandWrittenPackets(true) {}
     dm::NetCommunicationPipe& left() { return link.left.pipe(); }
     dm::NetCommunicationPipe& right() { return link.right.pipe(); }
     // A request from the left end, once queued there.

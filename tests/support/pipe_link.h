@@ -1,9 +1,9 @@
 // Two pipes of the same name as the two ends of one connection, with the test playing both
 // managers: it pumps one end into a buffer (a PacketSink) and hands what that end sent to the
-// other, field by field as the library decodes it. No bytes go over a socket; each end is still
-// attached to a real loopback socket, so that it reports a peer address and a reconnect is a
-// move to a new connection. The link is driven step by step from the test (pump, transferTo,
-// receive) or by a thread per end (start), which the blocking calls need.
+// other, decoded as the manager decodes it. No bytes go over a socket: each end is attached to a
+// socket that never connects, or, for tests of the peer's address, to one end of a loopback
+// connection. The link is driven step by step from the test (pump, transferTo, receive) or by a
+// thread per end (start), which the blocking calls need.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -247,10 +247,14 @@ private:
     std::thread m_thread;
 };
 
-// Two pipes of the same name on the two ends of one connection, attached.
+// Two pipes of the same name on the two ends of one connection, attached. Over loopback each
+// end is attached to a real connected socket (it reports the peer's address); otherwise to a
+// socket that never connects, and nothing touches the network at all.
 struct PipeLink {
-    explicit PipeLink(const char* pipeName = "link", uint32_t leftId = 11, uint32_t rightId = 22)
-        : sockets(connectLoopback()),
+    explicit PipeLink(const char* pipeName = "link", uint32_t leftId = 11, uint32_t rightId = 22,
+                      bool overLoopback = false)
+        : loopback(overLoopback),
+          sockets(makeSockets()),
           left(pipeName, leftId, std::move(sockets.client)),
           right(pipeName, rightId, std::move(sockets.server)) {
         left.setPeer(right);
@@ -263,8 +267,8 @@ struct PipeLink {
 
     // Moves both ends onto a fresh connection, resetting both pipes.
     bool reconnect() {
-        SocketPair fresh = connectLoopback();
-        if (!fresh.connected()) {
+        SocketPair fresh = makeSockets();
+        if (loopback && !fresh.connected()) {
             return false;
         }
         left.reconnect(std::move(fresh.client));
@@ -276,8 +280,16 @@ struct PipeLink {
         right.start();
     }
 
+    SocketPair makeSockets() const {
+        if (loopback) {
+            return connectLoopback();
+        }
+        return {std::make_unique<net::Socket>(), std::make_unique<net::Socket>()};
+    }
+
+    const bool loopback;
     SocketPair sockets;
-    const bool connected = sockets.connected();
+    const bool connected = !loopback || sockets.connected();
     PipeEndpoint left;
     PipeEndpoint right;
 };
@@ -285,6 +297,7 @@ struct PipeLink {
 // Packets written by hand, handled by the right pipe.
 class HandWrittenPackets : public ::testing::Test {
 protected:
+    explicit HandWrittenPackets(bool overLoopback = false) : link("link", 11, 22, overLoopback) {}
     void SetUp() override { ASSERT_TRUE(link.connected); }
     void deliver(const std::vector<net::Packet>& packets) {
         for (const net::Packet& packet : packets) {
