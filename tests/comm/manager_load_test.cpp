@@ -20,6 +20,16 @@ void addToResponder(void* responder, dm::CommunicationPipeManager*, dm::Communic
     static_cast<EchoResponder*>(responder)->add(pipe);
 }
 
+bool everyPipe(const std::vector<dm::CommunicationPipe*>& pipes,
+               bool (*holds)(dm::CommunicationPipe*)) {
+    for (dm::CommunicationPipe* pipe : pipes) {
+        if (!holds(pipe)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::string pipeName(int client, int pipe) {
     return "c" + std::to_string(client) + "-p" + std::to_string(pipe);
 }
@@ -33,24 +43,17 @@ TEST_F(ManagerLoadTest, TwoHundredFiftySixPipesOverThirtyTwoConnections) {
     server->setPipeCreateCallback({&responder, addToResponder});
 
     std::vector<std::vector<dm::CommunicationPipe*>> pipes(kClients);
+    std::vector<dm::CommunicationPipe*> allPipes;
     for (int c = 0; c < kClients; ++c) {
         dm::CommunicationPipeManager* client =
             dm::initCommunicationManagerAsClient(("load-client-" + std::to_string(c)).c_str(),
                                                  "127.0.0.1", static_cast<int>(portOf(server)));
         for (int p = 0; p < kPipesPerClient; ++p) {
             pipes[c].push_back(client->getPipe(pipeName(c, p).c_str()));
+            allPipes.push_back(pipes[c].back());
         }
     }
-    ASSERT_TRUE(waitUntil([&] {
-        for (const auto& clientPipes : pipes) {
-            for (dm::CommunicationPipe* pipe : clientPipes) {
-                if (!pipe->isConnected()) {
-                    return false;
-                }
-            }
-        }
-        return true;
-    }));
+    ASSERT_TRUE(waitUntil([&] { return everyPipe(allPipes, isConnected); }));
 
     // Every client asks on all its pipes at once and gets its own answers back.
     std::atomic<int> echoed{0};
@@ -100,14 +103,7 @@ TEST_F(ManagerLoadTest, MorePipesThanAPassTakesAreServedInTurn) {
     for (int p = 0; p < kPipes; ++p) {
         pipes.push_back(client->getPipe(("crowd " + std::to_string(p)).c_str()));
     }
-    ASSERT_TRUE(waitUntil([&] {
-        for (dm::CommunicationPipe* pipe : pipes) {
-            if (!pipe->isConnected()) {
-                return false;
-            }
-        }
-        return true;
-    }));
+    ASSERT_TRUE(waitUntil([&] { return everyPipe(pipes, isConnected); }));
     for (int p : {0, 1, 150, 255, 256, 298, 299}) {
         std::vector<uint8_t> answer(4);
         uint32_t size = 0;
@@ -117,16 +113,6 @@ TEST_F(ManagerLoadTest, MorePipesThanAPassTakesAreServedInTurn) {
         EXPECT_EQ(size, 4u);
     }
     server->setPipeCreateCallback({});
-}
-
-bool everyPipe(const std::vector<dm::CommunicationPipe*>& pipes,
-               bool (*holds)(dm::CommunicationPipe*)) {
-    for (dm::CommunicationPipe* pipe : pipes) {
-        if (!holds(pipe)) {
-            return false;
-        }
-    }
-    return true;
 }
 
 TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
