@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <string>
 
-#include "console/bounded_line_store.h"
 #include "dm/console.h"
 #include "zu/file.h"
 

@@ -1,12 +1,5 @@
-// dm-pipe-echo: both ends of the pipe "echo", for trying pipes out by hand.
-//
-//   dm-pipe-echo server PORT [N]        serve the pipe: answer every request with its own text
-//                                       and data, every notification with "echo: " and its
-//                                       text; PORT 0 picks a free port (printed). With N, end
-//                                       once N requests are answered and the client has left;
-//                                       else run until interrupted.
-//   dm-pipe-echo client HOST PORT [N]   send N requests (3 by default) with binary data and a
-//                                       notification, and print the answers.
+// dm-pipe-echo: both ends of the pipe "echo", for trying pipes out by hand. Run with --help
+// for the arguments; the texts in kDescription below say what each mode does.
 #include <signal.h>
 
 #include <atomic>
@@ -18,7 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include "CLI/CLI.hpp"
 #include "dm/comm.h"
+#include "net/socket.h"
 #include "zu/event.h"
 #include "zu/thread.h"
 #include "zu/timer.h"
@@ -26,7 +21,16 @@
 namespace {
 
 constexpr const char* kPipeName = "echo";
-constexpr double kPatienceSeconds = 10.0;
+
+constexpr const char* kDescription =
+    "Both ends of the pipe \"echo\", for trying communication pipes out by hand.\n"
+    "  server: serves the pipe; answers every request with its own text and data and every\n"
+    "          notification with \"echo: \" and its text.\n"
+    "  client: connects to a server, sends requests with binary data and a notification,\n"
+    "          checks the answers and prints them; exits 0 when all came back intact.\n";
+
+// How long a client waits for the pipe to open and for each answer.
+double g_patienceSeconds = 10.0;
 
 std::atomic<bool> g_interrupted{false};
 zu::Event* g_work = nullptr;  // signalled by the pipe's callbacks and by an interrupt
@@ -40,13 +44,6 @@ void onInterrupt(int) {
 
 void wakeMainLoop(void*, dm::CommunicationPipe*) {
     g_work->signal();
-}
-
-int usage() {
-    std::fprintf(stderr,
-                 "usage: dm-pipe-echo server PORT [N]\n"
-                 "       dm-pipe-echo client HOST PORT [N]\n");
-    return 2;
 }
 
 // --- Server ---
@@ -83,6 +80,53 @@ void reportEmptyTexts(const dm::CommunicationPipe& pipe, uint64_t& reported) {
     }
 }
 
+// Prints a line whenever a client opens the pipe and whenever it leaves. The pipe's connection
+// callback counts attachments, so that a client that came and went between two looks of the
+// main loop still gets both lines.
+class ClientWatch {
+public:
+    explicit ClientWatch(dm::CommunicationPipe& pipe) : m_pipe(pipe) {
+        pipe.setConnectionCallback({this, &ClientWatch::onAttached});
+    }
+    ~ClientWatch() { m_pipe.setConnectionCallback({}); }
+    ClientWatch(const ClientWatch&) = delete;
+    ClientWatch& operator=(const ClientWatch&) = delete;
+
+    void report() {
+        const uint32_t attached = m_attached.load();
+        if (attached != m_seen) {
+            if (m_connected) {
+                printLeft();  // replaced by the newcomer
+            }
+            m_seen = attached;
+            m_connected = true;
+            m_peer = m_pipe.getConnectedIP().c_str();
+            const char* name = m_pipe.getManager()->getRemoteName();
+            std::printf("server: client \"%s\" at %s connected\n", name,
+                        m_peer.empty() ? "?" : m_peer.c_str());
+        }
+        if (m_connected && !m_pipe.isConnected()) {
+            printLeft();
+            m_connected = false;
+        }
+    }
+
+private:
+    static void onAttached(void* context, dm::CommunicationPipe*) {
+        ++static_cast<ClientWatch*>(context)->m_attached;
+        g_work->signal();
+    }
+    void printLeft() {
+        std::printf("server: client at %s disconnected\n", m_peer.empty() ? "?" : m_peer.c_str());
+    }
+
+    dm::CommunicationPipe& m_pipe;
+    std::atomic<uint32_t> m_attached{0};
+    uint32_t m_seen = 0;
+    bool m_connected = false;
+    std::string m_peer;
+};
+
 int runServer(int port, int limit) {
     dm::CommunicationPipeManager* manager =
         dm::initCommunicationManagerAsServer("dm-pipe-echo", port, 1, true);
@@ -96,6 +140,7 @@ int runServer(int port, int limit) {
     dm::CommunicationPipe* pipe = manager->getPipe(kPipeName);
     pipe->setRequestCallback({nullptr, wakeMainLoop});
     pipe->setNotifyCallback({nullptr, wakeMainLoop});
+    ClientWatch clients(*pipe);
     std::printf("server: pipe \"%s\" on port %u\n", kPipeName, listening);
     std::fflush(stdout);
     int answered = 0;
@@ -104,11 +149,13 @@ int runServer(int port, int limit) {
     const auto done = [&] { return limit > 0 && answered >= limit && !pipe->isConnected(); };
     while (!g_interrupted && !done()) {
         g_work->wait(100);  // the bound catches what arrived before the callbacks were set
+        clients.report();
         answerNotifications(*pipe);
         answered += answerRequests(*pipe);
         reportEmptyTexts(*pipe, emptyReported);
         std::fflush(stdout);
     }
+    clients.report();
     dm::deinitCommunicationManagers();
     return 0;
 }
@@ -118,7 +165,7 @@ int runServer(int port, int limit) {
 bool waitFor(const std::function<bool()>& condition) {
     zu::Timer timer;
     while (!condition()) {
-        if (g_interrupted || timer.getElapsedSeconds() > kPatienceSeconds) {
+        if (g_interrupted || timer.getElapsedSeconds() > g_patienceSeconds) {
             return false;
         }
         g_work->wait(10);
@@ -180,7 +227,33 @@ bool exchangeNotification(dm::CommunicationPipe& pipe) {
     return true;
 }
 
+// A pipe manager retries a connection silently; a person who typed a wrong port wants to know
+// at once. One plain connection attempt, bounded by the patience, tells.
+bool serverAnswers(const char* host, int port) {
+    net::Socket probe;
+    if (!probe.connect(host, static_cast<uint32_t>(port))) {
+        std::fprintf(stderr, "dm-pipe-echo: cannot connect to %s:%d (unknown host?)\n", host, port);
+        return false;
+    }
+    zu::Timer timer;
+    while (probe.isConnecting() && timer.getElapsedSeconds() < g_patienceSeconds &&
+           !g_interrupted) {
+        const zu::WaitHandle handle = probe.getWaitHandle();
+        zu::waitForAny(&handle, 1, 10);
+        probe.update();
+    }
+    if (probe.isConnected()) {
+        return true;
+    }
+    std::fprintf(stderr, "dm-pipe-echo: nothing answers on %s:%d (%s)\n", host, port,
+                 probe.isConnecting() ? "no reply in time" : "connection refused");
+    return false;
+}
+
 int runClient(const char* host, int port, int count) {
+    if (!serverAnswers(host, port)) {
+        return 1;
+    }
     dm::CommunicationPipeManager* manager =
         dm::initCommunicationManagerAsClient("dm-pipe-echo client", host, port);
     dm::CommunicationPipe* pipe = manager->getPipe(kPipeName);
@@ -199,19 +272,68 @@ int runClient(const char* host, int port, int count) {
 
 }  // namespace
 
+struct Arguments {
+    std::string mode;
+    std::string host = "127.0.0.1";
+    int port = 0;
+    int count = -1;  // not given
+};
+
+// Fills `arguments`; returns the exit code when the program is to end here (help, or an error
+// that CLI11 has reported), else -1.
+int parseArguments(int argc, char** argv, Arguments& arguments) {
+    CLI::App app(kDescription, "dm-pipe-echo");
+    app.require_subcommand(1);
+    CLI::App* server =
+        app.add_subcommand("server", "serve the pipe \"echo\" (until interrupted, or see N)");
+    server
+        ->add_option("PORT", arguments.port, "TCP port to listen on; 0 picks a free one (printed)")
+        ->required()
+        ->check(CLI::Range(0, 65535));
+    server
+        ->add_option("N", arguments.count,
+                     "end once N requests are answered and that client has left")
+        ->check(CLI::Range(1, 1000000));
+    CLI::App* client = app.add_subcommand("client", "ask a dm-pipe-echo server");
+    client->add_option("HOST", arguments.host, "the server's host name or IPv4 address")
+        ->required();
+    client->add_option("PORT", arguments.port, "the server's TCP port")
+        ->required()
+        ->check(CLI::Range(1, 65535));
+    client->add_option("N", arguments.count, "requests to send (default 3)")
+        ->check(CLI::Range(1, 1000000));
+    client
+        ->add_option("--timeout", g_patienceSeconds,
+                     "seconds to wait for the connection, the pipe and each answer")
+        ->capture_default_str()
+        ->check(CLI::Range(0.1, 3600.0));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int code = app.exit(error);
+        return code == 0 ? 0 : 2;
+    }
+    arguments.mode = server->parsed() ? "server" : "client";
+    return -1;
+}
+
 int main(int argc, char** argv) {
     zu::setThreadName(zu::getCurrentThreadId(), "dm-pipe-echo main");
     zu::Event work;
     g_work = &work;
     signal(SIGINT, onInterrupt);
     signal(SIGTERM, onInterrupt);
-    int result = 2;
-    if (argc >= 3 && argc <= 4 && std::strcmp(argv[1], "server") == 0) {
-        result = runServer(std::atoi(argv[2]), argc == 4 ? std::atoi(argv[3]) : 0);
-    } else if (argc >= 4 && argc <= 5 && std::strcmp(argv[1], "client") == 0) {
-        result = runClient(argv[2], std::atoi(argv[3]), argc == 5 ? std::atoi(argv[4]) : 3);
+    Arguments arguments;
+    int result = parseArguments(argc, argv, arguments);
+    if (result >= 0) {
+        g_work = nullptr;
+        return result;
+    }
+    if (arguments.mode == "server") {
+        result = runServer(arguments.port, arguments.count > 0 ? arguments.count : 0);
     } else {
-        result = usage();
+        result = runClient(arguments.host.c_str(), arguments.port,
+                           arguments.count > 0 ? arguments.count : 3);
     }
     std::fflush(stdout);
     signal(SIGINT, SIG_DFL);

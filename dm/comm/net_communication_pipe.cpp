@@ -303,6 +303,14 @@ PipeStatistics getPipeStatistics(const CommunicationPipe* pipe) {
     return netPipe ? netPipe->getStatistics() : PipeStatistics();
 }
 
+bool setPipeMaxMessageSize(CommunicationPipe* pipe, uint32_t bytes) {
+    auto* netPipe = dynamic_cast<NetCommunicationPipe*>(pipe);
+    if (netPipe) {
+        netPipe->setMaxMessageSize(bytes);
+    }
+    return netPipe != nullptr;
+}
+
 // --- Callbacks ---
 
 void NetCommunicationPipe::setConnectionCallback(PipeCallback callback) {

@@ -103,7 +103,7 @@ TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
     deliver(pipewire::request("link", 0, 0, "huge", 0xFFFFFFFFu, 0, 4, "abcd"));
     EXPECT_EQ(0u, incomingRequests());
 
-    pipe.setMaxMessageSize(1024);
+    EXPECT_TRUE(dm::setPipeMaxMessageSize(&pipe, 1024));
     const Bytes chunk(16, 1);
     deliver(pipewire::request("link", 0, 0, "over", 1025, 0, 16, chunk.data()));
     deliver(pipewire::notify("link", 0, 0, 1025, 0, 16, chunk.data()));

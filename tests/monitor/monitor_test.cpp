@@ -228,6 +228,22 @@ TEST_F(MonitorLinkTest, PrintWithoutMonitorsFormatsNothing) {
     EXPECT_EQ(monitor->nextText(), "0: abc");
 }
 
+// As docs/monitor-protocol.md states them for monitors written in other languages.
+TEST_F(MonitorLinkTest, TextsKeepTheirLineFeedsAndAreCutAfter255Bytes) {
+    auto monitor = connectMonitor();
+    dm::print("done\n");
+    dm::print(2, "two\nlines");
+    // 127 two-byte characters and one more: the cut falls inside the last one.
+    std::string accented;
+    for (int i = 0; i < 128; ++i) {
+        accented += "\xC3\xA9";
+    }
+    dm::print("%s", accented.c_str());
+    EXPECT_EQ(monitor->nextText(), "0: done\n");
+    EXPECT_EQ(monitor->nextText(), "2: two\nlines");
+    EXPECT_EQ(monitor->nextText(), "0: " + accented.substr(0, 255));
+}
+
 TEST_F(MonitorLinkTest, InPlaceValuesCarryGroupNameAndTextCutTo255Characters) {
     auto monitor = connectMonitor();
     const std::string longText(300, 'x');

@@ -2,9 +2,12 @@
 // and against itself.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "net/listener.h"
 #include "net/socket.h"
 #include "support/pipe_wire.h"
 #include "support/test_support.h"
@@ -15,6 +18,29 @@ using dmtest::ChildProcess;
 namespace pipewire = dmtest::pipewire;
 
 const std::string kTool = DM_PIPE_ECHO_TOOL;
+
+size_t countOf(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// The tool with `args`, its error output joined to its standard output.
+std::vector<std::string> withErrors(const std::vector<std::string>& args) {
+    std::string command = "'" + kTool + "'";
+    for (const std::string& arg : args) {
+        command += " '" + arg + "'";
+    }
+    return {"-c", command + " 2>&1"};
+}
+
+// A port on which nothing listens (it did a moment ago).
+std::string deadPort() {
+    net::Listener listener(0, "127.0.0.1");
+    return std::to_string(listener.getPort());
+}
 
 // Starts `dm-pipe-echo server 0` and reads the port it prints.
 std::string startServer(ChildProcess& server) {
@@ -86,6 +112,71 @@ TEST(PipeEchoTool, ServerReportsEmptyTextsAndGoesOnAnswering) {
     EXPECT_EQ(1u, id);
     EXPECT_STREQ("after", text);
     EXPECT_TRUE(server.waitForOutput("with an empty text; they get no answer")) << server.output();
+}
+
+TEST(PipeEchoTool, UsageTextNamesEveryArgument) {
+    for (const char* mode : {"server", "client"}) {
+        ChildProcess help(kTool, {mode, "--help"});
+        EXPECT_EQ(0, help.wait()) << mode;
+        const std::string& text = help.output();
+        EXPECT_NE(std::string::npos, text.find("PORT")) << text;
+        EXPECT_NE(std::string::npos, text.find("N ")) << text;
+    }
+    ChildProcess client(kTool, {"client", "--help"});
+    client.wait();
+    EXPECT_NE(std::string::npos, client.output().find("HOST")) << client.output();
+    EXPECT_NE(std::string::npos, client.output().find("--timeout")) << client.output();
+}
+
+TEST(PipeEchoTool, ArgumentsThatDoNotParseAreErrors) {
+    const std::vector<std::vector<std::string>> cases = {
+        {},
+        {"serve", "0"},
+        {"server", "abc"},
+        {"server", "70000"},
+        {"server", "0", "many"},
+        {"client", "127.0.0.1"},
+        {"client", "127.0.0.1", "0"},
+        {"client", "127.0.0.1", "12x"},
+        {"client", "127.0.0.1", "5000", "--timeout", "never"},
+    };
+    for (const std::vector<std::string>& args : cases) {
+        ChildProcess tool("/bin/sh", withErrors(args));
+        std::string joined;
+        for (const std::string& arg : args) {
+            joined += arg + " ";
+        }
+        EXPECT_EQ(2, tool.wait()) << joined << tool.output();
+        EXPECT_NE(std::string::npos, tool.output().find("--help")) << joined << tool.output();
+        EXPECT_EQ(std::string::npos, tool.output().find("server: pipe")) << joined;
+    }
+}
+
+TEST(PipeEchoTool, ClientAtADeadPortSaysSoAtOnce) {
+    const auto start = std::chrono::steady_clock::now();
+    ChildProcess client("/bin/sh", withErrors({"client", "127.0.0.1", deadPort()}));
+    EXPECT_EQ(1, client.wait());
+    // Far below the ten seconds it would otherwise wait for the pipe.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_NE(std::string::npos, client.output().find("connection refused")) << client.output();
+}
+
+TEST(PipeEchoTool, ServerPrintsALineForEveryClientThatComesAndGoes) {
+    ChildProcess server(kTool, {"server", "0"});
+    const std::string port = startServer(server);
+    ASSERT_FALSE(port.empty()) << server.output();
+    for (size_t round = 1; round <= 2; ++round) {
+        ChildProcess client(kTool, {"client", "127.0.0.1", port, "1"});
+        EXPECT_EQ(0, client.wait()) << client.output();
+        EXPECT_TRUE(dmtest::waitUntil([&] {
+            server.waitForOutput("\n", std::chrono::milliseconds(20));
+            return countOf(server.output(), "disconnected") == round;
+        })) << server.output();
+    }
+    EXPECT_EQ(2u, countOf(server.output(),
+                          "server: client \"dm-pipe-echo client\" at 127.0.0.1 "
+                          "connected\n"))
+        << server.output();
 }
 
 }  // namespace

@@ -126,10 +126,11 @@ TEST_F(FindTest, FindsSubfolders) {
 
 TEST_F(FindTest, ListsFilesRecursivelyThroughTheDelegate) {
     std::vector<std::pair<std::string, std::string>> asked;
-    zu::FileAcceptDelegate skipB = [&](const char* name, const char* path) {
+    auto refuseB = [&](const char* name, const char* path) {
         asked.emplace_back(name, path);
         return name[0] != 'b';
     };
+    zu::FileAcceptDelegate skipB(refuseB);
     Names listed = list("*.txt", skipB, true, root);
     EXPECT_EQ(listed, (Names{root + "/a.txt", root + "/ab.txt", root + "/sub/d.txt",
                              root + "/sub/deeper/f.txt"}));

@@ -9,5 +9,9 @@ int runPacketDemo();
 int runMonitorDemo();
 // The pipe "echo" served to dm-pipe-echo in a second process.
 int runPipeDemo();
+// The game reads, writes and lists the PC's files through dm-fileserver in a second process.
+int runFileServerDemo();
+// The developer console replayed from a keystroke script by dm-console into a PNG.
+int runConsoleDemo();
 
 }  // namespace demo

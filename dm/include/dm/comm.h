@@ -222,6 +222,10 @@ DM_API void deinitCommunicationManagers();
 
 // The statistics of a pipe made by a pipe manager (all zero for any other implementation).
 DM_API PipeStatistics getPipeStatistics(const CommunicationPipe* pipe);
+// Limit for the total size of incoming request data and notification texts on a pipe made by
+// a pipe manager (512 MiB unless set); larger messages are dropped instead of allocated. False
+// for any other implementation.
+DM_API bool setPipeMaxMessageSize(CommunicationPipe* pipe, uint32_t bytes);
 
 // Writes each byte as two lower-case hexadecimal digits, high nibble first; `out` becomes
 // exactly 2 * size characters.

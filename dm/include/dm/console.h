@@ -4,14 +4,15 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <set>
 #include <utility>
 
 #include "dm/export.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
+#include "zu/mutex.h"
 #include "zu/string.h"
+#include "zu/timer.h"
 #include "zu/vector.h"
 
 namespace g {
@@ -142,6 +143,63 @@ ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException, zu::Exception);
 ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException_IllegalAliasDefinition,
                      ScrollingTextWindowException);
 
+// A bounded store of lines, newest last: up to `maxLines` slots that become a ring once they
+// are all used. `lineCounter` counts every line added since the last clear. Line k (0 is the
+// newest) lives in slot lineCounter - k - 1 while the store is filling and in slot
+// (lineCounter - k - 1 + maxLines) mod maxLines once it is full.
+template <typename Line>
+struct BoundedLineStore {
+    zu::Vector<Line, zu::HeapAllocator> lines;  // the slots
+    uint32_t maxLines = 0;
+    uint32_t lineCounter = 0;
+
+    // Number of stored lines (at most maxLines in normal use).
+    uint64_t count() const { return lines.size(); }
+
+    // Stores a copy of `line`, overwriting the oldest once the store is full. The slots grow
+    // as a zu::Vector does but never beyond maxLines, so a full store allocates nothing more.
+    // With a limit of 0 nothing is stored.
+    void add(const zu::String& line) {
+        if (maxLines == 0) {
+            return;
+        }
+        if (lines.size() >= maxLines) {
+            lines[(lineCounter + maxLines) % maxLines] = line;
+        } else {
+            if (lines.size() == lines.capacity()) {
+                size_t grown = lines.grownCapacity(lines.capacity());
+                lines.reserve(grown < maxLines ? grown : maxLines);
+            }
+            lines.emplace_back(line);
+        }
+        ++lineCounter;
+    }
+
+    // Line k counted from the newest (k = 0). A k at or beyond count(), or a slot that the
+    // counters place outside the stored lines, gives an empty line rather than a stray read.
+    const Line& line(uint64_t k) const {
+        const uint64_t stored = lines.size();
+        if (k >= stored) {
+            return emptyLine();
+        }
+        const uint32_t fromNewest = lineCounter - static_cast<uint32_t>(k) - 1;
+        const uint32_t slot =
+            (maxLines != 0 && stored >= maxLines) ? (fromNewest + maxLines) % maxLines : fromNewest;
+        return slot < stored ? lines[slot] : emptyLine();
+    }
+
+    // Forgets every line and restarts the counter; the slots' memory is kept.
+    void clear() {
+        lines.clear();
+        lineCounter = 0;
+    }
+
+    static const Line& emptyLine() {
+        static const Line empty;
+        return empty;
+    }
+};
+
 class InputLine;
 
 // The console's text pane: a bounded history of printed lines (1000), a scroll position, the
@@ -214,16 +272,18 @@ public:
     // the text area to the size less the scroll bar's width.
     void setWindowSize(const m::Vector2Template<float>& size);
     // The setters below only store their argument.
-    void setWindowPosition(const m::Vector2Template<float>& position);
-    void setCommandLinePosition(const m::Vector2Template<float>& position);
-    void setCommandLineWidth(float width);
-    void setVisibility(bool isVisible);
+    void setWindowPosition(const m::Vector2Template<float>& position) { windowPosition = position; }
+    void setCommandLinePosition(const m::Vector2Template<float>& position) {
+        commandLinePosition = position;
+    }
+    void setCommandLineWidth(float width) { commandLineWidth = width; }
+    void setVisibility(bool isVisible) { visible = isVisible; }
 
-    const m::Vector2Template<float>& getWindowSize() const;
-    const m::Vector2Template<float>& getWindowPosition() const;
-    const m::Vector2Template<float>& getCommandLinePosition() const;
-    const m::Vector2Template<float>& getTextAreaSize() const;
-    float getCommandLineWidth() const;
+    const m::Vector2Template<float>& getWindowSize() const { return windowSize; }
+    const m::Vector2Template<float>& getWindowPosition() const { return windowPosition; }
+    const m::Vector2Template<float>& getCommandLinePosition() const { return commandLinePosition; }
+    const m::Vector2Template<float>& getTextAreaSize() const { return textAreaSize; }
+    float getCommandLineWidth() const { return commandLineWidth; }
 
     // Moves the view by `lines` (positive is up, towards older lines), kept between the newest
     // line (0) and getUpmostShownConsoleLine(); returns how far it really moved.
@@ -301,8 +361,8 @@ public:
     // take it out again when this throws, so that a name referring to itself is caught too.
     void checkAliasValidity(const zu::InplaceString<256>& name, const zu::String& text) const;
     // Alias name (case-insensitive) to alias text.
-    const AliasMap& getAliasesMap() const;
-    AliasMap& accessAliasesMap();
+    const AliasMap& getAliasesMap() const { return aliases; }
+    AliasMap& accessAliasesMap() { return aliases; }
 
     // Known words, for completion and colouring; compared without regard to case and stored in
     // lower case. A function word completes with an argument list "(  );".
@@ -339,12 +399,184 @@ private:
     bool completionMatches(KnownWordMap::const_iterator word) const;
     void applyCompletion();
 
-    // The window's state, in a struct of its own beside the sources.
-    struct State;
-    struct StateDeleter {
-        void operator()(State* state) const;
+    ShapeEngineInterface* shapeEngine = nullptr;
+    BoundedLineStore<ConsoleLine> consoleLines;
+    int32_t scrollOffset = 0;
+    BoundedLineStore<zu::InplaceString<256>> commandStack;
+    int32_t commandStackIndex = -1;
+    InputLine* inputLine = nullptr;
+    int32_t commandLineScroll = 0;
+    ConsoleLine pendingLine;
+    int32_t lastKey = -1;
+    int32_t keyRepeatCount = 0;
+    zu::InplaceString<128> prompt;
+    zu::InplaceString<128> cursorText;
+    zu::InplaceString<128> linePrefix;
+    KnownWordMap knownWords;
+    KnownWordMap::iterator completionIterator = knownWords.end();
+    zu::InplaceString<256> completionPrefix;
+    zu::InplaceString<128> completionHead;
+    AliasMap aliases;
+    g::Color colors[6];
+    bool visible = false;
+    FormattedLineRing formattedLines;
+    int32_t viewLine = 0;
+    int32_t cachedViewLine = 0;
+    m::Vector2Template<float> windowPosition;
+    m::Vector2Template<float> windowSize{1.0f, 1.0f};
+    m::Vector2Template<float> commandLinePosition;
+    m::Vector2Template<float> textAreaSize{1.0f, 1.0f};
+    float commandLineWidth = 1.0f;
+    float scrollBarWidth = 0.003125f;
+    float scrollBarMinLength = 0.025f;
+    mutable zu::Mutex mutex;
+    bool cacheDirty = false;
+
+    // Printing's work buffers, reused by every call under `mutex` so that printing allocates
+    // nothing once they have grown; one set per window, so windows never share them.
+    zu::InplaceString<1024> printBuffer;
+    zu::InplaceString<1024> printLine;
+    ConsoleLine printRow;
+    ConsoleWordList printTokens;
+
+    // Colouring and drawing (syntax_colouring.cpp, console_rendering.cpp).
+public:
+    // The palette's entries by what they colour.
+    enum PaletteEntry : int {
+        kPlainColor = 0,      // white space, and words neither known nor aliases
+        kQuotedColor = 1,     // quoted strings
+        kNumberColor = 2,     // numbers
+        kKnownWordColor = 3,  // known words
+        kOtherColor = 4,      // punctuation and other single characters
+        kAliasColor = 5,      // aliases
     };
-    std::unique_ptr<State, StateDeleter> state;
+    static constexpr int kPaletteSize = 6;
+
+    const g::Color& getPaletteColor(PaletteEntry entry) const { return colors[entry]; }
+    // The palette entry of one word of a line: white space, then numbers (integers, floats made
+    // of digits, '.', 'e', 'E', 'f', 'F', hexadecimal), then quoted strings, then other
+    // characters that start no identifier; of the remaining words aliases come before known
+    // words. So "fee" and a lone "." are numbers, and a word that is both an alias and a known
+    // word is an alias.
+    PaletteEntry getSyntaxColorEntry(const zu::String& word) const;
+
+    // Draws the window for one frame through the shape engine: a backdrop that darkens the
+    // screen, the command line behind its prompt (scrolled sideways so that the cursor stays in
+    // view) with its cursor, the lines on screen in their syntax colours and the scroll bar.
+    // A hidden window makes no call on the engine at all. Lines are coloured once, when they
+    // come into view; a frame in which the view stood still colours nothing and, once its
+    // buffers have grown, allocates nothing.
+    void renderVisibleText();
+
+private:
+    // Cuts `line` into tokens and colours each by getSyntaxColorEntry.
+    void syntaxColorLine(FormattedLine& out, const zu::String& line) const;
+    void renderScrollBar();
+    void drawCommandLine();
+    // Chooses the part of the command line that is shown, [first, end), moving
+    // commandLineScroll so that the cursor stays in view.
+    void chooseShownCommandText(float promptWidth, float cursorWidth, int32_t& first, int32_t& end);
+    float characterWidth(char character) const;
+    float textWidth(const char* text) const;
+    // Brings the colouring cache up to the view; the caller holds `mutex`.
+    void updateFormattedLines();
+    void colorNewLinesAtBottom(uint32_t shift);
+    void colorOldLinesAtTop(uint32_t shift);
+    FormattedLine& formattedLineOfRow(uint32_t row);
+    void drawFormattedLines(float lineHeight);
+};
+
+}  // namespace dm
+
+namespace dm {
+
+// The game's command executor: the console hands it every command it runs.
+class DM_API IOInterface {
+public:
+    // Runs one command. It always ends with ";": a line "a;b" arrives as "a;" and then "b;",
+    // each with the aliases in it already replaced. Runs on the thread that delivers the
+    // console's keystrokes; it must not call Console::processCommand or deliverKeystroke.
+    virtual void executeCommand(const zu::InplaceString<128>& command) = 0;
+
+    virtual ~IOInterface();
+};
+
+// The in-game developer console: a ScrollingTextWindow that a key opens and closes, key
+// bindings that run commands while it is closed, and the commands typed or bound handed one
+// by one to the game's IOInterface. The game creates one, delivers every keystroke, and calls
+// update() and render() once a frame, all on its main thread; print() may come from any thread.
+class DM_API Console {
+public:
+    // Key codes (Windows virtual-key codes) that the console itself handles.
+    static constexpr int kToggleKey = 220;
+    static constexpr int kEnterKey = 13;
+
+    // Creates the console's window (hidden; it loads the console cache) and makes this the
+    // console getInstance() returns, replacing any earlier one. Neither `shapeEngine` nor the
+    // IOInterface is owned.
+    Console(ShapeEngineInterface* shapeEngine, float margin);
+    ~Console();
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    // The live console, or null.
+    static Console* getInstance();
+
+    // One keystroke: the toggle key (220) opens or closes the console; Enter (13) without Alt
+    // runs the command line, open or closed; other keys edit the command line while the console
+    // is open, and run the command bound to `character` while it is closed.
+    void deliverKeystroke(int key, char character, bool alt, bool control, bool shift);
+
+    // Binds the typed character `key` to `command`, replacing an earlier binding.
+    void bind(unsigned char key, const zu::InplaceString<128>& command);
+    // Removes the binding of `key`; unbind(0) removes every binding.
+    void unbind(unsigned char key);
+    using BindingMap =
+        std::map<unsigned char, zu::InplaceString<128>, std::less<unsigned char>,
+                 zu::Allocator<std::pair<const unsigned char, zu::InplaceString<128>>>>;
+    const BindingMap& getBindingsMap() const { return bindings; }
+
+    // Runs the command line: parses it (aliases replaced; with `interactive` it goes into the
+    // history and each command is echoed behind the prompt) and runs its commands one by one,
+    // split at ";" unless the line starts with "alias" or "bind", which stay whole.
+    void processCommand(bool interactive);
+
+    // Attaches the command executor; null detaches it (commands then print an error line).
+    void setIOInterface(IOInterface* io) { ioInterface = io; }
+    // Once a frame: saves the console cache, at most once a second, when it has changed.
+    void update();
+    // Once a frame: draws the console while it is open.
+    void render();
+    // Prints into the console with printf rules (4096 bytes at most; a longer result is
+    // dropped). Thread-safe.
+    void print(const char* format, ...) DM_PRINTF(2, 3);
+    // Forgets the printed lines.
+    void clear();
+    // Closes the console.
+    void close();
+    bool isVisible() const { return visible; }
+    // Replaces the command line's text, cursor at its end.
+    void setText(const zu::InplaceString<128>& text);
+    ScrollingTextWindow* getScrollingTextWindow() { return scrollingTextWindow; }
+
+private:
+    // Makes the last word of a non-empty list end with ";", so that the last command ends too.
+    void terminateLastCommand(ConsoleWordList& words);
+    void processParsedCommandLine(const ConsoleWordList& words, bool echo);
+    void runCurrentCommand(bool echo);
+    void echoCommand();
+
+    ScrollingTextWindow* scrollingTextWindow = nullptr;
+    bool visible = false;
+    IOInterface* ioInterface = nullptr;
+    zu::Timer saveTimer;
+    BindingMap bindings;
+    // Reused by every command line, so that running one allocates nothing once they have grown.
+    ConsoleWordList commandWords;
+    zu::InplaceString<128> currentCommand;
+    zu::InplaceString<256> echoFormat;
+
+    static Console* sm_pInstance;
 };
 
 }  // namespace dm

@@ -9,9 +9,8 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-
 #include "zu/export.h"
+#include "zu/fast_delegate.h"
 #include "zu/string.h"
 #include "zu/vector.h"
 
@@ -55,7 +54,7 @@ public:
 
 using FilePathList = Vector<InplaceString<256>, HeapAllocator>;
 // Decides whether a found file is taken: (file name, full path) -> take it.
-using FileAcceptDelegate = std::function<bool(const char* fileName, const char* path)>;
+using FileAcceptDelegate = fastdelegate::FastDelegate2<const char*, const char*, bool>;
 
 class ZUL_API FileSystem {
 public:

@@ -1,0 +1,228 @@
+// Drawing the console window through the game's ShapeEngineInterface, and the cache of
+// coloured lines that keeps colouring to the lines that came into view.
+//
+// One frame, in this order: begin; the backdrop; text size 0.02, white, the line height; the
+// prompt; the shown part of the command line; the cursor; the cache brought up to the view; the
+// lines on screen from the bottom up, run by run; the scroll bar's track and handle.
+#include "dm/console.h"
+
+#include "console/input_line.h"
+
+namespace dm {
+
+namespace {
+
+constexpr float kTextSize = 0.02f;
+constexpr g::Color kBackdropColor{0, 0, 0, 127};
+constexpr g::Color kScrollTrackColor{80, 80, 80, 255};
+constexpr g::Color kScrollHandleColor{215, 209, 209, 255};
+
+// The shown command text and the cursor's work string: reused every frame so that drawing
+// allocates nothing; one set per drawing thread.
+thread_local zu::InplaceString<256> t_shownText;
+thread_local zu::InplaceString<256> t_cursorPrefix;
+
+// The signed distance from `from` to `to` on a counter that wraps around.
+int64_t wrappedDistance(int32_t from, int32_t to) {
+    return static_cast<int32_t>(static_cast<uint32_t>(to) - static_cast<uint32_t>(from));
+}
+
+uint32_t smaller(int64_t a, uint64_t b) {
+    const uint64_t positive = a < 0 ? 0 : static_cast<uint64_t>(a);
+    return static_cast<uint32_t>(positive < b ? positive : b);
+}
+
+}  // namespace
+
+void ScrollingTextWindow::renderVisibleText() {
+    if (!visible) {
+        return;
+    }
+    shapeEngine->begin();
+    shapeEngine->setColor(kBackdropColor);
+    shapeEngine->drawRectangle({0.0f, 0.0f}, {1.0f, 1.0f});
+    shapeEngine->setTextSize(kTextSize);
+    shapeEngine->setColor(g::Color::White);
+    const float lineHeight = shapeEngine->getLineHeight();
+    drawCommandLine();
+    // Printing threads change the lines and viewLine, and clear() empties the cache, under the
+    // lock; the recursive lock lets the scroll bar read the counts under it again.
+    zu::ScopedLock lock(mutex);
+    updateFormattedLines();
+    drawFormattedLines(lineHeight);
+    renderScrollBar();
+}
+
+void ScrollingTextWindow::drawCommandLine() {
+    shapeEngine->drawText(commandLinePosition, prompt.c_str());
+    const float promptWidth = textWidth(prompt.c_str());
+    const float cursorWidth = textWidth(cursorText.c_str());
+    int32_t first = 0;
+    int32_t end = 0;
+    chooseShownCommandText(promptWidth, cursorWidth, first, end);
+    const zu::String& text = inputLine->getText();
+    t_shownText.assign(text.c_str() + first, static_cast<size_t>(end - first));
+    shapeEngine->drawText({commandLinePosition.x + promptWidth, commandLinePosition.y},
+                          t_shownText.c_str());
+    // The cursor stands behind the prompt and the shown characters before it.
+    const int32_t cursor = inputLine->getCursor();
+    t_cursorPrefix = prompt;
+    t_cursorPrefix.append(text.c_str() + commandLineScroll,
+                          static_cast<size_t>(cursor - commandLineScroll));
+    const float cursorX = commandLinePosition.x + textWidth(t_cursorPrefix.c_str());
+    shapeEngine->drawText({cursorX, commandLinePosition.y}, cursorText.c_str());
+}
+
+// Walks the text from commandLineScroll until it no longer fits the line. When the cursor
+// lies beyond that point, the window is moved so that it ends at the cursor instead, walking
+// back from the cursor; a cursor at the end of the text needs room for the cursor glyph too.
+// The walks measure each character alone, through the engine.
+void ScrollingTextWindow::chooseShownCommandText(float promptWidth, float cursorWidth,
+                                                 int32_t& first, int32_t& end) {
+    const zu::String& text = inputLine->getText();
+    const int32_t length = static_cast<int32_t>(text.length());
+    const int32_t cursor = inputLine->getCursor();
+    if (commandLineScroll > cursor) {
+        commandLineScroll = cursor;
+    }
+    if (commandLineScroll < 0) {
+        commandLineScroll = 0;
+    }
+    first = commandLineScroll;
+    end = length;
+    const float startWidth = promptWidth + (cursor == length ? cursorWidth : 0.0f);
+    float width = startWidth;
+    for (int32_t i = commandLineScroll; i < length; ++i) {
+        width += characterWidth(text[static_cast<size_t>(i)]);
+        if (width < commandLineWidth) {
+            continue;
+        }
+        if (cursor <= i) {
+            end = i + 1;  // the character that crosses the edge is still shown
+            return;
+        }
+        width = startWidth;
+        for (int32_t j = cursor == length ? cursor - 1 : cursor; j >= 0; --j) {
+            width += characterWidth(text[static_cast<size_t>(j)]);
+            if (width >= commandLineWidth) {
+                commandLineScroll = j + 1;
+                first = j + 1;
+                end = cursor < length ? cursor + 1 : length;
+                return;
+            }
+        }
+        return;
+    }
+    // The rest fits. When the line was scrolled for a longer text, the characters before it
+    // that fit too come back into view, so that a shorter text never shows only its end.
+    for (int32_t i = first - 1; i >= 0; --i) {
+        width += characterWidth(text[static_cast<size_t>(i)]);
+        if (width >= commandLineWidth) {
+            break;
+        }
+        first = i;
+    }
+    commandLineScroll = first;
+}
+
+float ScrollingTextWindow::characterWidth(char character) const {
+    const char single[2] = {character, 0};
+    return shapeEngine->getTextExtent(single).x;
+}
+
+float ScrollingTextWindow::textWidth(const char* text) const {
+    return shapeEngine->getTextExtent(text).x;
+}
+
+ScrollingTextWindow::FormattedLine& ScrollingTextWindow::formattedLineOfRow(uint32_t row) {
+    const int64_t size = static_cast<int64_t>(formattedLines.lines.size());
+    const int64_t slot =
+        ((formattedLines.position - static_cast<int64_t>(row) - 1) % size + size) % size;
+    return formattedLines.lines[static_cast<size_t>(slot)];
+}
+
+void ScrollingTextWindow::updateFormattedLines() {
+    const int64_t moved = wrappedDistance(cachedViewLine, viewLine);
+    if (moved != 0 && !formattedLines.lines.empty()) {
+        if (moved < 0) {
+            colorNewLinesAtBottom(smaller(-moved, formattedLines.lines.size()));
+        } else {
+            colorOldLinesAtTop(smaller(moved, formattedLines.lines.size()));
+        }
+    }
+    cachedViewLine = viewLine;
+}
+
+// New lines came in at the bottom: the ring turns by one per line, and each new line is
+// coloured into the slot that the turn frees at the bottom, so older entries move up a row.
+void ScrollingTextWindow::colorNewLinesAtBottom(uint32_t shift) {
+    const int32_t size = static_cast<int32_t>(formattedLines.lines.size());
+    for (uint32_t i = 0; i < shift; ++i) {
+        const int32_t slot = (formattedLines.position + static_cast<int32_t>(i)) % size;
+        formattedLines.lines[static_cast<size_t>(slot)].runs.clear();
+    }
+    const uint32_t coloured = smaller(shift, consoleLines.count());
+    for (uint32_t row = coloured; row-- > 0;) {
+        formattedLines.position = (formattedLines.position + 1) % size;
+        syntaxColorLine(formattedLineOfRow(0),
+                        consoleLines.line(static_cast<uint64_t>(scrollOffset) + row));
+    }
+}
+
+// The view moved up: the ring turns back, and the lines that came into view at the top are
+// coloured into the top rows.
+void ScrollingTextWindow::colorOldLinesAtTop(uint32_t shift) {
+    const int32_t size = static_cast<int32_t>(formattedLines.lines.size());
+    for (uint32_t i = 0; i < shift; ++i) {
+        formattedLines.position = (formattedLines.position - 1 + size) % size;
+        formattedLines.lines[static_cast<size_t>(formattedLines.position)].runs.clear();
+    }
+    const uint32_t coloured = smaller(shift, consoleLines.count());
+    for (uint32_t row = static_cast<uint32_t>(size) - coloured; row < static_cast<uint32_t>(size);
+         ++row) {
+        syntaxColorLine(formattedLineOfRow(row),
+                        consoleLines.line(static_cast<uint64_t>(scrollOffset) + row));
+    }
+}
+
+void ScrollingTextWindow::drawFormattedLines(float lineHeight) {
+    const uint32_t rows = static_cast<uint32_t>(formattedLines.lines.size());
+    float y = windowPosition.y + windowSize.y - lineHeight;
+    for (uint32_t row = 0; row < rows; ++row) {
+        float x = windowPosition.x;
+        for (const FormattedRun& run : formattedLineOfRow(row).runs) {
+            shapeEngine->setColor(run.color);
+            shapeEngine->drawText({x, y}, run.text.c_str());
+            x += textWidth(run.text.c_str());
+        }
+        y -= lineHeight;
+    }
+}
+
+// The handle's length is the share of the lines that fit on screen; scrolled to the newest
+// line it stands at the bottom of the track, scrolled fully up at its top.
+void ScrollingTextWindow::renderScrollBar() {
+    const uint64_t stored = consoleLines.count();
+    const uint64_t onScreen = getLinesOnScreen();
+    const uint64_t total = stored > onScreen ? stored : onScreen;
+    float handleLength =
+        total == 0 ? windowSize.y
+                   : static_cast<float>(onScreen) / static_cast<float>(total) * windowSize.y;
+    if (handleLength < scrollBarMinLength) {
+        handleLength = scrollBarMinLength;
+    }
+    const float barX = windowPosition.x + windowSize.x - scrollBarWidth;
+    float handleY = windowPosition.y;
+    if (stored > onScreen) {
+        const float share =
+            static_cast<float>(scrollOffset) / static_cast<float>(stored - onScreen);
+        handleY =
+            windowPosition.y + windowSize.y - share * (windowSize.y - handleLength) - handleLength;
+    }
+    shapeEngine->setColor(kScrollTrackColor);
+    shapeEngine->drawRectangle({barX, windowPosition.y}, {scrollBarWidth, windowSize.y});
+    shapeEngine->setColor(kScrollHandleColor);
+    shapeEngine->drawRectangle({barX, handleY}, {scrollBarWidth, handleLength});
+}
+
+}  // namespace dm

@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "console/fake_shape_engine.h"
+#include "console/keyboard.h"
+#include "dm/console.h"
+#include "support/test_support.h"
+
+namespace {
+
+using dm::Console;
+using Commands = std::vector<std::string>;
+
+constexpr int kEnter = 13;
+constexpr int kToggle = 220;
+
+// Keeps every command it is given.
+class RecordingIO : public dm::IOInterface {
+public:
+    void executeCommand(const zu::InplaceString<128>& command) override {
+        commands.push_back(command.c_str());
+        if (throwOnNext) {
+            throwOnNext = false;
+            throw dm::ScrollingTextWindowException("ScrollingTextWindow: %s", "refused");
+        }
+    }
+    Commands commands;
+    bool throwOnNext = false;
+};
+
+struct ConsoleTest : ::testing::Test {
+    dmtest::ScopedWritableFolder folder;
+    dmtest::FakeShapeEngine engine;
+    Console console{&engine, 0.0f};
+    RecordingIO io;
+
+    ConsoleTest() { console.setIOInterface(&io); }
+    dm::ScrollingTextWindow& window() { return *console.getScrollingTextWindow(); }
+    // Types `text` key by key, as a keyboard would (letters by their capital's code).
+    void type(const std::string& text) {
+        for (char c : text) {
+            const bool letterOrDigit = std::isalnum(static_cast<unsigned char>(c)) || c == ' ';
+            const int key = letterOrDigit ? std::toupper(static_cast<unsigned char>(c))
+                                          : dmtest::vk::Punctuation;
+            console.deliverKeystroke(key, c, false, false, false);
+        }
+    }
+    void open() {
+        if (!console.isVisible()) {
+            console.deliverKeystroke(kToggle, 0, false, false, false);
+        }
+    }
+    void enter(bool alt = false) { console.deliverKeystroke(kEnter, '\r', alt, false, false); }
+    // Types `line` into the open console and presses Enter.
+    void run(const std::string& line) {
+        open();
+        type(line);
+        enter();
+    }
+    std::string lineFromNewest(uint64_t k) { return window().getConsoleLine(k).c_str(); }
+    std::string newestLine() { return lineFromNewest(0); }
+};
+
+TEST(ConsoleInstance, TheLatestConsoleIsTheInstanceUntilItIsGone) {
+    dmtest::ScopedWritableFolder folder;
+    dmtest::FakeShapeEngine engine;
+    EXPECT_EQ(Console::getInstance(), nullptr);
+    {
+        Console first(&engine, 0.1f);
+        EXPECT_EQ(Console::getInstance(), &first);
+        EXPECT_FALSE(first.isVisible());
+        {
+            Console second(&engine, 0.1f);
+            EXPECT_EQ(Console::getInstance(), &second);
+        }
+        EXPECT_EQ(Console::getInstance(), nullptr) << "the earlier console was replaced";
+    }
+    EXPECT_EQ(Console::getInstance(), nullptr);
+}
+
+TEST_F(ConsoleTest, TheToggleKeyOpensAndClosesTheConsole) {
+    console.deliverKeystroke(kToggle, 'x', false, false, false);
+    EXPECT_TRUE(console.isVisible());
+    EXPECT_EQ(window().getText(), "") << "the toggle key types nothing";
+    console.deliverKeystroke(kToggle, 0, true, true, true);
+    EXPECT_FALSE(console.isVisible());
+    open();
+    console.close();
+    EXPECT_FALSE(console.isVisible());
+    engine.resetCalls();
+    console.render();
+    EXPECT_EQ(engine.calls(), 0) << "a closed console draws nothing";
+}
+
+TEST_F(ConsoleTest, EnterRunsTheLineAsCommandsEndingWithSemicolons) {
+    run("echo hi");
+    EXPECT_EQ(io.commands, (Commands{"echo hi;"}));
+    EXPECT_EQ(newestLine(), ">echo hi;\n") << "echoed behind the prompt";
+    EXPECT_EQ(window().getText(), "");
+
+    io.commands.clear();
+    run("  a ;  b");
+    EXPECT_EQ(io.commands, (Commands{"a ;", "b;"})) << "leading blanks of each command dropped";
+
+    io.commands.clear();
+    run("one;two;");
+    EXPECT_EQ(io.commands, (Commands{"one;", "two;"}));
+}
+
+TEST_F(ConsoleTest, EmptyEnterAndAltEnterDoNothing) {
+    open();
+    const uint64_t lines = window().getConsoleLineCount();
+    enter();
+    EXPECT_TRUE(io.commands.empty());
+    EXPECT_EQ(window().getConsoleLineCount(), lines) << "no echo";
+
+    type("a");
+    enter(true);
+    console.close();
+    enter(true);
+    EXPECT_TRUE(io.commands.empty());
+    EXPECT_EQ(window().getText(), "a");
+    enter();
+    EXPECT_EQ(io.commands, (Commands{"a;"})) << "Enter runs the line also while closed";
+}
+
+TEST_F(ConsoleTest, AliasAndBindLinesStayWhole) {
+    run("alias x a;b");
+    run("BIND k c;d");
+    EXPECT_EQ(io.commands, (Commands{"alias x a;b;", "BIND k c;d;"}));
+}
+
+TEST_F(ConsoleTest, AliasesAreReplacedBeforeTheLineIsSplit) {
+    window().accessAliasesMap()["both"] = "first;second";
+    run("both;third");
+    EXPECT_EQ(io.commands, (Commands{"first;", "second;", "third;"}));
+}
+
+TEST_F(ConsoleTest, APercentSignIsEchoedAsTyped) {
+    run("say 100%s %n %% %d");
+    EXPECT_EQ(io.commands, (Commands{"say 100%s %n %% %d;"}));
+    EXPECT_EQ(newestLine(), ">say 100%s %n %% %d;\n");
+}
+
+TEST_F(ConsoleTest, WithoutAnIOInterfaceEachCommandPrintsAnError) {
+    console.setIOInterface(nullptr);
+    run("a;b");
+    EXPECT_EQ(newestLine(), "ERROR: Unable to process command, no IO interface attached\n");
+    EXPECT_EQ(lineFromNewest(1), ">b;\n");
+    EXPECT_EQ(lineFromNewest(2), "ERROR: Unable to process command, no IO interface attached\n");
+    EXPECT_EQ(lineFromNewest(3), ">a;\n");
+    EXPECT_TRUE(io.commands.empty());
+}
+
+TEST_F(ConsoleTest, BoundKeysRunTheirCommandsOnlyWhileClosed) {
+    console.bind('k', "show;hide");
+    console.bind('j', "jump");
+    type("k");
+    EXPECT_EQ(io.commands, (Commands{"show;", "hide;"}));
+    EXPECT_EQ(window().getConsoleLineCount(), 0u) << "bound commands are not echoed";
+    type("xj");
+    EXPECT_EQ(io.commands, (Commands{"show;", "hide;", "jump;"})) << "unbound keys do nothing";
+
+    io.commands.clear();
+    open();
+    type("k");
+    EXPECT_TRUE(io.commands.empty());
+    EXPECT_EQ(window().getText(), "k") << "typed into the command line while open";
+    enter();
+    window().appendInput(dmtest::vk::Up, 0, false, false, false);
+    EXPECT_EQ(window().getText(), "k") << "only typed lines go into the history";
+}
+
+TEST_F(ConsoleTest, BindingABoundKeyReplacesItAndUnbindingZeroRemovesAll) {
+    console.bind('a', "one");
+    console.bind('a', "two");
+    console.bind('b', "three");
+    console.bind(0, "zero");
+    EXPECT_EQ(console.getBindingsMap().size(), 3u);
+    EXPECT_EQ(console.getBindingsMap().at('a'), "two");
+    console.unbind('a');
+    console.unbind('q');
+    EXPECT_EQ(console.getBindingsMap().size(), 2u);
+    console.unbind(0);
+    EXPECT_TRUE(console.getBindingsMap().empty());
+}
+
+TEST_F(ConsoleTest, ABindingReplacesWhatWasTyped) {
+    open();
+    type("half typed");
+    console.close();
+    console.bind(static_cast<unsigned char>('\xE4'), "umlaut");
+    console.deliverKeystroke(0xDE, '\xE4', false, false, false);
+    EXPECT_EQ(io.commands, (Commands{"umlaut;"})) << "characters above 127 bind too";
+    EXPECT_EQ(window().getText(), "");
+}
+
+TEST_F(ConsoleTest, AFailingCommandPassesItsExceptionOnAndTheNextLineRunsAfresh) {
+    io.throwOnNext = true;
+    open();
+    type("bad;good");
+    EXPECT_THROW(enter(), dm::ScrollingTextWindowException);
+    EXPECT_EQ(io.commands, (Commands{"bad;"}));
+    run("next");
+    EXPECT_EQ(io.commands, (Commands{"bad;", "next;"}));
+}
+
+TEST_F(ConsoleTest, PrintClearAndSetTextForwardToTheWindow) {
+    console.print("%d %s\n", 42, "text");
+    EXPECT_EQ(newestLine(), "42 text\n");
+    console.clear();
+    EXPECT_EQ(window().getConsoleLineCount(), 0u);
+    console.setText("prepared");
+    EXPECT_EQ(window().getText(), "prepared");
+    enter();
+    EXPECT_EQ(io.commands, (Commands{"prepared;"}));
+}
+
+TEST_F(ConsoleTest, UpdateSavesTheCacheAtMostOnceASecond) {
+    run("remember me");
+    console.update();
+    EXPECT_FALSE(std::filesystem::exists(folder.cacheFile())) << "too soon after the start";
+    EXPECT_TRUE(dmtest::waitUntil([&] {
+        console.update();
+        return std::filesystem::exists(folder.cacheFile());
+    }));
+    dmtest::FakeShapeEngine otherEngine;
+    Console next(&otherEngine, 0.0f);
+    next.getScrollingTextWindow()->appendInput(dmtest::vk::Up, 0, false, false, false);
+    EXPECT_EQ(next.getScrollingTextWindow()->getText(), "remember me") << "history survives";
+}
+
+}  // namespace

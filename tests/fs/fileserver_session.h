@@ -1,0 +1,60 @@
+// A dm-fileserver (or another file server program) in a second process, and this process as
+// the game: a client pipe manager connected to it and a NetworkFileSystem in front of the
+// local file system.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dm/comm.h"
+#include "dm/fs.h"
+#include "support/test_support.h"
+#include "zu/memory.h"
+
+namespace fstest {
+
+// Starts `program` with `args` and waits for its "on port N" line; 0 when it never came.
+inline int startServer(std::unique_ptr<dmtest::ChildProcess>& server, const std::string& program,
+                       const std::vector<std::string>& args) {
+    server = std::make_unique<dmtest::ChildProcess>(program, args);
+    if (!server->waitForOutput("on port ")) {
+        return 0;
+    }
+    const std::string& output = server->output();
+    return std::atoi(output.c_str() + output.find("on port ") + 8);
+}
+
+// The game side: the only pipe manager of this process, and the file system.
+class GameSide {
+public:
+    explicit GameSide(int port) {
+        dm::CommunicationPipeManager* manager =
+            dm::initCommunicationManagerAsClient("game", "127.0.0.1", port);
+        pipe = manager->getPipe("fileserver");
+        fileSystem = zu::newObject<dm::NetworkFileSystem>(zu::getLocalFileSystem());
+        connected = dmtest::waitUntil([this] { return pipe->isConnected(); });
+    }
+    ~GameSide() {
+        dm::NetworkFileSystem::deleteInstance();
+        dm::deinitCommunicationManagers();
+    }
+    GameSide(const GameSide&) = delete;
+    GameSide& operator=(const GameSide&) = delete;
+
+    dm::CommunicationPipe* pipe = nullptr;
+    dm::NetworkFileSystem* fileSystem = nullptr;
+    bool connected = false;
+};
+
+inline size_t countOccurrences(const std::string& text, const std::string& what) {
+    size_t count = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+}  // namespace fstest
