@@ -265,6 +265,14 @@ struct PipeLink {
         }
     }
 
+    // Both threads stop before either end goes: each reads the other's outbox.
+    ~PipeLink() {
+        left.stop();
+        right.stop();
+    }
+    PipeLink(const PipeLink&) = delete;
+    PipeLink& operator=(const PipeLink&) = delete;
+
     // Moves both ends onto a fresh connection, resetting both pipes.
     bool reconnect() {
         SocketPair fresh = makeSockets();
