@@ -23,7 +23,8 @@
 #include <vector>
 
 #include "dm/comm.h"
-#include "zu/event.h"
+#include "support/manager_link.h"
+#include "support/pipe_responders.h"
 
 #if defined(DM_HAVE_ZMQ)
 #include <zmq.h>
@@ -48,84 +49,26 @@ inline const uint8_t* bigPayload() {
 
 // --- Pipes: a server and a client manager, one pipe per channel, one responder per pipe ---
 
-class PipeResponder {
-public:
-    explicit PipeResponder(dm::CommunicationPipe* pipe) : m_pipe(pipe) {
-        m_pipe->setRequestCallback({&m_work, wake});
-        m_thread = std::thread([this] { run(); });
-    }
-    ~PipeResponder() { stop(); }
-    PipeResponder(const PipeResponder&) = delete;
-    PipeResponder& operator=(const PipeResponder&) = delete;
-
-    void stop() {
-        if (m_thread.joinable()) {
-            m_stopping = true;
-            m_work.signal();
-            m_thread.join();
-        }
-    }
-
-private:
-    static void wake(void* event, dm::CommunicationPipe*) {
-        static_cast<zu::Event*>(event)->signal();
-    }
-
-    void run() {
-        while (!m_stopping) {
-            m_work.wait(100);
-            for (zu::InplaceString<128> text; !(text = m_pipe->receiveRequest(nullptr)).empty();) {
-                if (text == "big") {
-                    m_pipe->respond("big", bigPayload(), static_cast<uint32_t>(kBigSize));
-                    continue;
-                }
-                void* data = nullptr;
-                uint32_t size = 0;
-                m_pipe->getRequestData(&data, &size);
-                m_pipe->respond(text.c_str(), data, size);
-            }
-        }
-    }
-
-    dm::CommunicationPipe* m_pipe;
-    zu::Event m_work;  // signalled by the request callback; outlives the managers
-    std::atomic<bool> m_stopping{false};
-    std::thread m_thread;
-};
-
 class PipeRig {
 public:
     explicit PipeRig(int channels) {
-        dm::CommunicationPipeManager* server =
-            dm::initCommunicationManagerAsServer(kServerName, 0, 1, true);
-        uint32_t port = 0;
-        server->getHost(&port);
-        dm::CommunicationPipeManager* client =
-            dm::initCommunicationManagerAsClient(kClientName, "127.0.0.1", static_cast<int>(port));
-        std::vector<std::string> names;
+        const std::string client = m_link.addClient();
         for (int c = 0; c < channels; ++c) {
-            names.push_back("bench-" + std::to_string(c));
-            m_pipes.push_back(client->getPipe(names.back().c_str()));
+            const std::string name = "bench-" + std::to_string(c);
+            const dmtest::ManagerLink::PipeEnds ends = m_link.connectPipe(client, name.c_str());
+            if (!ends.client) {
+                return;
+            }
+            m_pipes.push_back(ends.client);
+            m_responders.push_back(std::make_unique<dmtest::EchoResponder>(ends.server));
+            m_responders.back()->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
         }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!allConnected() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        for (const std::string& name : names) {
-            m_responders.push_back(std::make_unique<PipeResponder>(server->getPipe(name.c_str())));
-        }
-    }
-    ~PipeRig() {
-        for (auto& responder : m_responders) {
-            responder->stop();
-        }
-        dm::deinitCommunicationManager(kClientName);
-        dm::deinitCommunicationManager(kServerName);
+        m_ready = true;
     }
     PipeRig(const PipeRig&) = delete;
     PipeRig& operator=(const PipeRig&) = delete;
 
-    bool ready() const { return allConnected(); }
+    bool ready() const { return m_ready; }
     size_t echo(int channel, const uint8_t* data, size_t size, uint8_t* answer) {
         uint32_t got = 0;
         m_pipes[channel]->sendRequest("echo", 0, answer, static_cast<uint32_t>(size), &got, data,
@@ -139,20 +82,10 @@ public:
     }
 
 private:
-    static constexpr const char* kServerName = "bench-pipe-server";
-    static constexpr const char* kClientName = "bench-pipe-client";
-
-    bool allConnected() const {
-        for (dm::CommunicationPipe* pipe : m_pipes) {
-            if (!pipe->isConnected()) {
-                return false;
-            }
-        }
-        return !m_pipes.empty();
-    }
-
+    dmtest::ManagerLink m_link;  // destroyed last: the responders stop before the managers go
     std::vector<dm::CommunicationPipe*> m_pipes;
-    std::vector<std::unique_ptr<PipeResponder>> m_responders;
+    std::vector<std::unique_ptr<dmtest::EchoResponder>> m_responders;
+    bool m_ready = false;
 };
 
 #if defined(DM_HAVE_ZMQ)

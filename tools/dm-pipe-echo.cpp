@@ -71,12 +71,11 @@ void answerNotifications(dm::CommunicationPipe& pipe) {
 
 // Requests and notifications with an empty text cannot be answered (the pipe drops them, as
 // "" means "nothing arrived"); say so, so that whoever sent them does not wait in silence.
-void reportEmptyTexts(const dm::CommunicationPipe& pipe, uint32_t& reported) {
-    const auto* netPipe = dynamic_cast<const dm::NetCommunicationPipe*>(&pipe);
-    const uint32_t dropped = netPipe ? netPipe->getEmptyTextsDropped() : 0;
+void reportEmptyTexts(const dm::CommunicationPipe& pipe, uint64_t& reported) {
+    const uint64_t dropped = dm::getPipeStatistics(&pipe).droppedEmptyText;
     if (dropped != reported) {
-        std::printf("server: dropped %u message(s) with an empty text; they get no answer\n",
-                    dropped - reported);
+        std::printf("server: dropped %llu message(s) with an empty text; they get no answer\n",
+                    static_cast<unsigned long long>(dropped - reported));
         reported = dropped;
     }
 }
@@ -145,7 +144,7 @@ int runServer(int port, int limit) {
     std::printf("server: pipe \"%s\" on port %u\n", kPipeName, listening);
     std::fflush(stdout);
     int answered = 0;
-    uint32_t emptyReported = 0;
+    uint64_t emptyReported = 0;
     // With a limit, the client that made it up is served until it leaves.
     const auto done = [&] { return limit > 0 && answered >= limit && !pipe->isConnected(); };
     while (!g_interrupted && !done()) {

@@ -2,8 +2,9 @@
 // receive handlers are in net_pipe_receive.cpp.
 #include <utility>
 
+#include "comm/net_communication_pipe.h"
+
 #include "comm/pipe_protocol.h"
-#include "dm/comm.h"
 #include "log_output.h"
 #include "zu/memory.h"
 
@@ -67,8 +68,12 @@ zu::InplaceString<128> NetCommunicationPipe::getConnectedIP() const {
     return m_connectedIP;
 }
 
-PipeQueueSizes NetCommunicationPipe::getQueueSizes() const {
-    PipeQueueSizes sizes;
+PipeStatistics NetCommunicationPipe::getStatistics() const {
+    PipeStatistics sizes;
+    sizes.droppedMalformed = m_droppedMalformed.load();
+    sizes.droppedOverLimit = m_droppedOverLimit.load();
+    sizes.droppedStale = m_droppedStale.load();
+    sizes.droppedEmptyText = m_droppedEmptyText.load();
     {
         zu::ScopedLock lock(m_incomingLock);
         sizes.incomingRequests = m_incomingRequests.size();
@@ -293,6 +298,19 @@ void NetCommunicationPipe::close() {
     m_blockedCallersLeft.wait(m_outgoingLock, [this] { return m_blockedCallers == 0; });
 }
 
+PipeStatistics getPipeStatistics(const CommunicationPipe* pipe) {
+    const auto* netPipe = dynamic_cast<const NetCommunicationPipe*>(pipe);
+    return netPipe ? netPipe->getStatistics() : PipeStatistics();
+}
+
+bool setPipeMaxMessageSize(CommunicationPipe* pipe, uint32_t bytes) {
+    auto* netPipe = dynamic_cast<NetCommunicationPipe*>(pipe);
+    if (netPipe) {
+        netPipe->setMaxMessageSize(bytes);
+    }
+    return netPipe != nullptr;
+}
+
 // --- Callbacks ---
 
 void NetCommunicationPipe::setConnectionCallback(PipeCallback callback) {
@@ -392,11 +410,11 @@ void NetCommunicationPipe::freeIncomingRequests() {
 
 // --- Sending (manager thread) ---
 
-bool NetCommunicationPipe::pumpOutgoing(net::Socket* socket) {
-    if (!socket || !collectOutgoing()) {
+bool NetCommunicationPipe::pumpOutgoing(PacketSink* sink) {
+    if (!sink || !collectOutgoing()) {
         return false;
     }
-    const bool paused = !sendCollected(*socket);
+    const bool paused = !sendCollected(*sink);
     const bool moreToSend = markSent();
     return moreToSend && !paused;
 }
@@ -430,7 +448,7 @@ bool NetCommunicationPipe::collectOutgoing() {
 // Sends the copies in order, each from where an earlier pass left it, and marks those that went
 // whole (or failed: they are not tried again on this connection). False when sending paused
 // because the socket is full; the rest then waits for a later pass.
-bool NetCommunicationPipe::sendCollected(net::Socket& socket) {
+bool NetCommunicationPipe::sendCollected(PacketSink& sink) {
     using pipe_protocol::SendResult;
     // The data pointers stay valid: their owners block until the records are marked below.
     const char* name = m_name.c_str();
@@ -439,10 +457,10 @@ bool NetCommunicationPipe::sendCollected(net::Socket& socket) {
     for (ResponseRecord& response : m_pumpResponses) {
         progress.bytesSent = response.bytesSent;
         const SendResult result =
-            pipe_protocol::sendResponse(socket, m_sendPacket, progress, name, response.requestId,
+            pipe_protocol::sendResponse(sink, m_sendPacket, progress, name, response.requestId,
                                         response.text.c_str(), response.data, response.dataSize);
         response.bytesSent = progress.bytesSent;
-        socket.update();
+        sink.update();
         if (result == SendResult::kPaused) {
             return false;
         }
@@ -451,10 +469,10 @@ bool NetCommunicationPipe::sendCollected(net::Socket& socket) {
     for (RequestRecord& request : m_pumpRequests) {
         progress.bytesSent = request.bytesSent;
         const SendResult result = pipe_protocol::sendRequest(
-            socket, m_sendPacket, progress, name, request.id, request.value, request.text.c_str(),
+            sink, m_sendPacket, progress, name, request.id, request.value, request.text.c_str(),
             request.data, request.dataSize);
         request.bytesSent = progress.bytesSent;
-        socket.update();
+        sink.update();
         if (result == SendResult::kPaused) {
             return false;
         }
@@ -464,11 +482,10 @@ bool NetCommunicationPipe::sendCollected(net::Socket& socket) {
     for (NotificationRecord& notification : m_pumpNotifications) {
         const uint32_t value = notification.value != 0 ? notification.value : ownerId;
         progress.bytesSent = notification.bytesSent;
-        const SendResult result =
-            pipe_protocol::sendNotify(socket, m_sendPacket, progress, name, notification.id, value,
-                                      notification.text.c_str());
+        const SendResult result = pipe_protocol::sendNotify(
+            sink, m_sendPacket, progress, name, notification.id, value, notification.text.c_str());
         notification.bytesSent = progress.bytesSent;
-        socket.update();
+        sink.update();
         if (result == SendResult::kPaused) {
             return false;
         }

@@ -36,9 +36,10 @@ const char* orEmpty(const char* text) {
 NetCommunicationPipeManager::NetCommunicationPipeManager(
     const char* name, bool isServer, uint32_t port, const char* host, uint32_t id,
     bool createPipesOnRequest, ClientConnectionCallback clientConnectionCallback,
-    PipeCreateCallback pipeCreateCallback)
+    PipeCreateCallback pipeCreateCallback, const PipeClock& clock)
     : m_isServer(isServer),
       m_createPipesOnRequest(createPipesOnRequest),
+      m_clock(clock),
       m_id(id),
       m_name(orEmpty(name)),
       m_host(orEmpty(host)),
@@ -221,37 +222,40 @@ bool NetCommunicationPipeManager::pipeExists(const char* pipeName) {
 
 // --- Received messages (manager thread) ---
 
-bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& packet,
-                                           uint32_t packetSize) {
-    int32_t kind = -1;
-    if (!pipe_protocol::readKind(packet, kind)) {
+bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& packet) {
+    pipe_protocol::Message message;
+    if (!pipe_protocol::decode(packet, message)) {
         return true;  // not a pipe message
     }
-    const char* pipeName = "";
-    switch (kind) {
+    switch (message.kind) {
         case pipe_protocol::kRequest:
         case pipe_protocol::kResponse:
         case pipe_protocol::kNotify:
-            dispatchToPipe(kind, packet, packetSize);
-            return true;
-        case pipe_protocol::kOpenPipe: {
-            const char* senderName = "";
-            if (m_isServer && pipe_protocol::readOpenPipe(packet, pipeName, senderName)) {
-                setRemoteName(senderName);
-                openPipe(socket, pipeName);
+            // The pipe counts a malformed one; one for a pipe this end does not have is dropped.
+            if (NetCommunicationPipe* pipe = findPipe(message.pipeName)) {
+                pipe->receive(message);
             }
             return true;
-        }
+        case pipe_protocol::kOpenPipe:
+            if (m_isServer && !message.malformed) {
+                setRemoteName(message.managerName);
+                openPipe(socket, message.pipeName);
+            }
+            return true;
         case pipe_protocol::kPipeOpened:
-            if (!m_isServer && pipe_protocol::readPipeName(packet, pipeName)) {
-                openPipe(socket, pipeName);
+            if (!m_isServer && !message.malformed) {
+                openPipe(socket, message.pipeName);
             }
             return true;
         case pipe_protocol::kRedirect:
-            return m_isServer || !onRedirect(socket, packet);
+            if (m_isServer || message.malformed) {
+                return true;
+            }
+            onRedirect(socket, message);
+            return false;  // the connection is closed: the next one goes to the address received
         case pipe_protocol::kWelcome:
-            if (!m_isServer) {
-                onWelcome(socket, packet);
+            if (!m_isServer && !message.malformed) {
+                onWelcome(socket, message);
             }
             return socket.isConnected();
         default:
@@ -259,62 +263,26 @@ bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& pac
     }
 }
 
-void NetCommunicationPipeManager::dispatchToPipe(int32_t kind, net::Packet& packet,
-                                                 uint32_t packetSize) {
-    // A message for a pipe this end does not have is dropped.
-    if (kind == pipe_protocol::kRequest) {
-        pipe_protocol::RequestHead head;
-        NetCommunicationPipe* pipe = nullptr;
-        if (pipe_protocol::readRequestHead(packet, head) && (pipe = findPipe(head.pipeName))) {
-            pipe->onRequestPacket(head.requestId, head.value, head.text, packet, packetSize);
-        }
-    } else if (kind == pipe_protocol::kResponse) {
-        pipe_protocol::ResponseHead head;
-        NetCommunicationPipe* pipe = nullptr;
-        if (pipe_protocol::readResponseHead(packet, head) && (pipe = findPipe(head.pipeName))) {
-            pipe->onResponsePacket(head.requestId, head.text, packet);
-        }
-    } else {
-        pipe_protocol::NotifyHead head;
-        NetCommunicationPipe* pipe = nullptr;
-        if (pipe_protocol::readNotifyHead(packet, head) && (pipe = findPipe(head.pipeName))) {
-            pipe->onNotifyPacket(head.notifyId, head.value, packet);
-        }
-    }
-}
-
-// Returns true when the redirect was taken: the connection is closed and the next one goes to
-// the address received.
-bool NetCommunicationPipeManager::onRedirect(net::Socket& socket, net::Packet& packet) {
-    const char* host = "";
-    int32_t port = 0;
-    if (!pipe_protocol::readRedirect(packet, host, port)) {
-        return false;
-    }
+void NetCommunicationPipeManager::onRedirect(net::Socket& socket,
+                                             const pipe_protocol::Message& message) {
     socket.close();
     zu::ScopedLock lock(m_addressLock);
-    m_redirectHost = host;
-    m_redirectPort = static_cast<uint32_t>(port);
+    m_redirectHost = message.host;
+    m_redirectPort = static_cast<uint32_t>(message.port);
     m_redirectPending = true;
-    return true;
 }
 
-void NetCommunicationPipeManager::onWelcome(net::Socket& socket, net::Packet& packet) {
-    uint32_t protocolVersion = 0;
-    uint32_t connectionId = 0;
-    const char* serverName = "";
-    if (!pipe_protocol::readWelcome(packet, protocolVersion, connectionId, serverName)) {
-        return;
-    }
-    m_id.store(connectionId);
-    setRemoteName(serverName);
+void NetCommunicationPipeManager::onWelcome(net::Socket& socket,
+                                            const pipe_protocol::Message& message) {
+    m_id.store(message.connectionId);
+    setRemoteName(message.managerName);
     {
         zu::ScopedLock lock(m_addressLock);
         // A redirect governs only the connection it caused; a drop goes back to the address
         // that was configured.
         m_redirectHost = m_host;
         m_redirectPort = m_port;
-        if (protocolVersion != pipe_protocol::kProtocolVersion) {
+        if (message.protocolVersion != pipe_protocol::kProtocolVersion) {
             socket.close();
             m_redirectHost.clear();
         }

@@ -8,6 +8,9 @@
 #include <cstdint>
 #include <map>
 
+#include "comm/net_communication_pipe.h"
+#include "comm/pipe_clock.h"
+#include "comm/pipe_protocol.h"
 #include "dm/comm.h"
 #include "net/listener.h"
 #include "net/socket.h"
@@ -35,11 +38,13 @@ public:
     static constexpr uint32_t kCrowdedClientPassMs = 1;
 
     // Listens on `port` (server) or starts connecting to host:port (client), and starts the
-    // thread, with the callbacks given already in place.
+    // thread, with the callbacks given already in place. The intervals are measured on `clock`,
+    // which must outlive the manager.
     NetCommunicationPipeManager(const char* name, bool isServer, uint32_t port, const char* host,
                                 uint32_t id, bool createPipesOnRequest,
                                 ClientConnectionCallback clientConnectionCallback = {},
-                                PipeCreateCallback pipeCreateCallback = {});
+                                PipeCreateCallback pipeCreateCallback = {},
+                                const PipeClock& clock = appAgeClock());
     // Stops and joins the thread, wakes every thread still blocked on one of the pipes (see
     // NetCommunicationPipe::close), then destroys the pipes and sockets.
     ~NetCommunicationPipeManager() override;
@@ -125,10 +130,9 @@ private:
 
     // --- Messages (manager thread) ---
     // Returns false when the connection must not be read further this pass.
-    bool dispatch(net::Socket& socket, net::Packet& packet, uint32_t packetSize);
-    void dispatchToPipe(int32_t kind, net::Packet& packet, uint32_t packetSize);
-    bool onRedirect(net::Socket& socket, net::Packet& packet);
-    void onWelcome(net::Socket& socket, net::Packet& packet);
+    bool dispatch(net::Socket& socket, net::Packet& packet);
+    void onRedirect(net::Socket& socket, const pipe_protocol::Message& message);
+    void onWelcome(net::Socket& socket, const pipe_protocol::Message& message);
     void openPipe(net::Socket& socket, const char* pipeName);
     void detachPipesFrom(const net::Socket* socket);
 
@@ -144,6 +148,7 @@ private:
 
     const bool m_isServer;
     const bool m_createPipesOnRequest;
+    const PipeClock& m_clock;
     std::atomic<bool> m_stopRequested{false};
     std::atomic<uint32_t> m_id;
     zu::Event m_wakeEvent;  // wakes the thread: a new pipe, an address change, the end

@@ -23,10 +23,6 @@ constexpr int kMaxPacketsPerPass = 1024;
 // Where the server's wait list holds its listener: right after the manager's wake event.
 constexpr int kListenerWaitIndex = 1;
 
-double appAge() {
-    return zu::Timer::getAppAge();
-}
-
 // Whole milliseconds until `due`, rounded up, at most `bound`.
 uint32_t millisecondsUntil(double due, double now, uint32_t bound) {
     const double left = (due - now) * 1000.0;
@@ -36,7 +32,17 @@ uint32_t millisecondsUntil(double due, double now, uint32_t bound) {
     return left >= bound ? bound : static_cast<uint32_t>(left) + 1;
 }
 
+class AppAgeClock final : public PipeClock {
+public:
+    double now() const override { return zu::Timer::getAppAge(); }
+};
+
 }  // namespace
+
+const PipeClock& appAgeClock() {
+    static const AppAgeClock clock;
+    return clock;
+}
 
 // --- Waiting ---
 
@@ -163,10 +169,9 @@ void NetCommunicationPipeManager::updateSocket(net::Socket& socket) {
 }
 
 void NetCommunicationPipeManager::pollPackets(net::Socket& socket) {
-    uint32_t size = 0;
     for (int count = 0; count < kMaxPacketsPerPass; ++count) {
-        net::Packet* packet = socket.pollPacket(&size);
-        if (!packet || !dispatch(socket, *packet, size)) {
+        net::Packet* packet = socket.pollPacket(nullptr);
+        if (!packet || !dispatch(socket, *packet)) {
             return;
         }
     }
@@ -191,7 +196,7 @@ void NetCommunicationPipeManager::clientPass() {
     if (!socket.isConnected() && m_wasConnected) {
         onClientDropped(socket);
     }
-    const double now = appAge();
+    const double now = m_clock.now();
     const bool idle = !socket.isConnected() && !socket.isConnecting();
     if (idle && now - entry.lastConnectAttempt > kReconnectInterval) {
         connectClient(entry, now);
@@ -220,7 +225,7 @@ void NetCommunicationPipeManager::sendOpenPipes(net::Socket& socket) {
     }
     zu::InplaceString<128> name = copyName();
     for (PipeEntry* entry : m_passPipes) {
-        const double now = appAge();
+        const double now = m_clock.now();
         if (!entry->socket && now - entry->lastOpenPipeSent > kOpenPipeInterval) {
             pipe_protocol::sendOpenPipe(socket, entry->pipe->getName(), name.c_str());
             entry->lastOpenPipeSent = now;
@@ -230,7 +235,7 @@ void NetCommunicationPipeManager::sendOpenPipes(net::Socket& socket) {
 
 // When the next pipe is to be asked for (far ahead when every pipe is attached).
 double NetCommunicationPipeManager::nextOpenPipeDue() const {
-    double due = appAge() + 3600.0;
+    double due = m_clock.now() + 3600.0;
     for (const PipeEntry* entry : m_passPipes) {
         if (!entry->socket) {
             due = std::min(due, entry->lastOpenPipeSent + kOpenPipeInterval);
@@ -288,7 +293,11 @@ void NetCommunicationPipeManager::collectPipes() {
 
 void NetCommunicationPipeManager::pumpPipes() {
     for (PipeEntry* entry : m_passPipes) {
-        if (entry->pipe->pumpOutgoing(entry->socket)) {
+        if (!entry->socket) {
+            continue;
+        }
+        SocketSink sink(*entry->socket);
+        if (entry->pipe->pumpOutgoing(&sink)) {
             m_moreWork = true;
         }
     }

@@ -1,12 +1,11 @@
 // NetCommunicationPipe receive handlers: reassembly of chunked requests, responses and
 // notifications, run on the manager's thread. Everything read from the wire is checked before
 // it is used: a chunk outside its message, a packet shorter than its fields, or a message over
-// the size limit is dropped whole.
+// the size limit is dropped whole, and counted.
 #include <algorithm>
 #include <cstring>
 
-#include "comm/pipe_protocol.h"
-#include "dm/comm.h"
+#include "comm/net_communication_pipe.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
 
@@ -26,33 +25,60 @@ bool NetCommunicationPipe::fitsMessageLimit(uint32_t totalSize) const {
     return totalSize <= m_maxMessageSize.load();
 }
 
+void NetCommunicationPipe::count(Drop drop) {
+    std::atomic<uint64_t>& counter = drop == Drop::kMalformed   ? m_droppedMalformed
+                                     : drop == Drop::kOverLimit ? m_droppedOverLimit
+                                     : drop == Drop::kStale     ? m_droppedStale
+                                                                : m_droppedEmptyText;
+    counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+void NetCommunicationPipe::receive(const pipe_protocol::Message& message) {
+    if (message.malformed) {
+        count(Drop::kMalformed);
+        return;
+    }
+    switch (message.kind) {
+        case pipe_protocol::kRequest:
+            onRequest(message);
+            break;
+        case pipe_protocol::kResponse:
+            onResponse(message);
+            break;
+        case pipe_protocol::kNotify:
+            onNotify(message);
+            break;
+        default:
+            break;  // not a pipe's message
+    }
+}
+
 // --- Requests ---
 
-void NetCommunicationPipe::onRequestPacket(uint32_t id, uint32_t value, const char* text,
-                                           net::Packet& packet, uint32_t packetSize) {
-    ChunkFields chunk;
-    // A request without data may end right after its text; the sizes then count as 0.
-    if (packetSize > packet.getPos() && !pipe_protocol::readChunkFields(packet, chunk)) {
-        return;
-    }
-    if (!chunk.liesInside() || !fitsMessageLimit(chunk.totalSize)) {
-        return;
-    }
+void NetCommunicationPipe::onRequest(const pipe_protocol::Message& message) {
+    const Chunk& chunk = message.chunk;
     // A sender puts data in every chunk of a request that has data: an empty one would
     // complete it with nothing in its buffer.
-    if (chunk.totalSize > 0 && chunk.chunkSize == 0) {
+    if (!chunk.liesInside() || (chunk.totalSize > 0 && chunk.size == 0)) {
+        count(Drop::kMalformed);
+        return;
+    }
+    if (!fitsMessageLimit(chunk.totalSize)) {
+        count(Drop::kOverLimit);
         return;
     }
     // An empty text could not be told from "no request" by the application. Counted once per
     // message, at its first chunk.
-    if (!text || text[0] == '\0') {
-        m_emptyTextsDropped += chunk.offset == 0 ? 1 : 0;
+    if (message.text[0] == '\0') {
+        if (chunk.offset == 0) {
+            count(Drop::kEmptyText);
+        }
         return;
     }
     PipeCallback callback;
     {
         zu::ScopedLock lock(m_incomingLock);
-        if (!storeRequestChunk(id, value, text, chunk, packet)) {
+        if (!storeRequestChunk(message)) {
             return;
         }
         callback = m_requestCallback;
@@ -61,31 +87,36 @@ void NetCommunicationPipe::onRequestPacket(uint32_t id, uint32_t value, const ch
 }
 
 // Returns true when the chunk completed its request.
-bool NetCommunicationPipe::storeRequestChunk(uint32_t id, uint32_t value, const char* text,
-                                             const ChunkFields& chunk, net::Packet& packet) {
+bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& message) {
+    const Chunk& chunk = message.chunk;
+    const uint32_t id = message.id;
     // A request resent after a reconnect that was already answered here.
     if (m_lastCompletedRequestId != kNoId && id <= m_lastCompletedRequestId) {
+        count(Drop::kStale);
         return false;
     }
     size_t index = 0;
     RequestRecord* request = findPartialRequest(id, &index);
     if (!request) {
-        request = addIncomingRequest(id, value, text, chunk);
+        request = addIncomingRequest(message);
         if (!request) {
+            count(Drop::kOverLimit);
             return false;
         }
         index = m_incomingRequests.size() - 1;
     } else if (request->dataSize != chunk.totalSize) {
-        return false;  // does not belong to the message begun with this id
+        count(Drop::kMalformed);  // does not belong to the message begun with this id
+        return false;
     }
-    if (chunk.chunkSize > 0) {
-        if (!reserveRequestData(*request, chunk.offset + chunk.chunkSize)) {
+    if (chunk.size > 0) {
+        if (!reserveRequestData(*request, chunk.offset + chunk.size)) {
             dropIncomingRequest(index);
+            count(Drop::kOverLimit);
             return false;
         }
-        packet.read(static_cast<uint8_t*>(request->data) + chunk.offset, chunk.chunkSize);
-        request->dataReceivedBytes += chunk.chunkSize;
-        request->dataWrittenEnd = std::max(request->dataWrittenEnd, chunk.offset + chunk.chunkSize);
+        std::memcpy(static_cast<uint8_t*>(request->data) + chunk.offset, chunk.bytes, chunk.size);
+        request->dataReceivedBytes += chunk.size;
+        request->dataWrittenEnd = std::max(request->dataWrittenEnd, chunk.offset + chunk.size);
         if (!chunk.endsPayload()) {
             return false;
         }
@@ -93,6 +124,7 @@ bool NetCommunicationPipe::storeRequestChunk(uint32_t id, uint32_t value, const 
         // application memory that no chunk wrote.
         if (request->dataReceivedBytes < request->dataSize) {
             dropIncomingRequest(index);
+            count(Drop::kMalformed);
             return false;
         }
     }
@@ -105,14 +137,15 @@ bool NetCommunicationPipe::storeRequestChunk(uint32_t id, uint32_t value, const 
 // what a request announces costs nothing until its data comes. Requests that stay unfinished
 // are limited in number and in announced bytes; new ones beyond either limit are dropped.
 NetCommunicationPipe::RequestRecord* NetCommunicationPipe::addIncomingRequest(
-    uint32_t id, uint32_t value, const char* text, const ChunkFields& chunk) {
+    const pipe_protocol::Message& message) {
+    const Chunk& chunk = message.chunk;
     if (!chunk.endsPayload() && !roomForUnfinishedRequest(chunk.totalSize)) {
         return nullptr;
     }
     RequestRecord& request = m_incomingRequests.emplace_back();
-    request.id = id;
-    request.value = value;
-    request.text = text ? text : "";
+    request.id = message.id;
+    request.value = message.value;
+    request.text = message.text;
     request.dataSize = chunk.totalSize;
     return &request;
 }
@@ -171,17 +204,21 @@ NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findPartialRequest(ui
 
 // --- Responses ---
 
-void NetCommunicationPipe::onResponsePacket(uint32_t id, const char* text, net::Packet& packet) {
-    ChunkFields chunk;
-    if (!pipe_protocol::readChunkFields(packet, chunk) || !chunk.liesInside()) {
+void NetCommunicationPipe::onResponse(const pipe_protocol::Message& message) {
+    if (!message.chunk.liesInside()) {
+        count(Drop::kMalformed);
         return;
     }
     zu::Event* waiter = nullptr;
     {
         zu::ScopedLock lock(m_outgoingLock);
-        RequestRecord* request = findOutgoingRequest(id);
-        if (!request || !storeResponseChunk(*request, text, chunk, packet)) {
-            return;  // nobody waits for it (any more), or more chunks are to come
+        RequestRecord* request = findOutgoingRequest(message.id);
+        if (!request) {
+            count(Drop::kStale);  // nobody waits for it (any more)
+            return;
+        }
+        if (!storeResponseChunk(*request, message.text, message.chunk)) {
+            return;  // more chunks are to come
         }
         request->responseReceived = true;
         waiter = request->event;
@@ -193,35 +230,37 @@ void NetCommunicationPipe::onResponsePacket(uint32_t id, const char* text, net::
 
 // Returns true when the chunk completed the response.
 bool NetCommunicationPipe::storeResponseChunk(RequestRecord& request, const char* text,
-                                              const ChunkFields& chunk, net::Packet& packet) {
-    request.responseText = text ? text : "";
-    if (chunk.chunkSize == 0) {
+                                              const Chunk& chunk) {
+    request.responseText = text;
+    if (chunk.size == 0) {
         return true;
     }
     request.responseSize = chunk.totalSize;
     // The caller's buffer takes what fits; the full size is still reported.
-    const uint32_t chunkStart = packet.getPos();
     if (request.responseBuffer && chunk.offset < request.responseCapacity) {
-        const uint32_t fits = std::min(chunk.chunkSize, request.responseCapacity - chunk.offset);
-        packet.read(static_cast<uint8_t*>(request.responseBuffer) + chunk.offset, fits);
+        const uint32_t fits = std::min(chunk.size, request.responseCapacity - chunk.offset);
+        std::memcpy(static_cast<uint8_t*>(request.responseBuffer) + chunk.offset, chunk.bytes,
+                    fits);
     }
-    packet.setPos(chunkStart + chunk.chunkSize);
-    request.responseReceivedBytes += chunk.chunkSize;
+    request.responseReceivedBytes += chunk.size;
     return chunk.endsPayload();
 }
 
 // --- Notifications ---
 
-void NetCommunicationPipe::onNotifyPacket(uint32_t id, uint32_t value, net::Packet& packet) {
-    ChunkFields chunk;
-    if (!pipe_protocol::readChunkFields(packet, chunk) || !chunk.liesInside() ||
-        !fitsMessageLimit(chunk.totalSize)) {
+void NetCommunicationPipe::onNotify(const pipe_protocol::Message& message) {
+    if (!message.chunk.liesInside()) {
+        count(Drop::kMalformed);
+        return;
+    }
+    if (!fitsMessageLimit(message.chunk.totalSize)) {
+        count(Drop::kOverLimit);
         return;
     }
     PipeCallback callback;
     {
         zu::ScopedLock lock(m_incomingLock);
-        if (!storeNotifyChunk(id, value, chunk, packet)) {
+        if (!storeNotifyChunk(message)) {
             return;
         }
         callback = m_notifyCallback;
@@ -231,47 +270,48 @@ void NetCommunicationPipe::onNotifyPacket(uint32_t id, uint32_t value, net::Pack
 
 // Returns true when the chunk completed its notification. Chunks are appended in the order
 // they arrive; the offset only serves the bounds check.
-bool NetCommunicationPipe::storeNotifyChunk(uint32_t id, uint32_t value, const ChunkFields& chunk,
-                                            net::Packet& packet) {
-    NotificationRecord* notification = findPartialNotification(id);
+bool NetCommunicationPipe::storeNotifyChunk(const pipe_protocol::Message& message) {
+    const Chunk& chunk = message.chunk;
+    NotificationRecord* notification = findPartialNotification(message.id);
     if (!notification) {
         if (chunk.totalSize == 0) {
-            ++m_emptyTextsDropped;  // could not be told from "no notification"
+            count(Drop::kEmptyText);  // could not be told from "no notification"
             return false;
         }
-        if (chunk.chunkSize == 0 && chunk.totalSize > 0) {
-            return false;  // a sender starts with text; this would hold back every later one
+        if (chunk.size == 0) {
+            count(Drop::kMalformed);  // a sender starts with text; this would hold back the rest
+            return false;
         }
         if (!chunk.endsPayload() && countIncompleteNotifications() >= kMaxUnfinishedIncoming) {
+            count(Drop::kOverLimit);
             return false;
         }
         notification = &m_incomingNotifications.emplace_back();
-        notification->id = id;
-        notification->value = value;
+        notification->id = message.id;
+        notification->value = message.value;
         notification->expectedLength = chunk.totalSize;
-    } else if (static_cast<uint64_t>(notification->receivedLength) + chunk.chunkSize >
+    } else if (static_cast<uint64_t>(notification->receivedLength) + chunk.size >
                notification->expectedLength) {
-        return false;  // more text than the notification announced
+        count(Drop::kMalformed);  // more text than the notification announced
+        return false;
     }
     // The text ends at the chunk's first zero byte, as a zero-terminated append would.
-    const uint32_t chunkStart = packet.getPos();
-    const char* bytes = reinterpret_cast<const char*>(packet.getData() + chunkStart);
-    const void* zero = std::memchr(bytes, 0, chunk.chunkSize);
+    const char* bytes = reinterpret_cast<const char*>(chunk.bytes);
+    const void* zero = std::memchr(bytes, 0, chunk.size);
     const size_t length =
-        zero ? static_cast<size_t>(static_cast<const char*>(zero) - bytes) : chunk.chunkSize;
+        zero ? static_cast<size_t>(static_cast<const char*>(zero) - bytes) : chunk.size;
     notification->text.append(bytes, length);
-    packet.setPos(chunkStart + chunk.chunkSize);
-    notification->receivedLength += chunk.chunkSize;
+    notification->receivedLength += chunk.size;
     if (notification->receivedLength != notification->expectedLength) {
         return false;
     }
     if (notification->text.empty()) {  // its text was only zero bytes
         m_incomingNotifications.erase(
             static_cast<size_t>(notification - m_incomingNotifications.data()));
-        ++m_emptyTextsDropped;
+        count(Drop::kEmptyText);
         return false;
     }
-    m_lastCompletedNotifyId = id;
+    m_lastCompletedNotifyId = message.id;
     return true;
 }
 

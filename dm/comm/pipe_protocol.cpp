@@ -16,13 +16,13 @@ const char* orEmpty(const char* text) {
 // `writeHead` writes the kind and the fields up to and including the payload's total size;
 // each packet then gets the chunk's offset, its size and as much of the payload as it takes.
 template <typename WriteHead>
-SendResult sendChunked(net::Socket& socket, net::Packet& packet, SendProgress& progress,
+SendResult sendChunked(PacketSink& sink, net::Packet& packet, SendProgress& progress,
                        const WriteHead& writeHead, const void* payload, uint32_t totalSize) {
     const uint8_t* bytes = static_cast<const uint8_t*>(payload);
     do {
-        if (socket.getQueuedSendBytes() > progress.queueLimit) {
-            socket.update();  // the OS may have room again since the queue was last flushed
-            if (socket.getQueuedSendBytes() > progress.queueLimit) {
+        if (sink.getQueuedSendBytes() > progress.queueLimit) {
+            sink.update();  // the OS may have room again since the queue was last flushed
+            if (sink.getQueuedSendBytes() > progress.queueLimit) {
                 return SendResult::kPaused;
             }
         }
@@ -42,7 +42,7 @@ SendResult sendChunked(net::Socket& socket, net::Packet& packet, SendProgress& p
             packet << taken;
             packet.setPos(endPos);
         }
-        if (packet.hasError() || !socket.sendPacket(packet)) {
+        if (packet.hasError() || !sink.sendPacket(packet)) {
             return SendResult::kFailed;
         }
         progress.bytesSent += taken;
@@ -67,55 +67,63 @@ bool sendSingle(net::Socket& socket, const WriteFields& writeFields) {
     return !packet.hasError() && socket.sendPacket(packet);
 }
 
+// The chunk fields and the bytes they announce; false when the packet holds fewer.
+bool readChunk(net::Packet& packet, Chunk& chunk) {
+    packet >> chunk.totalSize >> chunk.offset >> chunk.size;
+    if (packet.hasError() || chunk.size > packet.getRemaining()) {
+        return false;
+    }
+    chunk.bytes = packet.getData() + packet.getPos();
+    packet.setPos(packet.getPos() + chunk.size);
+    return true;
+}
+
+// Reads the fields of the message's kind; false when the packet ends before they do.
+bool readFields(net::Packet& packet, Message& message) {
+    switch (message.kind) {
+        case kOpenPipe:
+            packet >> message.pipeName >> message.managerName;
+            return !packet.hasError();
+        case kPipeOpened:
+        case kPipeRefused:
+            packet >> message.pipeName;
+            return !packet.hasError();
+        case kRequest:
+            packet >> message.pipeName >> message.id >> message.value >> message.text;
+            // A request without data may end right after its text; the sizes then count as 0.
+            return !packet.hasError() &&
+                   (packet.getRemaining() == 0 || readChunk(packet, message.chunk));
+        case kResponse:
+            packet >> message.pipeName >> message.id >> message.text;
+            return !packet.hasError() && readChunk(packet, message.chunk);
+        case kNotify:
+            packet >> message.pipeName >> message.id >> message.value;
+            return !packet.hasError() && readChunk(packet, message.chunk);
+        case kRedirect:
+            packet >> message.host >> message.port;
+            return !packet.hasError();
+        case kWelcome:
+            packet >> message.protocolVersion >> message.connectionId >> message.managerName;
+            return !packet.hasError();
+    }
+    return true;  // a kind this side does not know: nothing to read
+}
+
 }  // namespace
 
-bool readKind(net::Packet& packet, int32_t& kind) {
+bool decode(net::Packet& packet, Message& message) {
+    message = Message();
     if (packet.getID() != kPipePacketId) {
         return false;
     }
+    int32_t kind = -1;
     packet >> kind;
-    return !packet.hasError();
-}
-
-bool readRequestHead(net::Packet& packet, RequestHead& head) {
-    packet >> head.pipeName >> head.requestId >> head.value >> head.text;
-    return !packet.hasError();
-}
-
-bool readResponseHead(net::Packet& packet, ResponseHead& head) {
-    packet >> head.pipeName >> head.requestId >> head.text;
-    return !packet.hasError();
-}
-
-bool readNotifyHead(net::Packet& packet, NotifyHead& head) {
-    packet >> head.pipeName >> head.notifyId >> head.value;
-    return !packet.hasError();
-}
-
-bool readChunkFields(net::Packet& packet, ChunkFields& chunk) {
-    packet >> chunk.totalSize >> chunk.offset >> chunk.chunkSize;
-    return !packet.hasError() && chunk.chunkSize <= packet.getRemaining();
-}
-
-bool readOpenPipe(net::Packet& packet, const char*& pipeName, const char*& senderManagerName) {
-    packet >> pipeName >> senderManagerName;
-    return !packet.hasError();
-}
-
-bool readPipeName(net::Packet& packet, const char*& pipeName) {
-    packet >> pipeName;
-    return !packet.hasError();
-}
-
-bool readRedirect(net::Packet& packet, const char*& host, int32_t& port) {
-    packet >> host >> port;
-    return !packet.hasError();
-}
-
-bool readWelcome(net::Packet& packet, uint32_t& protocolVersion, uint32_t& connectionId,
-                 const char*& serverManagerName) {
-    packet >> protocolVersion >> connectionId >> serverManagerName;
-    return !packet.hasError();
+    if (packet.hasError()) {
+        return false;
+    }
+    message.kind = static_cast<MessageKind>(kind);
+    message.malformed = !readFields(packet, message);
+    return true;
 }
 
 bool requestFitsPacket(const char* pipeName, const char* text, uint32_t dataSize) {
@@ -130,7 +138,7 @@ bool responseFitsPacket(const char* pipeName, const char* text, uint32_t dataSiz
     return headLeavesRoom(head, dataSize);
 }
 
-SendResult sendRequest(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+SendResult sendRequest(PacketSink& sink, net::Packet& scratch, SendProgress& progress,
                        const char* pipeName, uint32_t requestId, uint32_t value, const char* text,
                        const void* data, uint32_t dataSize) {
     if (!data) {
@@ -140,10 +148,10 @@ SendResult sendRequest(net::Socket& socket, net::Packet& scratch, SendProgress& 
         packet << int32_t(kRequest) << orEmpty(pipeName) << requestId << value << orEmpty(text)
                << dataSize;
     };
-    return sendChunked(socket, scratch, progress, writeHead, data, dataSize);
+    return sendChunked(sink, scratch, progress, writeHead, data, dataSize);
 }
 
-SendResult sendResponse(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+SendResult sendResponse(PacketSink& sink, net::Packet& scratch, SendProgress& progress,
                         const char* pipeName, uint32_t requestId, const char* text,
                         const void* data, uint32_t dataSize) {
     if (!data) {
@@ -152,17 +160,17 @@ SendResult sendResponse(net::Socket& socket, net::Packet& scratch, SendProgress&
     const auto writeHead = [&](net::Packet& packet) {
         packet << int32_t(kResponse) << orEmpty(pipeName) << requestId << orEmpty(text) << dataSize;
     };
-    return sendChunked(socket, scratch, progress, writeHead, data, dataSize);
+    return sendChunked(sink, scratch, progress, writeHead, data, dataSize);
 }
 
-SendResult sendNotify(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+SendResult sendNotify(PacketSink& sink, net::Packet& scratch, SendProgress& progress,
                       const char* pipeName, uint32_t notifyId, uint32_t value, const char* text) {
     text = orEmpty(text);
     const uint32_t textLength = static_cast<uint32_t>(std::strlen(text));
     const auto writeHead = [&](net::Packet& packet) {
         packet << int32_t(kNotify) << orEmpty(pipeName) << notifyId << value << textLength;
     };
-    return sendChunked(socket, scratch, progress, writeHead, text, textLength);
+    return sendChunked(sink, scratch, progress, writeHead, text, textLength);
 }
 
 bool sendOpenPipe(net::Socket& socket, const char* pipeName, const char* senderManagerName) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "comm/packet_sink.h"
 #include "net/packet.h"
 #include "net/socket.h"
 
@@ -25,57 +26,47 @@ enum MessageKind : int32_t {
     kWelcome = 7,      // server to client: protocolVersion, connectionId, serverManagerName
 };
 
-// --- Reading. Texts point into the packet and live as long as it. Every reader returns false
-// when the packet ends before its fields do. ---
+// --- Reading: a received packet is decoded once, into a Message. ---
 
-// Checks the packet id and reads the kind; the packet is then positioned on the next field.
-bool readKind(net::Packet& packet, int32_t& kind);
-
-struct RequestHead {
-    const char* pipeName = "";
-    uint32_t requestId = 0;
-    uint32_t value = 0;
-    const char* text = "";
-};
-struct ResponseHead {
-    const char* pipeName = "";
-    uint32_t requestId = 0;
-    const char* text = "";
-};
-struct NotifyHead {
-    const char* pipeName = "";
-    uint32_t notifyId = 0;
-    uint32_t value = 0;
-};
-// The fields after the head, read by the pipe's receive handlers.
-bool readRequestHead(net::Packet& packet, RequestHead& head);
-bool readResponseHead(net::Packet& packet, ResponseHead& head);
-bool readNotifyHead(net::Packet& packet, NotifyHead& head);
-
-// The chunk fields of Request, Response and Notify: the payload's total size, where this
-// chunk lies in it and its length.
-struct ChunkFields {
-    uint32_t totalSize = 0;
-    uint32_t offset = 0;
-    uint32_t chunkSize = 0;
+// A piece of the chunked payload of a Request, Response or Notify.
+struct Chunk {
+    uint32_t totalSize = 0;  // of the whole payload
+    uint32_t offset = 0;     // where this chunk lies in it
+    uint32_t size = 0;
+    const uint8_t* bytes = nullptr;  // `size` bytes inside the packet
 
     // The chunk lies inside the payload (no overflow for any field values).
-    bool liesInside() const { return static_cast<uint64_t>(offset) + chunkSize <= totalSize; }
-    bool endsPayload() const { return static_cast<uint64_t>(offset) + chunkSize == totalSize; }
+    bool liesInside() const { return static_cast<uint64_t>(offset) + size <= totalSize; }
+    bool endsPayload() const { return static_cast<uint64_t>(offset) + size == totalSize; }
 };
-// Reads the three fields and checks that `chunkSize` bytes follow them in the packet; the
-// packet is left on the chunk's first byte.
-bool readChunkFields(net::Packet& packet, ChunkFields& chunk);
 
-// OpenPipe carries two texts; PipeOpened and PipeRefused just the pipe name.
-bool readOpenPipe(net::Packet& packet, const char*& pipeName, const char*& senderManagerName);
-bool readPipeName(net::Packet& packet, const char*& pipeName);
-bool readRedirect(net::Packet& packet, const char*& host, int32_t& port);
-bool readWelcome(net::Packet& packet, uint32_t& protocolVersion, uint32_t& connectionId,
-                 const char*& serverManagerName);
+// One pipe message. Only the fields of its kind are set; texts and the chunk's bytes point into
+// the packet and live as long as it.
+struct Message {
+    MessageKind kind = kOpenPipe;
+    // The packet ended before the kind's fields did, or its chunk claims more bytes than
+    // follow. The fields read before the fault keep their values (the pipe name, say).
+    bool malformed = false;
 
-// --- Sending. `scratch` is the caller's packet, reused so that sending allocates nothing once
-// it has grown. ---
+    const char* pipeName = "";     // OpenPipe, PipeOpened, PipeRefused, Request, Response, Notify
+    const char* managerName = "";  // OpenPipe: the sender's; Welcome: the server's
+    uint32_t id = 0;               // Request, Response: the request id; Notify: the notify id
+    uint32_t value = 0;            // Request, Notify
+    const char* text = "";         // Request, Response
+    Chunk chunk;                   // Request, Response, Notify
+    const char* host = "";         // Redirect
+    int32_t port = 0;              // Redirect
+    uint32_t protocolVersion = 0;  // Welcome
+    uint32_t connectionId = 0;     // Welcome
+};
+
+// False when the packet is no pipe message (another id, or not even a kind). Kinds this side
+// does not know come back as they are, for the caller to skip. A Request may end right after
+// its text: its chunk fields then count as 0 (a request without data).
+bool decode(net::Packet& packet, Message& message);
+
+// --- Sending. The chunked messages go to a sink (see PacketSink); `scratch` is the caller's
+// packet, reused so that sending allocates nothing once it has grown. ---
 
 // Whether a Request or Response with these texts can be framed: its head must fit one packet
 // and, with data, leave room for at least one byte of it.
@@ -99,14 +90,14 @@ struct SendProgress {
     uint32_t queueLimit = 0xFFFFFFFFu;
 };
 
-SendResult sendRequest(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+SendResult sendRequest(PacketSink& sink, net::Packet& scratch, SendProgress& progress,
                        const char* pipeName, uint32_t requestId, uint32_t value, const char* text,
                        const void* data, uint32_t dataSize);
-SendResult sendResponse(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+SendResult sendResponse(PacketSink& sink, net::Packet& scratch, SendProgress& progress,
                         const char* pipeName, uint32_t requestId, const char* text,
                         const void* data, uint32_t dataSize);
 // The chunked payload of a notification is its text, without the terminating zero.
-SendResult sendNotify(net::Socket& socket, net::Packet& scratch, SendProgress& progress,
+SendResult sendNotify(PacketSink& sink, net::Packet& scratch, SendProgress& progress,
                       const char* pipeName, uint32_t notifyId, uint32_t value, const char* text);
 
 // The single-packet messages; false when the socket refused the packet.

@@ -2,6 +2,8 @@
 // notifications fanned out and requests forwarded by member id. See broadcast_hub.h for the
 // locks.
 #include "broadcast_hub.h"
+#include "comm/net_communication_pipe.h"
+#include "jobs/job_forward_request.h"
 
 #include "log_output.h"
 #include "zu/exception.h"

@@ -1,6 +1,7 @@
 // The job kinds: conversations over communication pipes, run on a job manager's thread.
 #include "dm/comm.h"
 #include "dm/jobs.h"
+#include "jobs/job_forward_request.h"
 #include "log_output.h"
 
 namespace dm {

@@ -170,8 +170,8 @@ TEST_F(ManagerConnectionTest, AWelcomeOfAnotherVersionDropsTheConnection) {
     for (int attempt = 1; attempt <= 2; ++attempt) {
         std::unique_ptr<net::Socket> socket = acceptOne(listener);
         ASSERT_NE(socket, nullptr);
-        socket->sendPacket(handshake::welcome(3, 0, "future server"));
-        socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "p"));
+        socket->sendPacket(pipewire::welcome(3, 0, "future server"));
+        socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeOpened, "p"));
         ASSERT_TRUE(waitUntil([&] {
             socket->update();
             while (socket->pollPacket(nullptr)) {

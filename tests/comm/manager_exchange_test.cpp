@@ -3,11 +3,14 @@
 // a client that was there before its server.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "comm/manager_support.h"
+#include "comm/net_communication_pipe_manager.h"
 
 namespace dmtest {
 namespace {
@@ -137,26 +140,26 @@ TEST_F(ManagerExchangeTest, ServerHandshakeOnTheWire) {
     uint32_t connectionId = 99;
     const char* serverName = "";
     *packet >> kind >> version >> connectionId >> serverName;
-    EXPECT_EQ(packet->getID(), handshake::kPacketId);
-    EXPECT_EQ(kind, handshake::kWelcome);
+    EXPECT_EQ(packet->getID(), pipewire::kPacketId);
+    EXPECT_EQ(kind, pipewire::kWelcome);
     EXPECT_EQ(version, 2u);
     EXPECT_EQ(connectionId, 0u);
     EXPECT_STREQ(serverName, "wire-server");
 
     // Unknown pipes are refused every time they are asked for.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        first.sendPacket(handshake::openPipe("missing", "raw tool"));
+        first.sendPacket(pipewire::openPipe("missing", "raw tool"));
         packet = nextPacket(first);
         ASSERT_NE(packet, nullptr);
-        handshake::Message refused = handshake::read(*packet);
-        EXPECT_EQ(refused.kind, handshake::kPipeRefused);
+        pipewire::Message refused = pipewire::read(*packet);
+        EXPECT_EQ(refused.kind, pipewire::kPipeRefused);
         EXPECT_EQ(refused.first, "missing");
     }
-    first.sendPacket(handshake::openPipe("KNOWN", "raw tool"));
+    first.sendPacket(pipewire::openPipe("KNOWN", "raw tool"));
     packet = nextPacket(first);
     ASSERT_NE(packet, nullptr);
-    handshake::Message opened = handshake::read(*packet);
-    EXPECT_EQ(opened.kind, handshake::kPipeOpened);
+    pipewire::Message opened = pipewire::read(*packet);
+    EXPECT_EQ(opened.kind, pipewire::kPipeOpened);
     EXPECT_EQ(opened.first, "KNOWN");
     EXPECT_STREQ(server->getRemoteName(), "raw tool");
     EXPECT_FALSE(server->pipeExists("missing"));
@@ -164,7 +167,7 @@ TEST_F(ManagerExchangeTest, ServerHandshakeOnTheWire) {
     // The attached pipe takes requests from this connection.
     dm::CommunicationPipe* known = server->getPipe("known");
     EXPECT_TRUE(known->isConnected());
-    first.sendPacket(handshake::request("known", 0, "over the wire"));
+    first.sendPacket(pipewire::request("known", 0, 0, "over the wire"));
     uint32_t value = 1;
     zu::InplaceString<128> text;
     ASSERT_TRUE(waitUntil([&] { return !(text = known->receiveRequest(&value)).empty(); }));
@@ -191,29 +194,29 @@ TEST_F(ManagerExchangeTest, ClientHandshakeOnTheWire) {
     dm::CommunicationPipe* pipe = client->getPipe("p");
     std::unique_ptr<net::Socket> socket = acceptOne(listener);
     ASSERT_NE(socket, nullptr);
-    socket->sendPacket(handshake::welcome(2, 41, "raw server"));
+    socket->sendPacket(pipewire::welcome(2, 41, "raw server"));
 
     // Refused, the client asks again and again.
     for (int ask = 0; ask < 3; ++ask) {
         net::Packet* packet = nextPacket(*socket);
         ASSERT_NE(packet, nullptr);
-        handshake::Message open = handshake::read(*packet);
-        ASSERT_EQ(open.kind, handshake::kOpenPipe);
+        pipewire::Message open = pipewire::read(*packet);
+        ASSERT_EQ(open.kind, pipewire::kOpenPipe);
         EXPECT_EQ(open.first, "p");
         EXPECT_EQ(open.second, "wire-client");
-        socket->sendPacket(handshake::pipeMessage(handshake::kPipeRefused, "p"));
+        socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeRefused, "p"));
     }
     EXPECT_FALSE(pipe->isConnected());
     EXPECT_EQ(client->getID(), 41u);
     EXPECT_STREQ(client->getRemoteName(), "raw server");
 
     // Opened under another letter case, it attaches the pipe (and another one made on demand).
-    socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "P"));
-    socket->sendPacket(handshake::pipeMessage(handshake::kPipeOpened, "pushed"));
+    socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeOpened, "P"));
+    socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeOpened, "pushed"));
     socket->update();
     ASSERT_TRUE(waitUntil([&] { return pipe->isConnected() && client->pipeExists("PUSHED"); }));
     EXPECT_TRUE(client->getPipe("pushed")->isConnected());
-    socket->sendPacket(handshake::request("p", 0, "to the client"));
+    socket->sendPacket(pipewire::request("p", 0, 0, "to the client"));
     socket->update();
     zu::InplaceString<128> text;
     ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));
@@ -243,6 +246,49 @@ TEST_F(ManagerExchangeTest, LargeRequestsBothWaysAtOnceBothComplete) {
                           std::chrono::seconds(60)));
     EXPECT_TRUE(fromClient.echoed());
     EXPECT_TRUE(fromServer.echoed());
+}
+
+// The manager's clock, stepped by the test: intervals pass only when it says so.
+class StepClock final : public dm::PipeClock {
+public:
+    double now() const override { return m_now.load(); }
+    void advance(double seconds) { m_now.store(m_now.load() + seconds); }
+
+private:
+    std::atomic<double> m_now{100.0};  // an application some while after its start
+};
+
+// True when a packet arrives within a short while (for "nothing more comes" checks).
+bool packetWithin(net::Socket& socket, std::chrono::milliseconds bound) {
+    return waitUntil(
+        [&] {
+            socket.update();
+            return socket.pollPacket(nullptr) != nullptr;
+        },
+        bound);
+}
+
+TEST(ManagerClock, AsksAgainForPipesAndReconnectsOnlyOnceItsIntervalsHavePassed) {
+    net::Listener listener(0, "127.0.0.1");
+    StepClock clock;
+    dm::NetCommunicationPipeManager client("clocked", false, listener.getPort(), "127.0.0.1", 0,
+                                           true, {}, {}, clock);
+    client.getPipe("p");
+    std::unique_ptr<net::Socket> socket = acceptOne(listener);
+    ASSERT_NE(socket, nullptr);
+    socket->sendPacket(pipewire::welcome(2, 1, "server"));
+    ASSERT_TRUE(packetWithin(*socket, std::chrono::seconds(10)));  // the first OpenPipe
+
+    EXPECT_FALSE(packetWithin(*socket, std::chrono::milliseconds(300)));
+    clock.advance(dm::NetCommunicationPipeManager::kOpenPipeInterval + 0.01);
+    EXPECT_TRUE(packetWithin(*socket, std::chrono::seconds(10)));
+
+    // Dropped, it waits for the reconnect interval on its clock before it tries again.
+    socket.reset();
+    EXPECT_FALSE(waitUntil([&] { return listener.pollConnect() != nullptr; },
+                           std::chrono::milliseconds(300)));
+    clock.advance(dm::NetCommunicationPipeManager::kReconnectInterval + 0.01);
+    EXPECT_NE(acceptOne(listener), nullptr);
 }
 
 }  // namespace

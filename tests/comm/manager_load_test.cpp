@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "comm/manager_support.h"
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace dmtest {
 namespace {
@@ -18,6 +18,16 @@ class ManagerLoadTest : public ManagerTest {};
 
 void addToResponder(void* responder, dm::CommunicationPipeManager*, dm::CommunicationPipe* pipe) {
     static_cast<EchoResponder*>(responder)->add(pipe);
+}
+
+bool everyPipe(const std::vector<dm::CommunicationPipe*>& pipes,
+               bool (*holds)(dm::CommunicationPipe*)) {
+    for (dm::CommunicationPipe* pipe : pipes) {
+        if (!holds(pipe)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 std::string pipeName(int client, int pipe) {
@@ -33,24 +43,17 @@ TEST_F(ManagerLoadTest, TwoHundredFiftySixPipesOverThirtyTwoConnections) {
     server->setPipeCreateCallback({&responder, addToResponder});
 
     std::vector<std::vector<dm::CommunicationPipe*>> pipes(kClients);
+    std::vector<dm::CommunicationPipe*> allPipes;
     for (int c = 0; c < kClients; ++c) {
         dm::CommunicationPipeManager* client =
             dm::initCommunicationManagerAsClient(("load-client-" + std::to_string(c)).c_str(),
                                                  "127.0.0.1", static_cast<int>(portOf(server)));
         for (int p = 0; p < kPipesPerClient; ++p) {
             pipes[c].push_back(client->getPipe(pipeName(c, p).c_str()));
+            allPipes.push_back(pipes[c].back());
         }
     }
-    ASSERT_TRUE(waitUntil([&] {
-        for (const auto& clientPipes : pipes) {
-            for (dm::CommunicationPipe* pipe : clientPipes) {
-                if (!pipe->isConnected()) {
-                    return false;
-                }
-            }
-        }
-        return true;
-    }));
+    ASSERT_TRUE(waitUntil([&] { return everyPipe(allPipes, isConnected); }));
 
     // Every client asks on all its pipes at once and gets its own answers back.
     std::atomic<int> echoed{0};
@@ -100,14 +103,7 @@ TEST_F(ManagerLoadTest, MorePipesThanAPassTakesAreServedInTurn) {
     for (int p = 0; p < kPipes; ++p) {
         pipes.push_back(client->getPipe(("crowd " + std::to_string(p)).c_str()));
     }
-    ASSERT_TRUE(waitUntil([&] {
-        for (dm::CommunicationPipe* pipe : pipes) {
-            if (!pipe->isConnected()) {
-                return false;
-            }
-        }
-        return true;
-    }));
+    ASSERT_TRUE(waitUntil([&] { return everyPipe(pipes, isConnected); }));
     for (int p : {0, 1, 150, 255, 256, 298, 299}) {
         std::vector<uint8_t> answer(4);
         uint32_t size = 0;
@@ -117,16 +113,6 @@ TEST_F(ManagerLoadTest, MorePipesThanAPassTakesAreServedInTurn) {
         EXPECT_EQ(size, 4u);
     }
     server->setPipeCreateCallback({});
-}
-
-bool everyPipe(const std::vector<dm::CommunicationPipe*>& pipes,
-               bool (*holds)(dm::CommunicationPipe*)) {
-    for (dm::CommunicationPipe* pipe : pipes) {
-        if (!holds(pipe)) {
-            return false;
-        }
-    }
-    return true;
 }
 
 TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
@@ -178,7 +164,7 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
     // destroying the clients must release them all.
     const auto blocked = [](dm::CommunicationPipe* pipe) {
         auto* netPipe = static_cast<dm::NetCommunicationPipe*>(pipe);
-        return !pipe->isConnected() && netPipe->getQueueSizes().outgoingRequests == 1;
+        return !pipe->isConnected() && netPipe->getStatistics().outgoingRequests == 1;
     };
     ASSERT_TRUE(waitUntil([&] { return everyPipe(pipes, blocked); }));
     dm::deinitCommunicationManagers();
@@ -192,9 +178,7 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
 TEST(PipeCloseTest, ClosingAPipeReleasesBlockedCallsAndTurnsNewOnesAway) {
     TestPipeOwner owner(1);
     dm::NetCommunicationPipe pipe(&owner, "closing");
-    net::Packet incoming = pipewire::request("closing", 0, 0, "question", 0, 0, 0, nullptr);
-    incoming.setPos(0);
-    dispatchToPipe(pipe, incoming, incoming.getSize());
+    deliverTo(pipe, pipewire::request("closing", 0, 0, "question"));
     ASSERT_STREQ(pipe.receiveRequest(nullptr).c_str(), "question");
 
     // Never pumped: both calls block until the pipe is closed.
@@ -205,7 +189,7 @@ TEST(PipeCloseTest, ClosingAPipeReleasesBlockedCallsAndTurnsNewOnesAway) {
     });
     RequestThread request(&pipe, "asked", {}, 0);
     ASSERT_TRUE(waitUntil([&] {
-        const dm::PipeQueueSizes sizes = pipe.getQueueSizes();
+        const dm::PipeStatistics sizes = pipe.getStatistics();
         return sizes.outgoingRequests == 1 && sizes.outgoingResponses == 1;
     }));
     pipe.close();

@@ -8,13 +8,12 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace {
 
 using dmtest::PendingRequest;
 using dmtest::PipeEndpoint;
-using dmtest::PipeLink;
 using dmtest::waitUntil;
 
 // respond() blocks until the response has been sent, so each runs on its own thread. The next
@@ -34,13 +33,13 @@ public:
         }
     }
     bool respondToCurrent(const char* text) {
-        const size_t queued = m_end.pipe().getQueueSizes().outgoingResponses;
+        const size_t queued = m_end.pipe().getStatistics().outgoingResponses;
         m_threads.emplace_back([this, text] {
             m_end.pipe().respond(text, nullptr, 0);
             ++m_finished;
         });
         return waitUntil(
-            [&] { return m_end.pipe().getQueueSizes().outgoingResponses == queued + 1; });
+            [&] { return m_end.pipe().getStatistics().outgoingResponses == queued + 1; });
     }
 
 private:
@@ -49,17 +48,46 @@ private:
     std::atomic<size_t> m_finished{0};
 };
 
-// Takes and answers `count` requests on `end`, and delivers the answers to its peer `to`.
-void answerAll(PipeEndpoint& end, PipeEndpoint& to, int count) {
-    Responses responses(end);
-    for (int i = 0; i < count; ++i) {
-        ASSERT_FALSE(end.pipe().receiveRequest(nullptr).empty());
-        ASSERT_TRUE(responses.respondToCurrent("answer"));
+// Over loopback: the pipes report their peer's address.
+class PipeConnection : public dmtest::HandWrittenPackets {
+protected:
+    PipeConnection() : HandWrittenPackets(true) {}
+    dm::NetCommunicationPipe& left() { return link.left.pipe(); }
+    dm::NetCommunicationPipe& right() { return link.right.pipe(); }
+    // A request from the left end, once queued there.
+    std::unique_ptr<PendingRequest> ask(const std::string& text) {
+        const size_t queued = left().getStatistics().outgoingRequests;
+        auto request = std::make_unique<PendingRequest>(left(), text);
+        EXPECT_TRUE(waitUntil([&] { return left().getStatistics().outgoingRequests > queued; }));
+        return request;
     }
-    EXPECT_EQ(count, end.transferTo(to).responses);
-}
+    // Takes and answers `count` requests on the right end and delivers the answers.
+    void answerAll(int count, const char* text = "answer") {
+        Responses responses(link.right);
+        for (int i = 0; i < count; ++i) {
+            ASSERT_FALSE(right().receiveRequest(nullptr).empty());
+            ASSERT_TRUE(responses.respondToCurrent(text));
+        }
+        EXPECT_EQ(count, link.right.transferTo(link.left).responses);
+    }
+    // Answers the right end's current request with `text` and checks that `request` gets it.
+    void expectAnswered(PendingRequest& request, const char* text) {
+        Responses responses(link.right);
+        ASSERT_TRUE(responses.respondToCurrent(text));
+        EXPECT_EQ(1, link.right.transferTo(link.left).responses);
+        ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+        EXPECT_STREQ(text, request.result());
+    }
+    void expectNoRequestData() {
+        void* data = &link;
+        uint32_t size = 77;
+        right().getRequestData(&data, &size);
+        EXPECT_EQ(nullptr, data);
+        EXPECT_EQ(0u, size);
+    }
+};
 
-TEST(PipeConnection, EmptyPipeYieldsNothingAndLeavesOutputsAlone) {
+TEST(PipeConnectionAlone, EmptyPipeYieldsNothingAndLeavesOutputsAlone) {
     dm::NetCommunicationPipe pipe(nullptr, "empty");
     uint32_t value = 1234;
     EXPECT_STREQ("", pipe.receiveNotify(&value).c_str());
@@ -77,62 +105,45 @@ TEST(PipeConnection, EmptyPipeYieldsNothingAndLeavesOutputsAlone) {
     EXPECT_STREQ("empty", pipe.getName());
     // Not connected: a notification is refused, not kept for later.
     EXPECT_FALSE(pipe.sendNotify("nobody listens", 1));
-    EXPECT_EQ(0u, pipe.getQueueSizes().outgoingNotifications);
+    EXPECT_EQ(0u, pipe.getStatistics().outgoingNotifications);
 }
 
-TEST(PipeConnection, AttachReportsThePeerAndCallsTheConnectionCallback) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    int calls = 0;
-    dm::CommunicationPipe* calledWith = nullptr;
-    struct Seen {
-        int* calls;
-        dm::CommunicationPipe** pipe;
-    } seen{&calls, &calledWith};
-    link.left.pipe().setConnectionCallback({&seen, [](void* context, dm::CommunicationPipe* pipe) {
-                                                Seen* s = static_cast<Seen*>(context);
-                                                ++*s->calls;
-                                                *s->pipe = pipe;
-                                            }});
+TEST_F(PipeConnection, AttachReportsThePeerAndCallsTheConnectionCallback) {
+    std::vector<dm::CommunicationPipe*> calls;
+    left().setConnectionCallback(
+        {&calls, [](void* context, dm::CommunicationPipe* pipe) {
+             static_cast<std::vector<dm::CommunicationPipe*>*>(context)->push_back(pipe);
+         }});
     link.left.attach();
-    EXPECT_EQ(1, calls);
-    EXPECT_EQ(&link.left.pipe(), calledWith);
-    EXPECT_TRUE(link.left.pipe().isConnected());
-    EXPECT_STREQ("127.0.0.1", link.left.pipe().getConnectedIP().c_str());
+    EXPECT_EQ(std::vector<dm::CommunicationPipe*>{&left()}, calls);
+    EXPECT_TRUE(left().isConnected());
+    EXPECT_STREQ("127.0.0.1", left().getConnectedIP().c_str());
 
     link.left.detach();
-    EXPECT_FALSE(link.left.pipe().isConnected());
-    EXPECT_STREQ("", link.left.pipe().getConnectedIP().c_str());
-    EXPECT_EQ(1, calls);  // detaching calls nothing
+    EXPECT_FALSE(left().isConnected());
+    EXPECT_STREQ("", left().getConnectedIP().c_str());
+    EXPECT_EQ(1u, calls.size());  // detaching calls nothing
 
     // A pair with only a context counts as set but has nothing to call.
-    link.left.pipe().setConnectionCallback({&seen, nullptr});
+    left().setConnectionCallback({&calls, nullptr});
     link.left.attach();
-    EXPECT_EQ(1, calls);
+    EXPECT_EQ(1u, calls.size());
 }
 
-TEST(PipeConnection, NotifyValueZeroIsSentAsTheOwnersId) {
-    PipeLink link("ids", 11, 22);
-    ASSERT_TRUE(link.connected);
-    ASSERT_TRUE(link.left.pipe().sendNotify("zero", 0));
-    ASSERT_TRUE(link.left.pipe().sendNotify("five", 5));
+TEST_F(PipeConnection, NotifyValueZeroIsSentAsTheOwnersId) {
+    ASSERT_TRUE(left().sendNotify("zero", 0));
+    ASSERT_TRUE(left().sendNotify("five", 5));
     EXPECT_EQ(2, link.left.transferTo(link.right).notifies);
-
     uint32_t value = 0;
-    EXPECT_STREQ("zero", link.right.pipe().receiveNotify(&value).c_str());
-    EXPECT_EQ(11u, value);
-    EXPECT_STREQ("five", link.right.pipe().receiveNotify(&value).c_str());
+    EXPECT_STREQ("zero", right().receiveNotify(&value).c_str());
+    EXPECT_EQ(11u, value);  // the left owner's id
+    EXPECT_STREQ("five", right().receiveNotify(&value).c_str());
     EXPECT_EQ(5u, value);
 }
 
-TEST(PipeConnection, EachPumpSendsAtMostEightMessagesOfEachKind) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    dm::NetCommunicationPipe& left = link.left.pipe();
-    dm::NetCommunicationPipe& right = link.right.pipe();
-
+TEST_F(PipeConnection, EachPumpSendsAtMostEightMessagesOfEachKind) {
     for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(left.sendNotify(("n" + std::to_string(i)).c_str(), 1));
+        ASSERT_TRUE(left().sendNotify(("n" + std::to_string(i)).c_str(), 1));
     }
     EXPECT_EQ(8, link.left.transferTo(link.right).notifies);
     EXPECT_EQ(2, link.left.transferTo(link.right).notifies);
@@ -142,69 +153,55 @@ TEST(PipeConnection, EachPumpSendsAtMostEightMessagesOfEachKind) {
     // answered, so the last two wait.
     std::vector<std::unique_ptr<PendingRequest>> requests;
     for (int i = 0; i < 10; ++i) {
-        requests.push_back(std::make_unique<PendingRequest>(left, "r" + std::to_string(i)));
+        requests.push_back(ask("r" + std::to_string(i)));
     }
-    ASSERT_TRUE(waitUntil([&] { return left.getQueueSizes().outgoingRequests == 10; }));
     EXPECT_EQ(8, link.left.transferTo(link.right).requests);
     EXPECT_EQ(0, link.left.transferTo(link.right).requests);
-    answerAll(link.right, link.left, 8);
-    EXPECT_TRUE(waitUntil([&] { return left.getQueueSizes().outgoingRequests == 2; }));
+    answerAll(8);
+    EXPECT_TRUE(waitUntil([&] { return left().getStatistics().outgoingRequests == 2; }));
     EXPECT_EQ(2, link.left.transferTo(link.right).requests);
-    answerAll(link.right, link.left, 2);
+    answerAll(2);
     for (const auto& request : requests) {
         EXPECT_TRUE(waitUntil([&] { return request->done(); }));
     }
 
     // Responses: ten requests straight from the wire, all answered before the next pump.
     for (uint32_t id = 1000; id < 1010; ++id) {
-        link.left.send(dmtest::pipewire::request("link", id, 0, "raw", 0, 0, 0, nullptr));
+        deliver(dmtest::pipewire::request("link", id, 0, "raw"));
     }
-    link.left.sendMarker();
-    link.right.receiveUntilMarker();
-    ASSERT_EQ(10u, right.getQueueSizes().incomingRequests);
+    ASSERT_EQ(10u, right().getStatistics().incomingRequests);
     Responses responses(link.right);
     for (int i = 0; i < 10; ++i) {
-        ASSERT_FALSE(right.receiveRequest(nullptr).empty());
+        ASSERT_FALSE(right().receiveRequest(nullptr).empty());
         ASSERT_TRUE(responses.respondToCurrent("answer"));
     }
     EXPECT_EQ(8, link.right.transferTo(link.left).responses);
     // Sent responses leave the queue when their respond() returns; until then they still count
     // among the first eight.
-    ASSERT_TRUE(waitUntil([&] { return right.getQueueSizes().outgoingResponses == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return right().getStatistics().outgoingResponses == 2; }));
     EXPECT_EQ(2, link.right.transferTo(link.left).responses);
     EXPECT_EQ(0, link.right.transferTo(link.left).responses);
 }
 
-TEST(PipeConnection, RequestQueuedWhileDetachedGoesOutOnAttach) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
+TEST_F(PipeConnection, RequestQueuedWhileDetachedGoesOutOnAttach) {
     link.left.detach();
-    PendingRequest request(link.left.pipe(), "queued early");
-    ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests == 1; }));
+    auto request = ask("queued early");
     EXPECT_EQ(0, link.left.transferTo(link.right).requests);
-
     link.left.attach();
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_STREQ("queued early", link.right.pipe().receiveRequest(nullptr).c_str());
-    Responses responses(link.right);
-    ASSERT_TRUE(responses.respondToCurrent("finally"));
-    EXPECT_EQ(1, link.right.transferTo(link.left).responses);
-    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-    EXPECT_STREQ("finally", request.result());
+    EXPECT_STREQ("queued early", right().receiveRequest(nullptr).c_str());
+    expectAnswered(*request, "finally");
 }
 
-TEST(PipeConnection, RespondToARequestTakenBeforeAResetIsSwallowed) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    PendingRequest request(link.left.pipe(), "question");
-    ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests == 1; }));
+TEST_F(PipeConnection, RespondToARequestTakenBeforeAResetIsSwallowed) {
+    auto request = ask("question");
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    ASSERT_STREQ("question", link.right.pipe().receiveRequest(nullptr).c_str());
+    ASSERT_STREQ("question", right().receiveRequest(nullptr).c_str());
 
     link.right.attach();  // a reconnect resets the pipe
     std::atomic<bool> returned{false};
     std::thread responder([&] {
-        link.right.pipe().respond("too late", nullptr, 0);
+        right().respond("too late", nullptr, 0);
         returned = true;
     });
     const bool returnedAtOnce = waitUntil([&] { return returned.load(); });
@@ -213,84 +210,60 @@ TEST(PipeConnection, RespondToARequestTakenBeforeAResetIsSwallowed) {
     }
     responder.join();
     EXPECT_TRUE(returnedAtOnce);
-    EXPECT_EQ(0u, link.right.pipe().getQueueSizes().outgoingResponses);
+    EXPECT_EQ(0u, right().getStatistics().outgoingResponses);
     EXPECT_EQ(0, link.right.transferTo(link.left).responses);
-    void* data = &returned;
-    uint32_t size = 5;
-    link.right.pipe().getRequestData(&data, &size);
-    EXPECT_EQ(nullptr, data);
-    EXPECT_EQ(0u, size);
+    expectNoRequestData();
 
     // The asking side resends on its own reconnect and gets its answer then.
     link.left.attach();
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_STREQ("question", link.right.pipe().receiveRequest(nullptr).c_str());
-    Responses responses(link.right);
-    ASSERT_TRUE(responses.respondToCurrent("in time"));
-    EXPECT_EQ(1, link.right.transferTo(link.left).responses);
-    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-    EXPECT_STREQ("in time", request.result());
+    EXPECT_STREQ("question", right().receiveRequest(nullptr).c_str());
+    expectAnswered(*request, "in time");
 }
 
-TEST(PipeConnection, ResentCompletedRequestIsIgnoredUntilTheReceiverResets) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    dm::NetCommunicationPipe& right = link.right.pipe();
-    PendingRequest request(link.left.pipe(), "only once");
-    ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests == 1; }));
+TEST_F(PipeConnection, ResentCompletedRequestIsIgnoredUntilTheReceiverResets) {
+    auto request = ask("only once");
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_STREQ("only once", right.receiveRequest(nullptr).c_str());
+    EXPECT_STREQ("only once", right().receiveRequest(nullptr).c_str());
 
     // The sender reconnects and resends; the receiver has completed that id already.
     link.left.attach();
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_EQ(0u, right.getQueueSizes().incomingRequests);
-    EXPECT_STREQ("", right.receiveRequest(nullptr).c_str());
+    EXPECT_EQ(0u, incomingRequests());
+    EXPECT_STREQ("", right().receiveRequest(nullptr).c_str());
+    EXPECT_EQ(1u, dm::getPipeStatistics(&right()).droppedStale);
 
     // Once the receiver has been reset too, any id is new again.
     link.right.attach();
     link.left.attach();
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_STREQ("only once", right.receiveRequest(nullptr).c_str());
-    Responses responses(link.right);
-    ASSERT_TRUE(responses.respondToCurrent("done"));
-    EXPECT_EQ(1, link.right.transferTo(link.left).responses);
-    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-    EXPECT_STREQ("done", request.result());
+    EXPECT_STREQ("only once", right().receiveRequest(nullptr).c_str());
+    expectAnswered(*request, "done");
 }
 
-TEST(PipeConnection, NotificationsQueuedBeforeAReattachAreDropped) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    ASSERT_TRUE(link.left.pipe().sendNotify("stale 1", 1));
-    ASSERT_TRUE(link.left.pipe().sendNotify("stale 2", 1));
-    ASSERT_TRUE(link.right.pipe().sendNotify("arrived before", 1));
+TEST_F(PipeConnection, NotificationsQueuedBeforeAReattachAreDropped) {
+    ASSERT_TRUE(left().sendNotify("stale 1", 1));
+    ASSERT_TRUE(left().sendNotify("stale 2", 1));
+    ASSERT_TRUE(right().sendNotify("arrived before", 1));
     EXPECT_EQ(1, link.right.transferTo(link.left).notifies);
 
     link.left.attach();
     EXPECT_EQ(0, link.left.transferTo(link.right).notifies);
-    ASSERT_TRUE(link.left.pipe().sendNotify("fresh", 1));
+    ASSERT_TRUE(left().sendNotify("fresh", 1));
     EXPECT_EQ(1, link.left.transferTo(link.right).notifies);
-    EXPECT_STREQ("fresh", link.right.pipe().receiveNotify(nullptr).c_str());
+    EXPECT_STREQ("fresh", right().receiveNotify(nullptr).c_str());
     // Notifications that had arrived are kept across the reset.
-    EXPECT_STREQ("arrived before", link.left.pipe().receiveNotify(nullptr).c_str());
+    EXPECT_STREQ("arrived before", left().receiveNotify(nullptr).c_str());
 }
 
-TEST(PipeConnection, RequestsSurviveAMoveToANewConnection) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    PendingRequest request(link.left.pipe(), "survivor");
-    ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests == 1; }));
+TEST_F(PipeConnection, RequestsSurviveAMoveToANewConnection) {
+    auto request = ask("survivor");
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
     ASSERT_TRUE(link.reconnect());
-    EXPECT_STREQ("127.0.0.1", link.left.pipe().getConnectedIP().c_str());
+    EXPECT_STREQ("127.0.0.1", left().getConnectedIP().c_str());
     EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_STREQ("survivor", link.right.pipe().receiveRequest(nullptr).c_str());
-    Responses responses(link.right);
-    ASSERT_TRUE(responses.respondToCurrent("made it"));
-    EXPECT_EQ(1, link.right.transferTo(link.left).responses);
-    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-    EXPECT_STREQ("made it", request.result());
+    EXPECT_STREQ("survivor", right().receiveRequest(nullptr).c_str());
+    expectAnswered(*request, "made it");
 }
 
 }  // namespace

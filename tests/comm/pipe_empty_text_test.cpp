@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "comm/pipe_link.h"
 #include "dm/log.h"
+#include "support/pipe_link.h"
 
 namespace {
 
@@ -58,7 +58,7 @@ TEST_F(EmptyTexts, SenderRefusesThemAtOnceWithALogLine) {
         PendingRequest empty(sender, "");
         EXPECT_TRUE(waitUntil([&] { return empty.done(); }));
     }
-    const dm::PipeQueueSizes queued = sender.getQueueSizes();
+    const dm::PipeStatistics queued = sender.getStatistics();
     EXPECT_EQ(0u, queued.outgoingRequests);
     EXPECT_EQ(0u, queued.outgoingNotifications);
 
@@ -71,9 +71,7 @@ TEST_F(EmptyTexts, SenderRefusesThemAtOnceWithALogLine) {
 
     // Nothing went on the wire, and the pipe still sends what has a text.
     EXPECT_TRUE(sender.sendNotify("after", 0));
-    link.left.pump();
-    link.left.sendMarker();
-    const dmtest::PacketCounts arrived = link.right.receiveUntilMarker();
+    const dmtest::PacketCounts arrived = link.left.transferTo(link.right);
     EXPECT_EQ(1, arrived.notifies);
     EXPECT_EQ(0, arrived.requests);
     EXPECT_STREQ("after", pipe().receiveNotify(nullptr).c_str());
@@ -87,13 +85,13 @@ TEST_F(EmptyTexts, ReceiverDropsAndCountsThemWithoutHoldingBackLaterOnes) {
     deliver(pipewire::request("link", 6, 1, "", 16, 8, 8, sixteen + 8));
     deliver(pipewire::request("link", 7, 1, "", 0, 0, 0, nullptr));
     EXPECT_EQ(0u, incomingRequests());
-    EXPECT_EQ(3u, pipe().getEmptyTextsDropped());
+    EXPECT_EQ(3u, statistics().droppedEmptyText);
 
     // No text at all, and a text of zero bytes only.
     deliver(pipewire::notify("link", 0, 3, 0, 0, 0, nullptr));
     deliver(pipewire::notify("link", 1, 3, 2, 0, 2, "\0\0"));
     EXPECT_EQ(0u, incomingNotifications());
-    EXPECT_EQ(5u, pipe().getEmptyTextsDropped());
+    EXPECT_EQ(5u, statistics().droppedEmptyText);
 
     // A dropped request completes nothing: a lower id that follows is still taken.
     deliver(pipewire::request("link", 1, 9, "fine", 4, 0, 4, "abcd"));
@@ -107,7 +105,7 @@ TEST_F(EmptyTexts, ReceiverDropsAndCountsThemWithoutHoldingBackLaterOnes) {
     EXPECT_EQ(4u, size);
     EXPECT_STREQ("ok", pipe().receiveNotify(&value).c_str());
     EXPECT_EQ(4u, value);
-    EXPECT_EQ(5u, pipe().getEmptyTextsDropped());
+    EXPECT_EQ(5u, statistics().droppedEmptyText);
 }
 
 }  // namespace

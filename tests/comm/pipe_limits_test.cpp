@@ -9,7 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -41,6 +42,8 @@ TEST_F(PipeLimits, UnfinishedRequestsAreLimitedInAnnouncedBytesAndInNumber) {
     }
     deliver(small);
     EXPECT_EQ(dm::NetCommunicationPipe::kMaxUnfinishedIncoming, incomingRequests());
+    EXPECT_EQ(6u + 40 - (dm::NetCommunicationPipe::kMaxUnfinishedIncoming - 4),
+              statistics().droppedOverLimit);
 
     // A begun one can still end, and a request whole in one packet is no burden and arrives.
     deliver({pipewire::request("link", 10, 0, "small", 2, 1, 1, "z"),
@@ -53,6 +56,7 @@ TEST_F(PipeLimits, RequestEndingWithBytesMissingIsDropped) {
     deliver({pipewire::request("link", 0, 0, "gap", 12, 0, 4, "1234"),
              pipewire::request("link", 0, 0, "gap", 12, 8, 4, "9abc")});
     EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(1u, statistics().droppedMalformed);
     deliver({pipewire::request("link", 1, 0, "whole", 12, 0, 4, "1234"),
              pipewire::request("link", 1, 0, "whole", 12, 4, 4, "5678"),
              pipewire::request("link", 1, 0, "whole", 12, 8, 4, "9abc")});
@@ -70,6 +74,7 @@ TEST_F(PipeLimits, EmptyFirstNotifyChunkDoesNotHoldBackLaterOnes) {
     deliver({pipewire::notify("link", 0, 0, 5, 0, 0, nullptr),
              pipewire::notify("link", 1, 0, 2, 0, 2, "hi")});
     EXPECT_STREQ("hi", pipe().receiveNotify(nullptr).c_str());
+    EXPECT_EQ(1u, statistics().droppedMalformed);
 }
 
 TEST_F(PipeLimits, ResetDropsIncompleteNotificationsAndKeepsWholeOnes) {
@@ -103,7 +108,7 @@ TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
     refusedRequest.join();
     ASSERT_TRUE(returned);
     EXPECT_STREQ("", refused.c_str());
-    EXPECT_EQ(0u, link.left.pipe().getQueueSizes().outgoingRequests);
+    EXPECT_EQ(0u, link.left.pipe().getStatistics().outgoingRequests);
 
     // A long text that fits goes in every chunk; a response too long is refused at once and
     // leaves the request to be answered properly.
@@ -130,30 +135,6 @@ TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
 
 // --- Large messages ---
 
-struct ChunkSeen {
-    uint32_t id = 0;
-    uint32_t total = 0;
-    uint32_t offset = 0;
-    std::string text;
-    Bytes chunk;
-};
-
-ChunkSeen decodeRequest(net::Packet& packet) {
-    ChunkSeen seen;
-    int32_t kind = 0;
-    const char* name = "";
-    const char* text = "";
-    uint32_t value = 0;
-    uint32_t chunkSize = 0;
-    packet >> kind >> name >> seen.id >> value >> text >> seen.total >> seen.offset >> chunkSize;
-    EXPECT_EQ(pipewire::kRequest, kind);
-    seen.text = text;
-    seen.chunk.resize(chunkSize);
-    packet.read(seen.chunk.data(), chunkSize);
-    EXPECT_FALSE(packet.hasError());
-    return seen;
-}
-
 TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) {
     constexpr uint32_t kSize = 24 * kMiB;
     Bytes data(kSize);
@@ -165,141 +146,71 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
         link.left.pipe().sendRequest("bulk", 1, nullptr, 0, nullptr, data.data(), kSize);
         done = true;
     });
-    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
 
     // The right end reads nothing yet: a pump must come back with the rest still to send, the
     // connection kept, instead of waiting for room.
-    EXPECT_FALSE(link.left.pipe().pumpOutgoing(&link.left.socket()));
-    EXPECT_TRUE(link.left.socket().isConnected());
-    EXPECT_GT(link.left.socket().getQueuedSendBytes(), 0u);
+    EXPECT_FALSE(link.left.pump());
+    EXPECT_TRUE(link.left.pipe().isConnected());
+    EXPECT_GT(link.left.outbox().getQueuedSendBytes(), 0u);
+    EXPECT_LT(link.left.outbox().getQueuedSendBytes(), kSize / 2);  // it paused
 
     // Read and pump in turns: the chunks are those of one send, in order.
     Bytes joined;
     bool consecutive = true;
     waitUntil([&] {
-        link.left.pump();
-        link.left.socket().update();  // what the socket queued goes on as the peer reads
-        net::Socket& socket = link.right.socket();
-        socket.update();
-        uint32_t size = 0;
-        while (net::Packet* packet = socket.pollPacket(&size)) {
-            ChunkSeen seen = decodeRequest(*packet);
-            consecutive = consecutive && seen.id == 0 && seen.text == "bulk" &&
-                          seen.total == kSize && seen.offset == joined.size() &&
-                          !seen.chunk.empty();
+        for (net::Packet& packet : link.left.outbox().take()) {
+            packet.setPos(0);
+            pipewire::Message seen = pipewire::read(packet);
+            consecutive = consecutive && seen.kind == pipewire::kRequest && seen.id == 0 &&
+                          seen.text == "bulk" && seen.total == kSize &&
+                          seen.offset == joined.size() && !seen.chunk.empty();
             joined.insert(joined.end(), seen.chunk.begin(), seen.chunk.end());
         }
-        const zu::WaitHandle handles[2] = {socket.getWaitHandle(),
-                                           link.left.socket().getWaitHandle()};
-        zu::waitForAny(handles, 2, 5);
+        link.left.pump();
         return joined.size() >= kSize || !consecutive;
     });
     EXPECT_TRUE(consecutive);
     EXPECT_TRUE(joined == data);
 
     link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
-    link.right.sendMarker();
-    link.left.receiveUntilMarker();
+    link.left.receive();
     if (!waitUntil([&] { return done.load(); })) {
         link.left.pipe().close();  // releases the sender, so that the test can end
     }
     sender.join();
 }
-
-// Answers one request on `pipe` with its own text and data, on its own thread.
-class EchoOnce {
-public:
-    explicit EchoOnce(dm::NetCommunicationPipe& pipe)
-        : m_thread([&pipe] {
-              if (!waitUntil([&] { return !pipe.receiveRequest(nullptr).empty(); },
-                             std::chrono::seconds(60))) {
-                  return;
-              }
-              void* data = nullptr;
-              uint32_t size = 0;
-              pipe.getRequestData(&data, &size);
-              pipe.respond("echo", data, size);
-          }) {}
-    ~EchoOnce() { m_thread.join(); }
-    EchoOnce(const EchoOnce&) = delete;
-    EchoOnce& operator=(const EchoOnce&) = delete;
-
-private:
-    std::thread m_thread;
-};
 
 // Both ends have a request far larger than a socket queues before its sender waits, queued
 // before either end runs: each end's pump must leave room for reading what the other sends.
 TEST_F(PipeLimits, LargeRequestsBothWaysAtOnceBothComplete) {
     constexpr uint32_t kSize = 48 * kMiB;
-    const Bytes leftData(kSize, 0x4C);
-    const Bytes rightData(kSize, 0x52);
-    std::atomic<int> echoed{0};
-    std::atomic<int> done{0};
-    const auto ask = [&](dm::NetCommunicationPipe& pipe, const Bytes& data) {
-        return std::thread([&pipe, &data, &echoed, &done] {
-            Bytes answer(kSize);
-            uint32_t answerSize = 0;
-            pipe.sendRequest("both", 0, answer.data(), kSize, &answerSize, data.data(), kSize);
-            echoed += answerSize == kSize && answer == data ? 1 : 0;
-            ++done;
-        });
-    };
-    std::thread fromLeft = ask(link.left.pipe(), leftData);
-    std::thread fromRight = ask(link.right.pipe(), rightData);
+    dmtest::RequestThread fromLeft(&link.left.pipe(), "both", Bytes(kSize, 0x4C), kSize);
+    dmtest::RequestThread fromRight(&link.right.pipe(), "both", Bytes(kSize, 0x52), kSize);
     EXPECT_TRUE(waitUntil([&] {
-        return link.left.pipe().getQueueSizes().outgoingRequests == 1 &&
-               link.right.pipe().getQueueSizes().outgoingRequests == 1;
+        return link.left.pipe().getStatistics().outgoingRequests == 1 &&
+               link.right.pipe().getStatistics().outgoingRequests == 1;
     }));
-    {
-        EchoOnce leftAnswers(link.left.pipe());
-        EchoOnce rightAnswers(link.right.pipe());
-        link.start();
-        EXPECT_TRUE(waitUntil([&] { return done.load() == 2; }, std::chrono::seconds(60)));
-    }
-    if (done.load() < 2) {
-        link.left.pipe().close();  // releases the senders, so that the test can end
-        link.right.pipe().close();
-    }
-    fromLeft.join();
-    fromRight.join();
-    EXPECT_EQ(2, echoed.load());
+    dmtest::EchoResponder answers(&link.left.pipe());
+    answers.add(&link.right.pipe());
+    link.start();
+    const auto bothDone = [&] { return fromLeft.done() && fromRight.done(); };
+    EXPECT_TRUE(waitUntil(bothDone, std::chrono::seconds(60)));
+    EXPECT_TRUE(fromLeft.echoed());
+    EXPECT_TRUE(fromRight.echoed());
 }
 
 TEST_F(PipeLimits, RequestCutOffByAReconnectIsSentAgainFromItsStart) {
     constexpr uint32_t kSize = 16 * kMiB;
-    Bytes data(kSize);
-    for (uint32_t i = 0; i < kSize; ++i) {
-        data[i] = static_cast<uint8_t>(i ^ (i >> 9));
-    }
-    std::atomic<bool> echoed{false};
-    std::atomic<bool> done{false};
-    std::thread sender([&] {
-        Bytes answer(kSize);
-        uint32_t answerSize = 0;
-        link.left.pipe().sendRequest("again", 0, answer.data(), kSize, &answerSize, data.data(),
-                                     kSize);
-        echoed = answerSize == kSize && answer == data;
-        done = true;
-    });
-    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    dmtest::RequestThread request(&link.left.pipe(), "again", dmtest::patternBytes(kSize, 5),
+                                  kSize);
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
     link.left.pump();  // part of it goes into the old connection, which nobody reads
     ASSERT_TRUE(link.reconnect());
-
     link.start();
-    std::thread responder([&] {
-        waitUntil([&] { return !link.right.pipe().receiveRequest(nullptr).empty(); });
-        void* received = nullptr;
-        uint32_t size = 0;
-        link.right.pipe().getRequestData(&received, &size);
-        link.right.pipe().respond("echo", received, size);
-    });
-    responder.join();
-    if (!waitUntil([&] { return done.load(); })) {
-        link.left.pipe().close();  // releases the sender, so that the test can end
-    }
-    sender.join();
-    EXPECT_TRUE(echoed);
+    dmtest::EchoResponder responder(&link.right.pipe());
+    EXPECT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_TRUE(request.echoed());
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace {
 
@@ -33,6 +33,7 @@ TEST_F(Malformed, RequestChunkOutsideItsDataIsDropped) {
     deliver(pipewire::request("link", 0, 0, "past end", 10, 8, 4, chunk.data()));
     deliver(pipewire::request("link", 0, 0, "wraps", 10, 0xFFFFFFFCu, 8, chunk.data()));
     EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(2u, statistics().droppedMalformed);
     // The pipe still takes a proper one with the same id.
     deliver(pipewire::request("link", 0, 0, "fine", 4, 0, 4, chunk.data()));
     EXPECT_STREQ("fine", link.right.pipe().receiveRequest(nullptr).c_str());
@@ -62,12 +63,14 @@ TEST_F(Malformed, RequestPacketEndingBeforeItsFieldsIsDropped) {
     const Bytes hundred(100, 3);
     deliver(cutShort(pipewire::request("link", 0, 0, "short", 100, 0, 100, hundred.data()), 90));
     EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(2u, statistics().droppedMalformed);
 }
 
 TEST_F(Malformed, ChunkThatDisagreesWithItsRequestsSizeIsDropped) {
     deliver(pipewire::request("link", 0, 0, "two parts", 8, 0, 4, "abcd"));
     deliver(pipewire::request("link", 0, 0, "two parts", 16, 4, 12, "efghijklmnop"));
     deliver(pipewire::request("link", 0, 0, "two parts", 8, 4, 4, "efgh"));
+    EXPECT_EQ(1u, statistics().droppedMalformed);
     EXPECT_STREQ("two parts", link.right.pipe().receiveRequest(nullptr).c_str());
     void* data = nullptr;
     uint32_t size = 0;
@@ -89,6 +92,7 @@ TEST_F(Malformed, NotifyChunkOutsideItsTextIsDropped) {
     deliver(pipewire::notify("link", 3, 0, 4, 0, 3, "abc"));
     deliver(pipewire::notify("link", 3, 0, 4, 1, 3, "XYZ"));
     deliver(pipewire::notify("link", 3, 0, 4, 3, 1, "d"));
+    EXPECT_EQ(4u, statistics().droppedMalformed);
     EXPECT_STREQ("abcd", link.right.pipe().receiveNotify(nullptr).c_str());
 }
 
@@ -99,12 +103,13 @@ TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
     deliver(pipewire::request("link", 0, 0, "huge", 0xFFFFFFFFu, 0, 4, "abcd"));
     EXPECT_EQ(0u, incomingRequests());
 
-    pipe.setMaxMessageSize(1024);
+    EXPECT_TRUE(dm::setPipeMaxMessageSize(&pipe, 1024));
     const Bytes chunk(16, 1);
     deliver(pipewire::request("link", 0, 0, "over", 1025, 0, 16, chunk.data()));
     deliver(pipewire::notify("link", 0, 0, 1025, 0, 16, chunk.data()));
     EXPECT_EQ(0u, incomingRequests());
     EXPECT_EQ(0u, incomingNotifications());
+    EXPECT_EQ(3u, statistics().droppedOverLimit);
     deliver(pipewire::request("link", 0, 0, "at limit", 1024, 0, 16, chunk.data()));
     deliver(pipewire::notify("link", 0, 0, 1024, 0, 16, chunk.data()));
     EXPECT_EQ(1u, incomingRequests());
@@ -113,7 +118,7 @@ TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
 
 TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
     PendingRequest request(link.right.pipe(), "waiting");
-    ASSERT_TRUE(waitUntil([&] { return link.right.pipe().getQueueSizes().outgoingRequests; }));
+    ASSERT_TRUE(waitUntil([&] { return link.right.pipe().getStatistics().outgoingRequests; }));
     deliver(pipewire::response("link", 0, "past end", 4, 2, 4, "abcd"));
     net::Packet cut(pipewire::kPacketId);
     cut << pipewire::kResponse << "link" << uint32_t(0) << "no sizes";
@@ -122,7 +127,9 @@ TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
     deliver(cutShort(pipewire::response("link", 0, "short", 100, 0, 100, hundred.data()), 90));
     deliver(pipewire::response("link", 55, "nobody asked", 0, 0, 0, nullptr));
     EXPECT_FALSE(request.done());
-    EXPECT_EQ(1u, link.right.pipe().getQueueSizes().outgoingRequests);
+    EXPECT_EQ(1u, link.right.pipe().getStatistics().outgoingRequests);
+    EXPECT_EQ(3u, statistics().droppedMalformed);
+    EXPECT_EQ(1u, statistics().droppedStale);
 
     deliver(pipewire::response("link", 0, "good", 0, 0, 0, nullptr));
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));
@@ -261,7 +268,7 @@ TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
         pipe.sendRequest("q", 0, responseBuffer.data(), 64, nullptr, nullptr, 0);
         answered = true;
     });
-    EXPECT_TRUE(waitUntil([&] { return pipe.getQueueSizes().outgoingRequests == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return pipe.getStatistics().outgoingRequests == 1; }));
 
     std::mt19937 random(20240611);
     const std::vector<Bytes> seeds = seedPayloads();
@@ -271,7 +278,7 @@ TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
             i % 4 == 0 ? randomPayload(random) : mutate(seeds[random() % seeds.size()], random);
         net::Packet packet;
         packet.assign(pipewire::kPacketId, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        dmtest::dispatchToPipe(pipe, packet, packet.getSize());
+        dmtest::deliverTo(pipe, packet);
         if (i % 16 == 0) {
             drain(pipe, checksum);
         }
@@ -279,18 +286,14 @@ TEST(PipeFuzz, RandomAndMutatedPacketsNeitherCrashNorCorrupt) {
     drain(pipe, checksum);
 
     if (!answered) {
-        net::Packet answer = pipewire::response("fuzz", 0, "", 0, 0, 0, nullptr);
-        answer.setPos(0);
-        dmtest::dispatchToPipe(pipe, answer, answer.getSize());
+        dmtest::deliverTo(pipe, pipewire::response("fuzz", 0, ""));
     }
     sender.join();
     EXPECT_GT(callbacks, 0);
 
     // Still in working order after a reset.
     pipe.reset();
-    net::Packet request = pipewire::request("fuzz", 0, 0, "after", 3, 0, 3, "end");
-    request.setPos(0);
-    dmtest::dispatchToPipe(pipe, request, request.getSize());
+    dmtest::deliverTo(pipe, pipewire::request("fuzz", 0, 0, "after", 3, 0, 3, "end"));
     EXPECT_STREQ("after", pipe.receiveRequest(nullptr).c_str());
     pipe.setRequestCallback({});
     pipe.setNotifyCallback({});

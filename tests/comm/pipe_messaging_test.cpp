@@ -10,7 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -18,71 +19,7 @@ using dmtest::PipeLink;
 using dmtest::waitUntil;
 using Bytes = std::vector<uint8_t>;
 
-Bytes randomBytes(size_t size, uint32_t seed) {
-    std::mt19937 random(seed);
-    Bytes bytes(size);
-    for (uint8_t& byte : bytes) {
-        byte = static_cast<uint8_t>(random());
-    }
-    return bytes;
-}
-
-void signalEvent(void* event, dm::CommunicationPipe*) {
-    static_cast<zu::Event*>(event)->signal();
-}
-
-// Answers every request that arrives on `pipe` on its own thread, woken by the request
-// callback. `answer` turns (text, value, data) into the response text and data.
-class Responder {
-public:
-    using Answer = std::function<void(const std::string& text, uint32_t value, const Bytes& data,
-                                      std::string& outText, Bytes& outData)>;
-
-    Responder(dm::NetCommunicationPipe& pipe, Answer answer)
-        : m_pipe(pipe), m_answer(std::move(answer)) {
-        m_pipe.setRequestCallback({&m_arrived, &signalEvent});
-        m_thread = std::thread([this] { run(); });
-    }
-    ~Responder() {
-        m_stopping = true;
-        m_arrived.signal();
-        m_thread.join();
-        m_pipe.setRequestCallback({});
-    }
-
-private:
-    void run() {
-        while (!m_stopping) {
-            // Woken by the request callback, with a poll as a safety net.
-            if (!m_arrived.wait(100)) {
-                continue;
-            }
-            for (;;) {
-                uint32_t value = 0;
-                zu::InplaceString<128> text = m_pipe.receiveRequest(&value);
-                if (text.empty()) {
-                    break;
-                }
-                void* data = nullptr;
-                uint32_t size = 0;
-                m_pipe.getRequestData(&data, &size);
-                const uint8_t* bytes = static_cast<const uint8_t*>(data);
-                std::string responseText;
-                Bytes responseData;
-                m_answer(text.c_str(), value, Bytes(bytes, bytes + size), responseText,
-                         responseData);
-                m_pipe.respond(responseText.c_str(), responseData.data(),
-                               static_cast<uint32_t>(responseData.size()));
-            }
-        }
-    }
-
-    dm::NetCommunicationPipe& m_pipe;
-    Answer m_answer;
-    zu::Event m_arrived;
-    std::atomic<bool> m_stopping{false};
-    std::thread m_thread;
-};
+using Responder = dmtest::EchoResponder;
 
 void echoReversed(const std::string& text, uint32_t value, const Bytes& data, std::string& outText,
                   Bytes& outData) {
@@ -94,9 +31,9 @@ TEST(PipeMessaging, RequestAndResponseCarryTextValueAndBinaryDataBothWays) {
     PipeLink link;
     ASSERT_TRUE(link.connected);
     link.start();
-    Responder responder(link.right.pipe(), &echoReversed);
+    Responder responder(&link.right.pipe(), &echoReversed);
 
-    const Bytes request = randomBytes(1000, 1);
+    const Bytes request = dmtest::patternBytes(1000, 1);
     Bytes response(1000);
     uint32_t responseSize = 0;
     zu::InplaceString<128> text = link.left.pipe().sendRequest("hello", 42, response.data(), 1000,
@@ -106,7 +43,7 @@ TEST(PipeMessaging, RequestAndResponseCarryTextValueAndBinaryDataBothWays) {
     EXPECT_EQ(Bytes(request.rbegin(), request.rend()), response);
 
     // And the other way, without any data: the response size is 0 and the buffer untouched.
-    Responder back(link.left.pipe(), &echoReversed);
+    Responder back(&link.left.pipe(), &echoReversed);
     Bytes untouched(16, 0xAB);
     responseSize = 99;
     text =
@@ -118,16 +55,16 @@ TEST(PipeMessaging, RequestAndResponseCarryTextValueAndBinaryDataBothWays) {
 
 TEST(PipeMessaging, PayloadsSpanningManyPacketsArriveWhole) {
     // Several times the largest packet payload in each direction.
-    const Bytes request = randomBytes(3 * 1024 * 1024 + 17, 2);
-    const Bytes answer = randomBytes(5 * 1024 * 1024 + 5, 3);
+    const Bytes request = dmtest::patternBytes(3 * 1024 * 1024 + 17, 2);
+    const Bytes answer = dmtest::patternBytes(5 * 1024 * 1024 + 5, 3);
     ASSERT_GT(request.size(), 8 * size_t(net::Packet::kMaxPayload));
 
     PipeLink link;
     ASSERT_TRUE(link.connected);
     link.start();
     Bytes received;
-    Responder responder(link.right.pipe(), [&](const std::string&, uint32_t, const Bytes& data,
-                                               std::string& outText, Bytes& outData) {
+    Responder responder(&link.right.pipe(), [&](const std::string&, uint32_t, const Bytes& data,
+                                                std::string& outText, Bytes& outData) {
         received = data;
         outText = "big";
         outData = answer;
@@ -202,7 +139,7 @@ TEST(PipeMessaging, ConcurrentSendersEachGetTheirOwnResponse) {
     PipeLink link;
     ASSERT_TRUE(link.connected);
     link.start();
-    Responder responder(link.right.pipe(), &echoReversed);
+    Responder responder(&link.right.pipe(), &echoReversed);
 
     std::atomic<int> mismatches{0};
     std::vector<std::thread> senders;
@@ -211,7 +148,7 @@ TEST(PipeMessaging, ConcurrentSendersEachGetTheirOwnResponse) {
             for (int i = 0; i < kRequestsEach; ++i) {
                 const std::string text = "t" + std::to_string(t) + "-" + std::to_string(i);
                 const uint32_t value = static_cast<uint32_t>(t * 1000 + i);
-                const Bytes data = randomBytes(1 + (t * 31 + i) % 300, value);
+                const Bytes data = dmtest::patternBytes(1 + (t * 31 + i) % 300, value);
                 Bytes response(data.size());
                 uint32_t size = 0;
                 zu::InplaceString<128> answer = link.left.pipe().sendRequest(
@@ -230,7 +167,7 @@ TEST(PipeMessaging, ConcurrentSendersEachGetTheirOwnResponse) {
         sender.join();
     }
     EXPECT_EQ(0, mismatches.load());
-    EXPECT_EQ(0u, link.left.pipe().getQueueSizes().outgoingRequests);
+    EXPECT_EQ(0u, link.left.pipe().getStatistics().outgoingRequests);
 }
 
 }  // namespace

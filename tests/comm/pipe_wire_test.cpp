@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "comm/pipe_link.h"
+#include "support/pipe_link.h"
 
 namespace {
 
@@ -17,60 +17,11 @@ using dmtest::PipeLink;
 using dmtest::waitUntil;
 namespace pipewire = dmtest::pipewire;
 
-// Everything the socket delivers up to the peer's marker, undecoded.
-std::vector<net::Packet> captureUntilMarker(net::Socket& socket) {
-    std::vector<net::Packet> packets;
-    waitUntil([&] {
-        socket.update();
-        uint32_t size = 0;
-        while (net::Packet* packet = socket.pollPacket(&size)) {
-            if (packet->getID() == pipewire::kMarkerId) {
-                return true;
-            }
-            packets.push_back(*packet);
-            packets.back().setPos(0);
-        }
-        const zu::WaitHandle handle = socket.getWaitHandle();
-        zu::waitForAny(&handle, 1, 5);
-        return false;
-    });
-    return packets;
-}
-
-struct Chunked {
-    int32_t kind = -1;
-    std::string pipe;
-    uint32_t id = 0;
-    uint32_t value = 0;
-    std::string text;
-    uint32_t total = 0;
-    uint32_t offset = 0;
-    uint32_t chunkSize = 0;
-    std::vector<uint8_t> chunk;
-    bool endsAfterChunk = false;
-};
+using Chunked = pipewire::Message;
 
 Chunked decode(net::Packet& packet) {
-    Chunked message;
-    const char* pipe = "";
-    const char* text = "";
-    EXPECT_EQ(pipewire::kPacketId, packet.getID());
-    packet >> message.kind >> pipe >> message.id;
-    if (message.kind == pipewire::kRequest) {
-        packet >> message.value >> text;
-    } else if (message.kind == pipewire::kResponse) {
-        packet >> text;
-    } else {
-        packet >> message.value;
-    }
-    packet >> message.total >> message.offset >> message.chunkSize;
-    message.pipe = pipe;
-    message.text = text;
-    message.chunk.resize(message.chunkSize);
-    EXPECT_EQ(message.chunkSize, packet.read(message.chunk.data(), message.chunkSize));
-    EXPECT_FALSE(packet.hasError());
-    message.endsAfterChunk = packet.getRemaining() == 0;
-    return message;
+    packet.setPos(0);
+    return pipewire::read(packet);
 }
 
 TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
@@ -78,24 +29,22 @@ TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
     ASSERT_TRUE(link.connected);
     for (uint32_t expectedId = 0; expectedId < 2; ++expectedId) {
         dmtest::PendingRequest pending(link.left.pipe(), "request", 9 + expectedId);
-        ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+        ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
         link.left.pump();
-        link.left.sendMarker();
-        std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
+        std::vector<net::Packet> packets = link.left.outbox().take();
         ASSERT_EQ(1u, packets.size());
         Chunked request = decode(packets[0]);
         EXPECT_EQ(pipewire::kRequest, request.kind);
-        EXPECT_EQ("Wire", request.pipe);
+        EXPECT_EQ("Wire", request.first);
         EXPECT_EQ(expectedId, request.id);
         EXPECT_EQ(9 + expectedId, request.value);
         EXPECT_EQ(0u, request.total);
         EXPECT_EQ(0u, request.offset);
-        EXPECT_EQ(0u, request.chunkSize);
+        EXPECT_EQ(0u, request.chunk.size());
         EXPECT_TRUE(request.endsAfterChunk);
         // Answer it by hand so that the sender moves on.
         link.right.send(pipewire::response("Wire", expectedId, "ok", 0, 0, 0, nullptr));
-        link.right.sendMarker();
-        link.left.receiveUntilMarker();
+        link.left.receive();
         ASSERT_TRUE(waitUntil([&] { return pending.done(); }));
         EXPECT_STREQ("ok", pending.result());
     }
@@ -113,10 +62,9 @@ TEST(PipeWire, LargePayloadIsSplitIntoConsecutiveChunksEachWithTheWholeHead) {
                                      static_cast<uint32_t>(data.size()));
     });
     // Expectations only until the sender is answered below: it must not be left blocked.
-    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getQueueSizes().outgoingRequests; }));
+    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
     link.left.pump();
-    link.left.sendMarker();
-    std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
+    std::vector<net::Packet> packets = link.left.outbox().take();
     EXPECT_GE(packets.size(), 3u);
     std::vector<uint8_t> joined;
     for (net::Packet& packet : packets) {
@@ -125,14 +73,13 @@ TEST(PipeWire, LargePayloadIsSplitIntoConsecutiveChunksEachWithTheWholeHead) {
         EXPECT_EQ(3u, chunk.value);
         EXPECT_EQ(data.size(), chunk.total);
         EXPECT_EQ(joined.size(), chunk.offset);
-        EXPECT_GT(chunk.chunkSize, 0u);
+        EXPECT_GT(chunk.chunk.size(), 0u);
         EXPECT_TRUE(chunk.endsAfterChunk);
         joined.insert(joined.end(), chunk.chunk.begin(), chunk.chunk.end());
     }
     EXPECT_TRUE(joined == data);
     link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
-    link.right.sendMarker();
-    link.left.receiveUntilMarker();
+    link.left.receive();
     sender.join();
 }
 
@@ -142,8 +89,7 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
     ASSERT_TRUE(link.left.pipe().sendNotify("ping", 4));
     ASSERT_TRUE(link.left.pipe().sendNotify("x", 4));
     link.left.pump();
-    link.left.sendMarker();
-    std::vector<net::Packet> packets = captureUntilMarker(link.right.socket());
+    std::vector<net::Packet> packets = link.left.outbox().take();
     ASSERT_EQ(2u, packets.size());
     Chunked ping = decode(packets[0]);
     EXPECT_EQ(pipewire::kNotify, ping.kind);
@@ -182,7 +128,7 @@ TEST_F(Reassembly, RequestChunksLandAtTheirOffsetsAndTheChunkEndingThePayloadCom
     deliver({pipewire::request("link", 0, 1, "parts", 12, 4, 4, "5678"),
              pipewire::request("link", 0, 1, "parts", 12, 0, 4, "1234")});
     EXPECT_EQ(0, completed.load());
-    EXPECT_EQ(1u, pipe().getQueueSizes().incomingRequests);
+    EXPECT_EQ(1u, pipe().getStatistics().incomingRequests);
     deliver({pipewire::request("link", 0, 1, "parts", 12, 8, 4, "9abc")});
     EXPECT_EQ(1, completed.load());
 
@@ -198,7 +144,7 @@ TEST_F(Reassembly, RequestChunksLandAtTheirOffsetsAndTheChunkEndingThePayloadCom
 TEST_F(Reassembly, EmptyChunkOfARequestWithDataIsDropped) {
     // No sender makes one; taken, it would hand out a buffer that no chunk wrote.
     deliver({pipewire::request("link", 0, 0, "early", 16 * 1024 * 1024, 0, 0, nullptr)});
-    EXPECT_EQ(0u, pipe().getQueueSizes().incomingRequests);
+    EXPECT_EQ(0u, pipe().getStatistics().incomingRequests);
     deliver({pipewire::request("link", 0, 0, "proper", 4, 0, 4, "data")});
     EXPECT_STREQ("proper", pipe().receiveRequest(nullptr).c_str());
 }
@@ -269,10 +215,9 @@ TEST(PipeWire, WorkedExampleOfTheProtocolDocument) {
         reply = asker.sendRequest("ping", 7, answer, sizeof(answer), &answerSize, data, 3).c_str();
         answered = true;
     });
-    EXPECT_TRUE(waitUntil([&] { return asker.getQueueSizes().outgoingRequests == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return asker.getStatistics().outgoingRequests == 1; }));
     link.left.pump();
-    link.left.sendMarker();
-    std::vector<net::Packet> requests = captureUntilMarker(link.right.socket());
+    std::vector<net::Packet> requests = link.left.outbox().take();
     EXPECT_EQ(1u, requests.size());
 
     std::vector<net::Packet> responses;
@@ -283,14 +228,13 @@ TEST(PipeWire, WorkedExampleOfTheProtocolDocument) {
             "00 70 69 6E 67 00 03 00 00 00 00 00 00 00 03 00\n"
             "00 00 01 02 03\n",
             frameHex(requests[0]));
-        dmtest::dispatchToPipe(answerer, requests[0], requests[0].getSize());
+        dmtest::deliverTo(answerer, requests[0]);
         EXPECT_STREQ("ping", answerer.receiveRequest(nullptr).c_str());
         std::thread answererThread([&] { answerer.respond("pong", "\xAA\xBB", 2); });
-        EXPECT_TRUE(waitUntil([&] { return answerer.getQueueSizes().outgoingResponses == 1; }));
+        EXPECT_TRUE(waitUntil([&] { return answerer.getStatistics().outgoingResponses == 1; }));
         link.right.pump();
-        link.right.sendMarker();
         answererThread.join();
-        responses = captureUntilMarker(link.left.socket());
+        responses = link.right.outbox().take();
     }
     EXPECT_EQ(1u, responses.size());
     if (responses.size() == 1) {
@@ -299,7 +243,7 @@ TEST(PipeWire, WorkedExampleOfTheProtocolDocument) {
             "65 63 68 6F 00 00 00 00 00 04 00 00 00 70 6F 6E\n"
             "67 00 02 00 00 00 00 00 00 00 02 00 00 00 AA BB\n",
             frameHex(responses[0]));
-        dmtest::dispatchToPipe(asker, responses[0], responses[0].getSize());
+        dmtest::deliverTo(asker, responses[0]);
     }
     if (!waitUntil([&] { return answered.load(); })) {
         asker.close();  // releases the request: the response never came

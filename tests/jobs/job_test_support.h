@@ -16,18 +16,10 @@
 
 #include "dm/jobs.h"
 #include "dm/log.h"
+#include "support/pipe_responders.h"
 #include "support/test_support.h"
 
 namespace dmtest {
-
-// Bytes that tell their position apart, different for each seed.
-inline std::vector<uint8_t> patternBytes(size_t size, uint8_t seed) {
-    std::vector<uint8_t> bytes(size);
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<uint8_t>(i * 7 + seed);
-    }
-    return bytes;
-}
 
 // Runs `body` with the manager's name; counts its own destruction in `destroyed` if given.
 class FunctionJob : public dm::Job {

@@ -10,7 +10,8 @@
 #include "dm/comm.h"
 #include "dm/jobs.h"
 #include "job_test_support.h"
-#include "manager_link.h"
+#include "jobs/job_forward_request.h"
+#include "support/manager_link.h"
 
 namespace {
 

@@ -17,6 +17,7 @@
 
 #include "net/listener.h"
 #include "net/socket.h"
+#include "support/loopback.h"
 #include "support/test_support.h"
 
 namespace nettest {
@@ -38,26 +39,7 @@ inline Bytes makeFrame(int id, const Bytes& payload) {
     return frame;
 }
 
-// A listener on an ephemeral loopback port with one accepted connection.
-struct SocketPair {
-    net::Listener listener{0, "127.0.0.1"};
-    net::Socket client;
-    std::unique_ptr<net::Socket> server;
-
-    SocketPair() {
-        if (!client.connect("127.0.0.1", listener.getPort())) {
-            return;
-        }
-        dmtest::waitUntil([&] {
-            client.update();
-            if (!server) {
-                server.reset(listener.pollConnect());
-            }
-            return server && client.isConnected();
-        });
-    }
-    bool connected() const { return server && server->isConnected() && client.isConnected(); }
-};
+using dmtest::SocketPair;
 
 // A blocking POSIX socket connected to 127.0.0.1:port, or -1.
 inline int rawConnect(uint32_t port) {
@@ -135,7 +117,7 @@ inline bool rawSendAll(int fd, const Bytes& bytes) {
 // Shrinks the OS buffers of both ends to 64 KiB so that a few large packets overfill them.
 inline void shrinkSocketBuffers(SocketPair& pair) {
     int bytes = 64 * 1024;
-    for (net::Socket* end : {&pair.client, pair.server.get()}) {
+    for (net::Socket* end : {pair.client.get(), pair.server.get()}) {
         int fd = static_cast<int>(end->getWaitHandle().handle);
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));

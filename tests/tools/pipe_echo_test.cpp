@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "comm/pipe_link.h"
 #include "net/listener.h"
 #include "net/socket.h"
+#include "support/pipe_wire.h"
 #include "support/test_support.h"
 
 namespace {
@@ -60,7 +60,7 @@ public:
             return false;
         }
         net::Packet openPipe(pipewire::kPacketId);
-        openPipe << int32_t(0) << "echo"
+        openPipe << pipewire::kOpenPipe << "echo"
                  << "raw client";
         send(openPipe);
         return next(1) != nullptr;  // PipeOpened

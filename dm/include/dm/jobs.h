@@ -208,24 +208,4 @@ private:
     uint32_t m_responseCapacity;
 };
 
-// INTERNAL to the broadcast server; not meant for applications. Sends `request` on
-// `targetPipe` and answers the request last taken on `replyPipe` with the response's text and
-// data (at most 64 KiB of data; more is cut). Neither pipe is owned.
-class DM_API JobForwardRequest : public Job {
-public:
-    static constexpr uint32_t kBufferSize = 0x10000;
-
-    JobForwardRequest(CommunicationPipe* replyPipe, CommunicationPipe* targetPipe,
-                      const char* request);
-    JobForwardRequest(const JobForwardRequest&) = default;
-    JobForwardRequest& operator=(const JobForwardRequest&) = default;
-    ~JobForwardRequest() override;
-    void run(const char* managerName) override;
-
-private:
-    CommunicationPipe* m_replyPipe;
-    CommunicationPipe* m_targetPipe;
-    zu::InplaceString<128> m_request;
-};
-
 }  // namespace dm

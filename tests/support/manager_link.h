@@ -1,4 +1,4 @@
-// Communication-pipe managers for the job tests: one server on a port the system picks and any
+// Pipe managers for tests and benchmarks: one server on a port the system picks and any
 // number of clients connected to it over 127.0.0.1, registered under names unique to the test.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace dmtest {
 class ManagerLink {
 public:
     explicit ManagerLink(bool createPipesOnRequest = true) : m_tag(nextTag()) {
-        m_serverName = "jobs-server-" + m_tag;
+        m_serverName = "link-server-" + m_tag;
         m_server = dm::initCommunicationManagerAsServer(m_serverName.c_str(), 0, kServerId,
                                                         createPipesOnRequest);
         m_server->getHost(&m_port);
@@ -39,7 +39,7 @@ public:
     // A new client manager, connecting to the server; returns its registered name.
     std::string addClient() {
         const std::string name =
-            "jobs-client-" + m_tag + "-" + std::to_string(m_clientNames.size());
+            "link-client-" + m_tag + "-" + std::to_string(m_clientNames.size());
         dm::initCommunicationManagerAsClient(name.c_str(), "127.0.0.1", static_cast<int>(m_port));
         m_clientNames.push_back(name);
         return name;

@@ -1,0 +1,246 @@
+// NetCommunicationPipe: the pipe over a TCP connection, and PipeOwner, what it needs from the
+// manager that owns it. Application threads use it through CommunicationPipe; the manager's
+// thread attaches it to a connection, pumps its outgoing queues into a PacketSink and hands it
+// the messages that arrive for it.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+
+#include "comm/packet_sink.h"
+#include "comm/pipe_protocol.h"
+#include "dm/comm.h"
+#include "net/packet.h"
+#include "net/socket.h"
+#include "zu/event.h"
+#include "zu/mutex.h"
+#include "zu/string.h"
+#include "zu/vector.h"
+
+namespace dm {
+
+// What a pipe needs from the manager that owns it.
+class PipeOwner {
+public:
+    PipeOwner() = default;
+    PipeOwner(const PipeOwner&) = delete;
+    PipeOwner& operator=(const PipeOwner&) = delete;
+
+    // The manager reported by CommunicationPipe::getManager (may be null).
+    virtual CommunicationPipeManager* getOwningManager() = 0;
+    // The value that replaces a notification value of 0 on sending.
+    virtual uint32_t getOwnerId() const = 0;
+
+protected:
+    virtual ~PipeOwner();
+};
+
+// The pipe over a net::Socket. The public CommunicationPipe operations are for any thread; the
+// operations below them are for the owning manager's thread only (one thread per pipe).
+class NetCommunicationPipe final : public CommunicationPipe {
+public:
+    // Incoming requests and notifications larger than this are dropped unread by default:
+    // room for whole-file reads of a few hundred MiB.
+    static constexpr uint32_t kDefaultMaxMessageSize = 512u * 1024u * 1024u;
+    // Marks the current request as taken over an earlier connection (never sent).
+    static constexpr const char* kAbortToken = "666ABORTALL666";
+    // A pump stops sending for the pass once the socket holds more than this queued: the
+    // manager then reads its connections and comes back when the socket can take more. Far
+    // below net::Socket::kMaxQueuedSend, so that sending never waits for the peer to read,
+    // which would deadlock two managers that both send large messages.
+    static constexpr uint32_t kPauseSendingAbove = 2u * 1024u * 1024u;
+    // Incoming requests, and notifications, that have begun to arrive but are not whole yet.
+    // A sender finishes one message before it starts the next of the same kind, so more only
+    // come from a broken or hostile peer.
+    static constexpr size_t kMaxUnfinishedIncoming = 16;
+
+    // `owner` may be null (no manager; notification values of 0 are then sent as 0).
+    NetCommunicationPipe(PipeOwner* owner, const char* name);
+    // Closes the pipe first (see close), so threads still blocked in it return before it goes.
+    // No other call may be running or start any more.
+    ~NetCommunicationPipe() override;
+
+    const char* getName() const override { return m_name.c_str(); }
+    bool isConnected() const override { return m_socket.load() != nullptr; }
+    CommunicationPipeManager* getManager() const override;
+    zu::InplaceString<128> getConnectedIP() const override;
+    bool sendNotify(const char* text, uint32_t value) override;
+    zu::InplaceString<128> receiveNotify(uint32_t* outValue) override;
+    zu::InplaceString<128> sendRequest(const char* text, uint32_t value, void* responseBuffer,
+                                       uint32_t responseCapacity, uint32_t* outResponseSize,
+                                       const void* data, uint32_t dataSize) override;
+    zu::InplaceString<128> receiveRequest(uint32_t* outValue) override;
+    void getRequestData(void** outData, uint32_t* outSize) override;
+    void respond(const char* text, const void* data, uint32_t dataSize) override;
+    void setConnectionCallback(PipeCallback callback) override;
+    void setNotifyCallback(PipeCallback callback) override;
+    void setRequestCallback(PipeCallback callback) override;
+
+    // Limit for the total size of incoming request data and notification texts; larger
+    // messages are dropped instead of allocated. It also bounds the data that the unfinished
+    // incoming requests announce together: a new request beyond it is dropped.
+    void setMaxMessageSize(uint32_t bytes) { m_maxMessageSize.store(bytes); }
+    uint32_t getMaxMessageSize() const { return m_maxMessageSize.load(); }
+    PipeStatistics getStatistics() const;
+    // Signalled whenever something is queued for sending; a manager sleeps on it.
+    zu::WaitHandle getWakeHandle() const { return m_wakeEvent.getWaitHandle(); }
+
+    // --- For the owning manager's thread ---
+
+    // Resets the pipe, binds it to `socket` (not owned) and calls the connection callback.
+    void attachSocket(net::Socket* socket);
+    // Unbinds the socket; queues are kept for the next attach.
+    void detachSocket();
+    // Starts over after a reconnect: incoming requests and incomplete incoming notifications
+    // are dropped, a request taken before is not answered, unanswered outgoing requests (and
+    // responses not wholly sent) go out again from their start, queued notifications go.
+    void reset();
+    // Sends up to 8 queued messages of each kind to `sink` (nothing when it is null). A large
+    // message may take several calls: sending pauses while the sink has more than
+    // kPauseSendingAbove bytes queued, and the next call goes on where it stopped. True when
+    // messages are left that another call could send at once: pump again before sleeping.
+    // False when nothing is left, or when sending paused: then wait on the socket's handle
+    // (it signals once the socket can take more).
+    bool pumpOutgoing(PacketSink* sink);
+    // Ends the pipe's service before it is destroyed: every thread blocked in sendRequest or
+    // respond wakes and returns empty-handed, later calls of the two return at once, and close
+    // returns once no thread is inside either of them any more.
+    void close();
+
+    // Takes a received Request, Response or Notify for this pipe (decoded by
+    // pipe_protocol::decode) and reassembles it. Malformed, stale or oversized packets are
+    // dropped and counted (see PipeStatistics).
+    void receive(const pipe_protocol::Message& message);
+
+private:
+    struct RequestRecord {
+        uint32_t id = 0;
+        uint32_t value = 0;
+        zu::InplaceString<128> text;
+        zu::InplaceString<128> responseText;
+        bool responseReceived = false;
+        bool sent = false;
+        bool complete = false;   // incoming: every chunk has arrived
+        uint32_t bytesSent = 0;  // outgoing: data bytes already on the wire
+        void* responseBuffer = nullptr;
+        uint32_t responseCapacity = 0;
+        uint32_t responseSize = 0;
+        uint32_t responseReceivedBytes = 0;
+        // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns, of
+        // dataCapacity bytes, grown as chunks arrive; chunks wrote below dataWrittenEnd.
+        void* data = nullptr;
+        uint32_t dataSize = 0;
+        uint32_t dataReceivedBytes = 0;
+        uint32_t dataCapacity = 0;
+        uint32_t dataWrittenEnd = 0;
+        zu::Event* event = nullptr;  // outgoing: sendRequest waits on it
+    };
+    struct ResponseRecord {
+        uint32_t serial = 0;  // tells apart responses that share a request id
+        uint32_t requestId = 0;
+        zu::InplaceString<128> text;
+        bool sent = false;
+        uint32_t bytesSent = 0;  // data bytes already on the wire
+        const void* data = nullptr;
+        uint32_t dataSize = 0;
+        zu::Event* event = nullptr;  // respond waits on it
+    };
+    struct NotificationRecord {
+        uint32_t id = 0;
+        uint32_t value = 0;
+        zu::InplaceString<128> text;
+        uint32_t expectedLength = 0;
+        uint32_t receivedLength = 0;
+        uint32_t bytesSent = 0;  // outgoing: text bytes already on the wire
+        bool sent = false;       // outgoing, in the pump's copies: wholly sent
+    };
+    using Chunk = pipe_protocol::Chunk;
+    enum class Drop { kMalformed, kOverLimit, kStale, kEmptyText };
+
+    static constexpr uint32_t kNoId = 0xFFFFFFFFu;
+    static constexpr size_t kInitialQueueRoom = 16;
+    static constexpr size_t kMaxSentPerPump = 8;
+
+    // Outgoing side (outgoingLock held).
+    zu::Event* takeEvent();
+    void releaseEvent(zu::Event* event);
+    RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr);
+    ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
+    bool collectOutgoing();
+    bool markSent();
+    void markSentLocked();
+    bool hasUnsentInWindow() const;
+    void leaveBlockingCall();
+    bool sendCollected(PacketSink& sink);
+
+    // Incoming side (incomingLock held).
+    void discardAbortedRequest();
+    void freeIncomingRequests();
+    void dropIncompleteNotifications();
+    RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex);
+    RequestRecord* addIncomingRequest(const pipe_protocol::Message& message);
+    bool roomForUnfinishedRequest(uint32_t dataSize) const;
+    bool reserveRequestData(RequestRecord& request, uint32_t end);
+    void dropIncomingRequest(size_t index);
+    size_t countIncompleteNotifications() const;
+    NotificationRecord* findPartialNotification(uint32_t id);
+    bool storeRequestChunk(const pipe_protocol::Message& message);
+    bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk);
+    bool storeNotifyChunk(const pipe_protocol::Message& message);
+    bool fitsMessageLimit(uint32_t totalSize) const;
+    void invoke(const PipeCallback& callback);
+    void onRequest(const pipe_protocol::Message& message);
+    void onResponse(const pipe_protocol::Message& message);
+    void onNotify(const pipe_protocol::Message& message);
+    void count(Drop drop);
+
+    PipeOwner* const m_owner;
+    const zu::InplaceString<128> m_name;
+
+    // Guarded by m_incomingLock.
+    mutable zu::Mutex m_incomingLock;
+    RequestRecord m_currentRequest;
+    zu::Vector<RequestRecord> m_incomingRequests;
+    zu::Vector<NotificationRecord> m_incomingNotifications;
+    uint32_t m_lastCompletedRequestId = kNoId;
+    uint32_t m_lastCompletedNotifyId = kNoId;
+    PipeCallback m_connectionCallback;
+    PipeCallback m_notifyCallback;
+    PipeCallback m_requestCallback;
+
+    // Guarded by m_outgoingLock.
+    mutable zu::Mutex m_outgoingLock;
+    zu::Vector<RequestRecord> m_outgoingRequests;
+    zu::Vector<NotificationRecord> m_outgoingNotifications;
+    zu::Vector<ResponseRecord> m_outgoingResponses;
+    zu::Vector<zu::Event*> m_spareEvents;  // reused by blocking calls, so none is made per call
+    uint32_t m_nextRequestId = 0;
+    uint32_t m_nextNotifyId = 0;
+    uint32_t m_nextResponseSerial = 0;
+    zu::InplaceString<128> m_connectedIP;
+    bool m_closed = false;
+    uint32_t m_blockedCallers = 0;  // threads inside sendRequest or respond
+    std::condition_variable_any m_blockedCallersLeft;
+
+    std::atomic<net::Socket*> m_socket{nullptr};
+    std::atomic<uint32_t> m_maxMessageSize{kDefaultMaxMessageSize};
+    // Packets dropped on receipt, by reason (see PipeStatistics). Written on the manager's
+    // thread only; read by any.
+    std::atomic<uint64_t> m_droppedMalformed{0};
+    std::atomic<uint64_t> m_droppedOverLimit{0};
+    std::atomic<uint64_t> m_droppedStale{0};
+    std::atomic<uint64_t> m_droppedEmptyText{0};
+    zu::Event m_wakeEvent;
+
+    // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,
+    // kept between passes so that pumping allocates nothing once warmed up.
+    zu::Vector<ResponseRecord> m_pumpResponses;
+    zu::Vector<RequestRecord> m_pumpRequests;
+    zu::Vector<NotificationRecord> m_pumpNotifications;
+    zu::Vector<zu::Event*> m_pumpWaiters;  // respond calls to wake once the lock is released
+    net::Packet m_sendPacket;
+};
+
+}  // namespace dm

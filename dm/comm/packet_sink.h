@@ -1,0 +1,38 @@
+// PacketSink: where a pipe's pump sends its packets. The manager hands the pump its
+// connection's socket; unit tests hand it a buffer and read the packets back from there.
+#pragma once
+
+#include <cstdint>
+
+#include "net/packet.h"
+#include "net/socket.h"
+
+namespace dm {
+
+class PacketSink {
+public:
+    // False when the packet was refused (the connection is gone, or it cannot be framed).
+    virtual bool sendPacket(const net::Packet& packet) = 0;
+    // Bytes accepted but not yet handed on; the pump pauses above a limit.
+    virtual uint32_t getQueuedSendBytes() const = 0;
+    // Hands queued bytes on as far as the far end takes them.
+    virtual void update() = 0;
+
+protected:
+    ~PacketSink() = default;
+};
+
+// A connection's socket as a sink; a view of it, made for each pump.
+class SocketSink final : public PacketSink {
+public:
+    explicit SocketSink(net::Socket& socket) : m_socket(socket) {}
+
+    bool sendPacket(const net::Packet& packet) override { return m_socket.sendPacket(packet); }
+    uint32_t getQueuedSendBytes() const override { return m_socket.getQueuedSendBytes(); }
+    void update() override { m_socket.update(); }
+
+private:
+    net::Socket& m_socket;
+};
+
+}  // namespace dm

@@ -1,0 +1,223 @@
+// Request and response helpers over pipes, shared by the tests and the benchmarks: bytes that
+// tell requests apart, a responder thread that echoes what arrives, and a request running on
+// its own thread.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dm/comm.h"
+
+namespace dmtest {
+
+// Bytes that differ from position to position and from seed to seed, so that a mix-up shows.
+inline std::vector<uint8_t> patternBytes(size_t size, uint32_t seed) {
+    std::vector<uint8_t> bytes(size);
+    uint32_t state = seed * 2654435761u + 1;
+    for (uint8_t& byte : bytes) {
+        state = state * 1103515245u + 12345u;
+        byte = static_cast<uint8_t>(state >> 16);
+    }
+    return bytes;
+}
+
+// Answers every request on its pipes with the same text and data (or what its answer function
+// makes of them), and every notification with "echo: " and its text, on its own thread. Pipes
+// may be added while it runs. Stop it (or let it go out of scope) before the managers of its
+// pipes are destroyed.
+class EchoResponder {
+public:
+    // Turns a request's text, value and data into the response's text and data.
+    using Answer = std::function<void(const std::string& text, uint32_t value,
+                                      const std::vector<uint8_t>& data, std::string& outText,
+                                      std::vector<uint8_t>& outData)>;
+
+    explicit EchoResponder(Answer answer = {})
+        : m_answer(std::move(answer)), m_thread([this] { run(); }) {}
+    explicit EchoResponder(dm::CommunicationPipe* pipe, Answer answer = {})
+        : EchoResponder(std::move(answer)) {
+        add(pipe);
+    }
+    ~EchoResponder() { stop(); }
+    EchoResponder(const EchoResponder&) = delete;
+    EchoResponder& operator=(const EchoResponder&) = delete;
+
+    void add(dm::CommunicationPipe* pipe) {
+        // The callbacks may outlive the responder: they only touch its wake-up, which lives for
+        // ever.
+        pipe->setRequestCallback({&m_wakeUp, wake});
+        pipe->setNotifyCallback({&m_wakeUp, wake});
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_pipes.push_back(pipe);
+        m_wakeUp.signal();
+    }
+    // Requests with exactly `text` are answered with `size` bytes of `data` instead of an echo.
+    void answer(std::string text, const void* data, uint32_t size) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_cannedText = std::move(text);
+        m_cannedData = data;
+        m_cannedSize = size;
+    }
+    void stop() {
+        if (m_thread.joinable()) {
+            m_stopping = true;
+            m_wakeUp.signal();
+            m_thread.join();
+        }
+    }
+    int answered() const { return m_answered.load(); }
+
+private:
+    // What the pipes' callbacks signal. Never destroyed (see add), so never on the stack.
+    struct WakeUp {
+        std::mutex mutex;
+        std::condition_variable changed;
+        uint64_t count = 0;
+        void signal() {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                ++count;
+            }
+            changed.notify_all();
+        }
+    };
+    static WakeUp& newWakeUp() {
+        static std::mutex* lock = new std::mutex();
+        static std::deque<WakeUp>* all = new std::deque<WakeUp>();  // stable addresses
+        std::lock_guard<std::mutex> guard(*lock);
+        return all->emplace_back();
+    }
+    static void wake(void* wakeUp, dm::CommunicationPipe*) {
+        static_cast<WakeUp*>(wakeUp)->signal();
+    }
+
+    void run() {
+        uint64_t seen = 0;
+        while (!m_stopping) {
+            std::vector<dm::CommunicationPipe*> pipes;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                pipes = m_pipes;
+            }
+            for (dm::CommunicationPipe* pipe : pipes) {
+                serve(*pipe);
+            }
+            WakeUp& up = m_wakeUp;
+            std::unique_lock<std::mutex> lock(up.mutex);
+            up.changed.wait_for(lock, std::chrono::milliseconds(100),
+                                [&] { return up.count != seen || m_stopping; });
+            seen = up.count;
+        }
+    }
+
+    void serve(dm::CommunicationPipe& pipe) {
+        for (int i = 0; i < 64 && !m_stopping; ++i) {
+            uint32_t value = 0;
+            zu::InplaceString<128> text = pipe.receiveRequest(&value);
+            if (text.empty()) {
+                break;
+            }
+            void* data = nullptr;
+            uint32_t size = 0;
+            pipe.getRequestData(&data, &size);
+            if (m_answer) {
+                const uint8_t* bytes = static_cast<const uint8_t*>(data);
+                std::string outText;
+                std::vector<uint8_t> outData;
+                m_answer(text.c_str(), value, std::vector<uint8_t>(bytes, bytes + size), outText,
+                         outData);
+                pipe.respond(outText.c_str(), outData.data(),
+                             static_cast<uint32_t>(outData.size()));
+            } else if (!m_cannedText.empty() && text == m_cannedText.c_str()) {
+                pipe.respond(text.c_str(), m_cannedData, m_cannedSize);
+            } else {
+                pipe.respond(text.c_str(), data, size);
+            }
+            ++m_answered;
+        }
+        for (int i = 0; i < 64; ++i) {
+            zu::InplaceString<128> text = pipe.receiveNotify(nullptr);
+            if (text.empty()) {
+                break;
+            }
+            pipe.sendNotify((std::string("echo: ") + text.c_str()).c_str(), 0);
+        }
+    }
+
+    const Answer m_answer;
+    WakeUp& m_wakeUp = newWakeUp();
+    std::mutex m_mutex;
+    std::vector<dm::CommunicationPipe*> m_pipes;
+    std::string m_cannedText;
+    const void* m_cannedData = nullptr;
+    uint32_t m_cannedSize = 0;
+    std::atomic<bool> m_stopping{false};
+    std::atomic<int> m_answered{0};
+    std::thread m_thread;
+};
+
+// A sendRequest with data running on its own thread; the response data lands in a buffer of
+// `responseCapacity` bytes. A request still blocked when the object goes is left to finish on
+// its own: the test's end destroys the managers, which releases it.
+class RequestThread {
+public:
+    RequestThread(dm::CommunicationPipe* pipe, std::string text, std::vector<uint8_t> data,
+                  size_t responseCapacity)
+        : m_state(std::make_shared<State>()) {
+        m_state->text = std::move(text);
+        m_state->data = std::move(data);
+        m_state->response.resize(responseCapacity);
+        std::shared_ptr<State> state = m_state;
+        m_thread = std::thread([state, pipe] {
+            zu::InplaceString<128> result = pipe->sendRequest(
+                state->text.c_str(), 0, state->response.data(),
+                static_cast<uint32_t>(state->response.size()), &state->responseSize,
+                state->data.data(), static_cast<uint32_t>(state->data.size()));
+            state->result = result.c_str();
+            state->done = true;
+        });
+    }
+    ~RequestThread() {
+        if (done()) {
+            m_thread.join();
+        } else {
+            m_thread.detach();
+        }
+    }
+    RequestThread(const RequestThread&) = delete;
+    RequestThread& operator=(const RequestThread&) = delete;
+
+    bool done() const { return m_state->done.load(); }
+    // Only once done.
+    const std::string& result() const { return m_state->result; }
+    // Done, and answered with its own text and data.
+    bool echoed() const {
+        const State& state = *m_state;
+        return done() && state.result == state.text && state.responseSize == state.data.size() &&
+               std::equal(state.data.begin(), state.data.end(), state.response.begin());
+    }
+
+private:
+    struct State {
+        std::string text;
+        std::vector<uint8_t> data;
+        std::vector<uint8_t> response;
+        uint32_t responseSize = 0;
+        std::string result;
+        std::atomic<bool> done{false};
+    };
+    std::shared_ptr<State> m_state;
+    std::thread m_thread;
+};
+
+}  // namespace dmtest
