@@ -2,7 +2,8 @@
 // for each service. The "game" here is a loop of 60 frames a second that
 //   - serves the pipe "echo" (any `dm-pipe-echo client` can ask it) and answers requests,
 //   - streams text to any monitor tool (`dm-monitor 127.0.0.1 PORT`) and takes its requests,
-//   - keeps a developer console, with its history saved to "consolecache.bin".
+//   - keeps a developer console, with its history saved to "consolecache.bin", whose commands
+//     reach the game through an IOInterface.
 // It runs until a pipe client has come and gone (or for SECONDS, 30 by default):
 //
 //   dm-quickstart [SECONDS]
@@ -45,11 +46,25 @@ public:
     void parseData(const char* data) override { dm::print("data from a monitor: %s\n", data); }
 };
 
+struct Services;
+
+// The console hands each command here, on the thread that delivers its keystrokes, aliases
+// already replaced and always ending with ";".
+class GameCommands : public dm::IOInterface {
+public:
+    explicit GameCommands(Services& services) : m_services(services) {}
+    void executeCommand(const zu::InplaceString<128>& command) override;
+
+private:
+    Services& m_services;
+};
+
 // Everything the game keeps of dm between frames.
 struct Services {
     dm::CommunicationPipe* echoPipe = nullptr;
     TextOnlyShapes shapes;
-    std::unique_ptr<dm::ScrollingTextWindow> console;
+    std::unique_ptr<dm::Console> console;
+    GameCommands commands{*this};
     MonitorData monitorData;
     bool pipeClientSeen = false;
 };
@@ -79,18 +94,25 @@ void startMonitor(Services& services) {
 
 void startConsole(Services& services) {
     // Loads "consolecache.bin" from the writable folder (DM_WRITE_PATH, else the current one).
-    services.console = std::make_unique<dm::ScrollingTextWindow>(&services.shapes, 0.05f);
-    services.console->addKnownWord("status", false);
+    services.console = std::make_unique<dm::Console>(&services.shapes, 0.05f);
+    services.console->setIOInterface(&services.commands);
+    services.console->getScrollingTextWindow()->addKnownWord("status", false);
+    services.console->bind('s', "status");  // while the console is closed, 's' runs "status"
     services.console->print("console ready\n");
 }
 
-// Hook: the remote file system. Once dm's NetworkFileSystem is in (dm/fs.h), a game that runs
-// against a file server installs it here as its file system, and restores its own in
-// stopFileSystem.
+// The remote file system (dm/fs.h): a game that runs against dm-fileserver on the PC connects
+// a client manager to it as its only pipe manager, then installs a NetworkFileSystem in front
+// of its own file system:
+//     dm::initCommunicationManagerAsClient("files", "pc-address", 3127);
+//     zu::setFileSystem(zu::newObject<dm::NetworkFileSystem>(zu::getFileSystem()));
+// and at shut-down puts its own file system back before dm::NetworkFileSystem::deleteInstance().
+// This game serves pipes itself instead, so it keeps its local file system.
 void startFileSystem(Services&) {}
 
-// Hook: the Server, Client and BroadcastServer endpoints (dm/jobs.h), once they are in, start
-// here and stop in stopEndpoints; the pipes above are what they are built on.
+// The endpoints (dm/endpoints.h) wrap what startPipes does: dm::Server for a game that tools
+// connect to, dm::Client for a tool that connects, dm::BroadcastServer for a hub several tools
+// talk through. A game that uses them makes them here and destroys them in stopEndpoints.
 void startEndpoints(Services&) {}
 
 // --- Per frame ---
@@ -125,32 +147,30 @@ void serveMonitors() {
     dm::printInPlace(1, "frame time", "%.1f ms", 1000.0 / kFramesPerSecond);
 }
 
-void executeCommand(Services& services, const dm::ConsoleWordList& words) {
-    if (!words.empty() && words[0].equalsIgnoreCase("status")) {
-        services.console->print("pipe client %s, %d monitor(s)\n",
-                                services.echoPipe->isConnected() ? "connected" : "absent",
-                                dm::getMonitorConnectionCount());
+}  // namespace
+
+void GameCommands::executeCommand(const zu::InplaceString<128>& command) {
+    if (command.equalsIgnoreCase("status;")) {
+        m_services.console->print("pipe client %s, %d monitor(s)\n",
+                                  m_services.echoPipe->isConnected() ? "connected" : "absent",
+                                  dm::getMonitorConnectionCount());
+    } else {
+        m_services.console->print("unknown command: %s\n", command.c_str());
     }
 }
 
-// The engine calls this for every key the player presses while the console is open. Keys are
-// Windows virtual-key codes; Enter runs the command line.
-void onConsoleKey(Services& services, int key, char character) {
-    constexpr int kReturn = 0x0D;
-    if (key != kReturn) {
-        services.console->appendInput(key, character, false, false, false);
-        return;
-    }
-    dm::ConsoleWordList words;
-    services.console->parseCommandLine(words, /*addToStack=*/true);
-    executeCommand(services, words);
-}
+namespace {
 
+// The engine delivers every key the player presses: Windows virtual-key codes, and the
+// modifiers alt, control, shift. Key 220 opens and closes the console, Enter runs its line.
 void typeCommand(Services& services, const char* command) {
+    dm::Console& console = *services.console;
+    console.deliverKeystroke(dm::Console::kToggleKey, 0, false, false, false);  // open it
     for (const char* c = command; *c; ++c) {
-        onConsoleKey(services, static_cast<unsigned char>(*c), *c);
+        console.deliverKeystroke(static_cast<unsigned char>(*c), *c, false, false, false);
     }
-    onConsoleKey(services, 0x0D, '\r');
+    console.deliverKeystroke(dm::Console::kEnterKey, '\r', false, false, false);
+    console.deliverKeystroke(dm::Console::kToggleKey, 0, false, false, false);  // close it
 }
 
 void runFrame(Services& services, int frame) {
@@ -159,9 +179,8 @@ void runFrame(Services& services, int frame) {
     if (frame == 1) {
         typeCommand(services, "status");  // as if the player typed it
     }
-    if (frame % kFramesPerSecond == 0) {
-        services.console->save();  // writes only when something changed
-    }
+    services.console->update();  // saves the history at most once a second, when it changed
+    services.console->render();  // draws through the ShapeEngineInterface while it is open
 }
 
 // --- Shut-down ---
@@ -170,7 +189,7 @@ void stopEndpoints(Services&) {}
 void stopFileSystem(Services&) {}
 
 void stopConsole(Services& services) {
-    services.console->save();
+    services.console->getScrollingTextWindow()->save();
     services.console.reset();
 }
 
