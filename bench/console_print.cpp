@@ -1,9 +1,5 @@
 // Printing into the console's text window: lines per second through printString, with and
 // without wrapping, and what printing allocates once the 1000-line ring is full.
-//
-// Allocations are counted by replacing the runtime's allocator (zu::allocateMemory and
-// zu::deleteMemory, which dm and zul use for all their memory) and operator new/delete in this
-// program: the executable's definitions take precedence over the shared libraries' own.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -14,59 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "counting_allocator.h"
 #include "dm/console.h"
 #include "zu/memory.h"
 
-namespace {
-
-std::atomic<uint64_t> g_allocations{0};
-std::atomic<uint64_t> g_allocatedBytes{0};
-
-void countAllocation(size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    g_allocatedBytes.fetch_add(size, std::memory_order_relaxed);
-}
-
-}  // namespace
-
-namespace zu {
-
-void* allocateMemory(size_t size, size_t alignment) {
-    countAllocation(size);
-    if (alignment < kDefaultAlignment) {
-        alignment = kDefaultAlignment;
-    }
-    void* memory = nullptr;
-    if (posix_memalign(&memory, alignment, size == 0 ? 1 : size) != 0) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void deleteMemory(void* memory) {
-    std::free(memory);
-}
-
-}  // namespace zu
-
-// GCC takes the replaced pair for a mismatch once it inlines both into one function.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(size_t size) {
-    countAllocation(size);
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
+using bench_alloc::g_allocatedBytes;
+using bench_alloc::g_allocations;
 
 namespace {
 

@@ -2,10 +2,6 @@
 // lines, when nothing new came in and when one new line comes in per frame, next to a frame
 // that colours every line on screen anew (what drawing would cost without the cache of coloured
 // lines); and what a frame allocates once warm.
-//
-// Allocations are counted by replacing the runtime's allocator (zu::allocateMemory and
-// zu::deleteMemory, which dm and zul use for all their memory) and operator new/delete in this
-// program: the executable's definitions take precedence over the shared libraries' own.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -19,54 +15,13 @@
 #include <string>
 #include <vector>
 
+#include "counting_allocator.h"
 #include "dm/console.h"
 #include "zu/file.h"
 #include "zu/memory.h"
 
-namespace {
-
-std::atomic<uint64_t> g_allocations{0};
-
-}  // namespace
-
-namespace zu {
-
-void* allocateMemory(size_t size, size_t alignment) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (alignment < kDefaultAlignment) {
-        alignment = kDefaultAlignment;
-    }
-    void* memory = nullptr;
-    if (posix_memalign(&memory, alignment, size == 0 ? 1 : size) != 0) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void deleteMemory(void* memory) {
-    std::free(memory);
-}
-
-}  // namespace zu
-
-// GCC takes the replaced pair for a mismatch once it inlines both into one function.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
+using bench_alloc::g_allocatedBytes;
+using bench_alloc::g_allocations;
 
 namespace {
 
