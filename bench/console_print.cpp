@@ -105,30 +105,18 @@ void BM_PrintStringUnwrapped(benchmark::State& state) {
 }
 BENCHMARK(BM_PrintStringUnwrapped);
 
-// Makes sure the replaced allocator really sees the libraries' allocations, so that a count
-// of 0 means that nothing was allocated rather than that nothing was counted.
 bool allocationsAreCounted() {
-    const uint64_t atStart = g_allocations.load();
     MeasuringShapeEngine engine;
-    dm::ScrollingTextWindow window(&engine, 0.0f);  // allocates inside libdm
-    const uint64_t afterWindow = g_allocations.load();
-    zu::String text;
-    text.reserve(1000);  // allocates inside libzul
-    return afterWindow > atStart && g_allocations.load() > afterWindow;
+    const bool inDm = bench_alloc::seesAllocationsOf(
+        [&engine] { dm::ScrollingTextWindow window(&engine, 0.0f); });
+    return inDm && bench_alloc::seesAllocationsOf([] {
+               zu::String text;
+               text.reserve(1000);  // allocates inside libzul
+           });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (!allocationsAreCounted()) {
-        std::fprintf(stderr, "console_print: allocations made by the libraries are not counted\n");
-        return 1;
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench_alloc::runBenchmarks("console_print", allocationsAreCounted(), argc, argv);
 }

@@ -147,28 +147,15 @@ void printComparison() {
     std::printf("%-32s %14.0f %21.2fx\n", "every line recoloured", all, 1.0);
 }
 
-// Makes sure the replaced allocator really sees the libraries' allocations, so that a count
-// of 0 means that nothing was allocated rather than that nothing was counted.
-bool allocationsAreCounted() {
-    const uint64_t atStart = g_allocations.load();
-    MeasuringShapeEngine engine;
-    dm::ScrollingTextWindow window(&engine, 0.0f);  // allocates inside libdm
-    return g_allocations.load() > atStart;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (!allocationsAreCounted()) {
-        std::fprintf(stderr, "console_render: allocations made by the library are not counted\n");
-        return 1;
+    MeasuringShapeEngine engine;
+    const bool counted = bench_alloc::seesAllocationsOf(
+        [&engine] { dm::ScrollingTextWindow window(&engine, 0.0f); });
+    const int result = bench_alloc::runBenchmarks("console_render", counted, argc, argv);
+    if (result == 0) {
+        printComparison();
     }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    printComparison();
-    return 0;
+    return result;
 }

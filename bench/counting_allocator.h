@@ -4,8 +4,11 @@
 // own. Include it in exactly one source file of a benchmark program.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 
@@ -19,6 +22,31 @@ inline std::atomic<uint64_t> g_allocatedBytes{0};
 inline void countAllocation(size_t size) {
     g_allocations.fetch_add(1, std::memory_order_relaxed);
     g_allocatedBytes.fetch_add(size, std::memory_order_relaxed);
+}
+
+// Whether the replaced allocator really sees what `allocate` allocates inside the libraries,
+// so that a count of 0 means that nothing was allocated rather than that nothing was counted.
+template <typename Allocate>
+bool seesAllocationsOf(Allocate&& allocate) {
+    const uint64_t atStart = g_allocations.load();
+    allocate();
+    return g_allocations.load() > atStart;
+}
+
+// The benchmark program's main: refuses to measure when `counted` is false, then runs the
+// benchmarks the command line names.
+inline int runBenchmarks(const char* program, bool counted, int argc, char** argv) {
+    if (!counted) {
+        std::fprintf(stderr, "%s: allocations made by the libraries are not counted\n", program);
+        return 1;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }
 
 }  // namespace bench_alloc
