@@ -1,9 +1,5 @@
 // Printing into the console's text window: lines per second through printString, with and
 // without wrapping, and what printing allocates once the 1000-line ring is full.
-//
-// Allocations are counted by replacing the runtime's allocator (zu::allocateMemory and
-// zu::deleteMemory, which dm and zul use for all their memory) and operator new/delete in this
-// program: the executable's definitions take precedence over the shared libraries' own.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -14,59 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "counting_allocator.h"
 #include "dm/console.h"
 #include "zu/memory.h"
 
-namespace {
-
-std::atomic<uint64_t> g_allocations{0};
-std::atomic<uint64_t> g_allocatedBytes{0};
-
-void countAllocation(size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    g_allocatedBytes.fetch_add(size, std::memory_order_relaxed);
-}
-
-}  // namespace
-
-namespace zu {
-
-void* allocateMemory(size_t size, size_t alignment) {
-    countAllocation(size);
-    if (alignment < kDefaultAlignment) {
-        alignment = kDefaultAlignment;
-    }
-    void* memory = nullptr;
-    if (posix_memalign(&memory, alignment, size == 0 ? 1 : size) != 0) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void deleteMemory(void* memory) {
-    std::free(memory);
-}
-
-}  // namespace zu
-
-// GCC takes the replaced pair for a mismatch once it inlines both into one function.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(size_t size) {
-    countAllocation(size);
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
+using bench_alloc::g_allocatedBytes;
+using bench_alloc::g_allocations;
 
 namespace {
 
@@ -156,30 +105,18 @@ void BM_PrintStringUnwrapped(benchmark::State& state) {
 }
 BENCHMARK(BM_PrintStringUnwrapped);
 
-// Makes sure the replaced allocator really sees the libraries' allocations, so that a count
-// of 0 means that nothing was allocated rather than that nothing was counted.
 bool allocationsAreCounted() {
-    const uint64_t atStart = g_allocations.load();
     MeasuringShapeEngine engine;
-    dm::ScrollingTextWindow window(&engine, 0.0f);  // allocates inside libdm
-    const uint64_t afterWindow = g_allocations.load();
-    zu::String text;
-    text.reserve(1000);  // allocates inside libzul
-    return afterWindow > atStart && g_allocations.load() > afterWindow;
+    const bool inDm = bench_alloc::seesAllocationsOf(
+        [&engine] { dm::ScrollingTextWindow window(&engine, 0.0f); });
+    return inDm && bench_alloc::seesAllocationsOf([] {
+               zu::String text;
+               text.reserve(1000);  // allocates inside libzul
+           });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (!allocationsAreCounted()) {
-        std::fprintf(stderr, "console_print: allocations made by the libraries are not counted\n");
-        return 1;
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench_alloc::runBenchmarks("console_print", allocationsAreCounted(), argc, argv);
 }

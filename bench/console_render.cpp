@@ -2,10 +2,6 @@
 // lines, when nothing new came in and when one new line comes in per frame, next to a frame
 // that colours every line on screen anew (what drawing would cost without the cache of coloured
 // lines); and what a frame allocates once warm.
-//
-// Allocations are counted by replacing the runtime's allocator (zu::allocateMemory and
-// zu::deleteMemory, which dm and zul use for all their memory) and operator new/delete in this
-// program: the executable's definitions take precedence over the shared libraries' own.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -19,54 +15,13 @@
 #include <string>
 #include <vector>
 
+#include "counting_allocator.h"
 #include "dm/console.h"
 #include "zu/file.h"
 #include "zu/memory.h"
 
-namespace {
-
-std::atomic<uint64_t> g_allocations{0};
-
-}  // namespace
-
-namespace zu {
-
-void* allocateMemory(size_t size, size_t alignment) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (alignment < kDefaultAlignment) {
-        alignment = kDefaultAlignment;
-    }
-    void* memory = nullptr;
-    if (posix_memalign(&memory, alignment, size == 0 ? 1 : size) != 0) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void deleteMemory(void* memory) {
-    std::free(memory);
-}
-
-}  // namespace zu
-
-// GCC takes the replaced pair for a mismatch once it inlines both into one function.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
+using bench_alloc::g_allocatedBytes;
+using bench_alloc::g_allocations;
 
 namespace {
 
@@ -192,28 +147,15 @@ void printComparison() {
     std::printf("%-32s %14.0f %21.2fx\n", "every line recoloured", all, 1.0);
 }
 
-// Makes sure the replaced allocator really sees the libraries' allocations, so that a count
-// of 0 means that nothing was allocated rather than that nothing was counted.
-bool allocationsAreCounted() {
-    const uint64_t atStart = g_allocations.load();
-    MeasuringShapeEngine engine;
-    dm::ScrollingTextWindow window(&engine, 0.0f);  // allocates inside libdm
-    return g_allocations.load() > atStart;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (!allocationsAreCounted()) {
-        std::fprintf(stderr, "console_render: allocations made by the library are not counted\n");
-        return 1;
+    MeasuringShapeEngine engine;
+    const bool counted = bench_alloc::seesAllocationsOf(
+        [&engine] { dm::ScrollingTextWindow window(&engine, 0.0f); });
+    const int result = bench_alloc::runBenchmarks("console_render", counted, argc, argv);
+    if (result == 0) {
+        printComparison();
     }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    printComparison();
-    return 0;
+    return result;
 }

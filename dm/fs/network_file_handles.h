@@ -1,6 +1,7 @@
 // The handles NetworkFileSystem gives out for open files and ongoing finds.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "fs/file_server_commands.h"
@@ -20,8 +21,11 @@ public:
 
     bool isRemote() const { return localHandle == nullptr; }
 
+    // The longest remote path a handle holds; longer ones are refused, never cut short.
+    static constexpr size_t kMaxPathLength = 255;
+
     NetworkFileSystem& owner;
-    zu::InplaceString<256> path;  // empty for a local file
+    zu::InplaceString<kMaxPathLength + 1> path;  // empty for a local file
     uint64_t position = 0;
     uint64_t size = 0;  // a remote file's size, as of opening or the last write
     zu::BaseFile::Mode mode;

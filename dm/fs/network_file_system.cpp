@@ -146,7 +146,7 @@ zu::FileHandle* NetworkFileSystem::openFile(const char* path, zu::BaseFile::Mode
         return local != nullptr ? zu::newObject<NetworkFileHandle>(*this, "", mode, local)
                                 : nullptr;
     }
-    if (holdsQuote(path)) {
+    if (holdsQuote(path) || std::strlen(path) > NetworkFileHandle::kMaxPathLength) {
         return nullptr;
     }
     if (mode == zu::BaseFile::ModeRead && !fileExists(path)) {

@@ -315,30 +315,46 @@ struct Colouring : RenderingTest {
     }
 };
 
-TEST_F(Colouring, ColoursEachTokenByItsKind) {
+TEST_F(Colouring, ColoursEachTokenByItsKindAliasesFirstThenNumbersThenKnownWords) {
     defineAlias("set");
     EXPECT_EQ(coloured("set x \"a b\" 0x1f 2.5"),
               "set=5| =0|x=0| =0|\"a b\"=1| =0|0x1f=2| =0|2.5=2");
     EXPECT_EQ(coloured("- + -3 x"), "-=4| =0|+=4| =0|-3=2| =0|x=0");
     EXPECT_EQ(coloured("0XAB 0xFF 0x"), "0XAB=0| =0|0xFF=0| =0|0x=0") << "not numbers but words";
     EXPECT_EQ(coloured("a;b"), "a=0|;=4|b=0");
-}
 
-TEST_F(Colouring, NumbersComeBeforeWords) {
     window.addKnownWord("fee", false);
     EXPECT_EQ(coloured(". fee e2 f 12ab"), ".=2| =0|fee=2| =0|e2=2| =0|f=2| =0|12ab=0");
-}
 
-TEST_F(Colouring, AliasesComeBeforeKnownWords) {
     window.addKnownWord("both", false);
     window.addKnownWord("KNOWN", false);
     defineAlias("both");
     EXPECT_EQ(coloured("both Known other"), "both=5| =0|Known=3| =0|other=0");
-}
 
-TEST_F(Colouring, AnUnclosedQuoteIsPunctuation) {
+    // An unclosed quote is punctuation.
     EXPECT_EQ(coloured("\"abc def"), "\"=4|abc=0| =0|def=0");
     EXPECT_EQ(coloured("say \"hi; there\";"), "say=0| =0|\"hi; there\"=1|;=4");
+}
+
+TEST_F(Colouring, HostileBytesAreDrawnAsTheyCameWithoutLoss) {
+    std::string line;
+    for (int c = 1; c < 256; ++c) {
+        if (c != '\n') {
+            line += static_cast<char>(c);
+        }
+    }
+    line += std::string(300, '"') + "0x" + std::string(300, '-') + "\"";
+    window.print("%s\n", line.c_str());
+    // Wrapped over several rows, every run in a colour of the palette.
+    std::string drawn;
+    for (const auto& row : frame()) {
+        for (const auto& run : row) {
+            EXPECT_NE(entryOf(run.color), -1);
+            drawn += run.text == "\n" ? "" : run.text;
+        }
+    }
+    EXPECT_NE(drawn.find("0x" + std::string(90, '-')), std::string::npos);
+    EXPECT_NE(drawn.find("{|}~"), std::string::npos);
 }
 
 TEST_F(Colouring, AnEmptyLineDrawsOnlyItsLineFeed) {

@@ -14,19 +14,7 @@
 namespace dmtest {
 
 namespace vk {
-constexpr int Backspace = 8;
-constexpr int Tab = 9;
-constexpr int Escape = 27;
-constexpr int Space = 32;
-constexpr int PageUp = 33;
-constexpr int PageDown = 34;
-constexpr int End = 35;
-constexpr int Home = 36;
-constexpr int Left = 37;
-constexpr int Up = 38;
-constexpr int Right = 39;
-constexpr int Down = 40;
-constexpr int Delete = 46;
+using namespace dm::console_key;
 constexpr int Punctuation = 0xBA;  // one of the keys that carry punctuation
 }  // namespace vk
 

@@ -125,6 +125,30 @@ TEST_F(FileServerRefusalTest, AClientThatLeavesMidTransferLeavesTheServerServing
     EXPECT_EQ(reader.wait(), 0);
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// (Sanitizers reserve more address space than the limit allows, so this runs in plain builds.)
+TEST(FileServerMemoryTest, AReadTooLargeForTheServersMemoryIsRefusedAndServingGoesOn) {
+    dmtest::TempDir host;
+    dmtest::writeFile(host.file("hello.txt"), "hello");
+    dmtest::writeFile(host.file("sparse.bin"), "");
+    ASSERT_EQ(truncate(host.file("sparse.bin").c_str(), 400 << 20), 0);
+    std::unique_ptr<dmtest::ChildProcess> server;
+    const int port = fstest::startServer(server, "/usr/bin/prlimit",
+                                         {"--as=" + std::to_string(256 << 20), DM_FILESERVER_TOOL,
+                                          "--port", "0", "--map", "data/=" + host.path()});
+    ASSERT_NE(port, 0);
+    GameSide game(port);
+    ASSERT_TRUE(game.connected);
+    char answer[64];
+    uint32_t received = 0;
+    const zu::InplaceString<128> reply = game.pipe->sendRequest(
+        "read 0 400000000 \"data/sparse.bin\"", 0, answer, sizeof answer, &received, nullptr, 0);
+    EXPECT_FALSE(reply.equalsIgnoreCase("true"));
+    EXPECT_EQ(received, 0u);
+    EXPECT_TRUE(game.fileSystem->fileExists("data/hello.txt"));
+}
+#endif
+
 TEST(FileServerReadOnlyTest, ARead_onlyServerChangesNothing) {
     dmtest::TempDir host;
     dmtest::writeFile(host.file("hello.txt"), "hello");

@@ -171,6 +171,14 @@ TEST_F(NetworkFileSystemTest, WritesReadBackAndWritingAnewTruncates) {
     EXPECT_EQ(readWhole("data/save.bin"), "short");
     EXPECT_EQ(dmtest::readFile(host.file("assets/save.bin")), "short");
 
+    // A remote path too long for a handle is refused, not cut short to name another file.
+    const std::string folder(120, 'd');
+    ASSERT_EQ(mkdir(host.file("assets/" + folder).c_str(), 0755), 0);
+    const std::string longPath = "data/" + folder + "/" + std::string(200, 'f');
+    EXPECT_FALSE(writeWhole(longPath.c_str(), "cut"));
+    EXPECT_EQ(fs().openFile(longPath.c_str(), zu::BaseFile::ModeRead), nullptr);
+    EXPECT_TRUE(findAll(("data/" + folder + "/*").c_str()).empty());
+
     // Local files are written through the local file system.
     ASSERT_TRUE(writeWhole(local.file("save.bin").c_str(), "mine"));
     EXPECT_EQ(dmtest::readFile(local.file("save.bin")), "mine");

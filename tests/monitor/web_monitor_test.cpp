@@ -100,6 +100,33 @@ TEST(EventHub, APageOpenedLateGetsTheBoundedStateSoFar) {
     EXPECT_EQ(profiles.back()["threads"][0]["id"], "7");
 }
 
+TEST(EventHub, LongLinesAndValuesAreKeptWithinAByteBound) {
+    EventHub hub("127.0.0.1", 1234);
+    // Control bytes grow sixfold as JSON: full packets of them must not pile up gigabytes.
+    const std::string packetOfControlBytes(200 * 1024, '\x01');
+    for (int i = 0; i < 8; ++i) {
+        hub.textLine(0, packetOfControlBytes);
+    }
+    for (int i = 0; i < 8; ++i) {
+        hub.inPlace(0, "value " + std::to_string(i), "7 " + packetOfControlBytes);
+    }
+    auto page = hub.openPage();
+    ASSERT_TRUE(page);
+    size_t lineBytes = 0;
+    size_t valueBytes = 0;
+    for (const json& event : takeAll(hub, *page)) {
+        if (event["type"] == "text") {
+            lineBytes += event.dump().size();
+        } else if (event["type"] == "inplace") {
+            valueBytes += event.dump().size();
+            EXPECT_EQ(event["history"], json::array({7.0}));
+        }
+    }
+    EXPECT_GT(lineBytes, 0u);
+    EXPECT_LE(lineBytes, EventHub::kMaxLineBytes);
+    EXPECT_LE(valueBytes, 8 * (InPlaceStore::kMaxTextBytes * 6 + 1024));
+}
+
 TEST(EventHub, PagesGetEachEventOnceAndAPageTooFarBehindStartsOver) {
     constexpr size_t kMaxPending = 64 * 1024;
     EventHub hub("localhost", 1, kMaxPending);

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "dm/console.h"
+
 namespace dmconsole {
 
 struct Keystroke {
@@ -18,21 +20,7 @@ struct Keystroke {
 bool operator==(const Keystroke& a, const Keystroke& b);
 
 namespace vk {
-constexpr int Backspace = 8;
-constexpr int Tab = 9;
-constexpr int Enter = 13;
-constexpr int Escape = 27;
-constexpr int Space = 32;
-constexpr int PageUp = 33;
-constexpr int PageDown = 34;
-constexpr int End = 35;
-constexpr int Home = 36;
-constexpr int Left = 37;
-constexpr int Up = 38;
-constexpr int Right = 39;
-constexpr int Down = 40;
-constexpr int Insert = 45;
-constexpr int Delete = 46;
+using namespace dm::console_key;
 constexpr int Console = 220;  // the key under Escape that opens and closes the console
 // Not a key: the terminal asked to end the program (Control+C, Control+D).
 constexpr int Quit = -1;

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "zu/file_system.h"
 
@@ -227,7 +228,13 @@ Answer CommandHandler::read(Arguments& arguments) {
     long long wanted = count < available ? count : available;
     wanted = wanted < kMaxReadBytes ? wanted : kMaxReadBytes;
     if (m_readBuffer.size() < static_cast<size_t>(wanted)) {
-        m_readBuffer.resize(static_cast<size_t>(wanted));
+        // A read larger than the memory the server can get is refused; serving goes on.
+        try {
+            m_readBuffer.resize(static_cast<size_t>(wanted));
+        } catch (const std::bad_alloc&) {
+            std::vector<char>().swap(m_readBuffer);
+            return answerYesNo(false);
+        }
     }
     size_t done = 0;
     while (done < static_cast<size_t>(wanted)) {

@@ -174,8 +174,10 @@ void EventHub::publish(std::string event) {
 }
 
 void EventHub::keepLine(std::string event) {
+    m_lineBytes += event.size();
     m_lines.push_back(event);
-    if (m_lines.size() > kMaxLines) {
+    while (m_lines.size() > kMaxLines || (m_lineBytes > kMaxLineBytes && m_lines.size() > 1)) {
+        m_lineBytes -= m_lines.front().size();
         m_lines.pop_front();
     }
     publish(std::move(event));

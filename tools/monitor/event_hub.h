@@ -3,8 +3,8 @@
 // page; a page that opens later first gets the state so far: the newest text lines, the
 // in-place values with their recent history, the latest profile snapshots and the link state.
 //
-// Memory stays bounded however long the game runs: the hub keeps kMaxLines lines,
-// kMaxProfiles snapshots and InPlaceStore's names, and a page that falls more than
+// Memory stays bounded however long the game runs: the hub keeps kMaxLines lines (kMaxLineBytes at
+// most), kMaxProfiles snapshots and InPlaceStore's names, and a page that falls more than
 // kMaxPendingBytes behind loses its queue and starts again from the state so far.
 #pragma once
 
@@ -24,6 +24,7 @@ namespace dm_tools {
 class EventHub : public GameLinkListener {
 public:
     static constexpr size_t kMaxLines = 2000;
+    static constexpr size_t kMaxLineBytes = 4 * 1024 * 1024;  // of the kept lines, as JSON
     static constexpr size_t kMaxProfiles = 16;
     static constexpr size_t kMaxProfileBytes = 16 * 1024 * 1024;
     static constexpr size_t kMaxPendingBytes = 8 * 1024 * 1024;
@@ -86,6 +87,7 @@ private:
     LinkState m_state = LinkState::Connecting;
     uint64_t m_connects = 0;
     std::deque<std::string> m_lines;  // text events, newest last
+    size_t m_lineBytes = 0;
     std::deque<std::string> m_profiles;
     size_t m_profileBytes = 0;
     InPlaceStore m_inPlace;

@@ -15,6 +15,8 @@ namespace {
 constexpr int kPacketsPerBatch = 1000;
 using Clock = std::chrono::steady_clock;
 
+}  // namespace
+
 short pollEventsOf(const zu::WaitHandle& handle) {
     switch (handle.kind) {
         case zu::WaitHandle::SocketRead:
@@ -27,8 +29,6 @@ short pollEventsOf(const zu::WaitHandle& handle) {
             return 0;
     }
 }
-
-}  // namespace
 
 bool connectToGame(net::Socket& socket, const std::string& host, uint32_t port,
                    std::chrono::milliseconds timeout, const std::atomic<bool>* stop) {

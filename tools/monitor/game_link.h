@@ -16,6 +16,9 @@
 namespace net {
 class Socket;
 }
+namespace zu {
+struct WaitHandle;
+}
 
 namespace dm_tools {
 
@@ -25,6 +28,9 @@ constexpr std::chrono::milliseconds kConnectTimeout{5000};
 // when connected.
 bool connectToGame(net::Socket& socket, const std::string& host, uint32_t port,
                    std::chrono::milliseconds timeout, const std::atomic<bool>* stop = nullptr);
+
+// The poll() events that a socket's wait handle asks for.
+short pollEventsOf(const zu::WaitHandle& handle);
 
 enum class LinkState { Connecting, Connected, Lost };
 

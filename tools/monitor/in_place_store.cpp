@@ -17,7 +17,7 @@ const InPlaceEntry& InPlaceStore::set(int group, const std::string& name, const 
         m_byAge.erase(found->second.lastUpdate);
     }
     InPlaceEntry& entry = found->second;
-    entry.text = text;
+    entry.text = text.substr(0, kMaxTextBytes);
     entry.lastUpdate = ++m_updates;
     m_byAge.emplace(entry.lastUpdate, std::move(key));
     double number = 0;

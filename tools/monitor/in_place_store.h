@@ -29,11 +29,13 @@ class InPlaceStore {
 public:
     static constexpr size_t kMaxNames = 1024;
     static constexpr size_t kMaxNameBytes = 255;
+    static constexpr size_t kMaxTextBytes = 4096;
     static constexpr size_t kHistoryLength = 120;
 
     explicit InPlaceStore(size_t maxNames = kMaxNames) : m_maxNames(maxNames) {}
 
-    // Sets a value; long names are cut to kMaxNameBytes. Returns the stored entry.
+    // Sets a value; long names are cut to kMaxNameBytes, long texts to kMaxTextBytes. Returns the
+    // stored entry.
     const InPlaceEntry& set(int group, const std::string& name, const std::string& text);
 
     const std::map<InPlaceKey, InPlaceEntry>& entries() const { return m_entries; }

@@ -241,19 +241,6 @@ CommandResult runCommand(const std::string& line, net::Socket& socket) {
     return CommandResult::Done;
 }
 
-short pollEventsOf(const zu::WaitHandle& handle) {
-    switch (handle.kind) {
-        case zu::WaitHandle::SocketRead:
-            return POLLIN;
-        case zu::WaitHandle::SocketWrite:
-            return POLLOUT;
-        case zu::WaitHandle::SocketReadWrite:
-            return POLLIN | POLLOUT;
-        default:
-            return 0;
-    }
-}
-
 // Lines typed on standard input, read without blocking the packet loop.
 class InputLines {
 public:

@@ -202,6 +202,26 @@ struct BoundedLineStore {
 
 class InputLine;
 
+// The Windows virtual-key codes of the keys the console's command line and window handle
+// (ScrollingTextWindow::appendInput); letters and digits are their upper-case ASCII codes.
+namespace console_key {
+constexpr int Backspace = 8;
+constexpr int Tab = 9;
+constexpr int Enter = 13;
+constexpr int Escape = 27;
+constexpr int Space = 32;
+constexpr int PageUp = 33;
+constexpr int PageDown = 34;
+constexpr int End = 35;
+constexpr int Home = 36;
+constexpr int Left = 37;
+constexpr int Up = 38;
+constexpr int Right = 39;
+constexpr int Down = 40;
+constexpr int Insert = 45;
+constexpr int Delete = 46;
+}  // namespace console_key
+
 // The console's text pane: a bounded history of printed lines (1000), a scroll position, the
 // command line under it and the geometry and colours it is drawn with. Printing may come from
 // any thread; scroll, scrollBottom, clear, setWindowSize, dumpToFile, save and load take the
@@ -313,8 +333,8 @@ public:
     // character at which the running width reaches `width`.
     int32_t getCharacterFitCount(const zu::String& text, float width) const;
 
-    // The command line. Keys are Windows virtual-key codes; `character` is what the key typed
-    // (0 for none).
+    // The command line. Keys are Windows virtual-key codes (see console_key); `character` is
+    // what the key typed (0 for none).
 
     // Handles one key: Tab completes (Shift+Tab backwards, Alt+Tab nothing), Page Up/Down
     // scroll the text by a page, Control+Home/End to the oldest/newest line, Up/Down browse the
