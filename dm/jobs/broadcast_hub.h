@@ -13,6 +13,8 @@
 //    callback touches a manager that is being destroyed.
 #pragma once
 
+#include <atomic>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -51,6 +53,7 @@ public:
     void connect(Server* server);
     void broadcastNotify(const char* pipeName, const char* text);
     void waitOnProccesses();
+    bool hasSeenRefcountHolders() const { return m_refcountSeen.load(); }
     size_t memberCount() const;
     CommunicationPipeManager* member(uint32_t id) const;
 
@@ -130,7 +133,7 @@ private:
     CommunicationPipeManager* m_mainManager = nullptr;  // set by attach
     const zu::InplaceString<128> m_name;
     const zu::InplaceString<128> m_refcountName;
-    bool m_refcountSeen = false;
+    std::atomic<bool> m_refcountSeen{false};  // written by the waiting thread, read by any
     bool m_waitEnabled = true;
 
     mutable zu::Mutex m_lock;  // guards m_members and m_pipeNames; see the file comment

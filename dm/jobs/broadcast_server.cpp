@@ -32,6 +32,10 @@ void BroadcastServer::waitOnProccesses() {
     m_hub->waitOnProccesses();
 }
 
+bool BroadcastServer::hasSeenRefcountHolders() const {
+    return m_hub->hasSeenRefcountHolders();
+}
+
 size_t BroadcastServer::getMemberCount() const {
     return m_hub->memberCount();
 }

@@ -91,6 +91,11 @@ TEST(BroadcastServer, WaitOnProcessesReturnsOnceTheHoldersHaveComeAndGone) {
         hub.waitOnProccesses();
         returned = true;
     });
+    // Holders that left before the hub looked would never be seen: let it look first.
+    if (!dmtest::waitUntil([&] { return hub.hasSeenRefcountHolders(); })) {
+        std::fprintf(stderr, "FATAL: waitOnProccesses never saw the holders\n");
+        std::_Exit(EXIT_FAILURE);  // the waiting thread cannot be stopped
+    }
     first.closeInput();
     EXPECT_EQ(first.wait(), 0);
     EXPECT_FALSE(returned.load());  // the second one still holds it

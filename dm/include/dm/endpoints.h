@@ -132,6 +132,9 @@ public:
     // Returns once processes holding the named mutex "<name>_refcount" have been seen and have
     // all gone; checks every 33 ms, without a time-out.
     void waitOnProccesses();
+    // True once waitOnProccesses has seen the mutex "<name>_refcount" held: from then on it
+    // returns as soon as the holders have all gone.
+    bool hasSeenRefcountHolders() const;
 
     // Members so far, and the manager of member `id` (null when there is none).
     size_t getMemberCount() const;
