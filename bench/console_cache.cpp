@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "console/bounded_line_store.h"
 #include "dm/console.h"
 #include "zu/file.h"
 

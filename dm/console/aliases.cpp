@@ -4,6 +4,7 @@
 // The word lists are local to each call and each level of nesting: parsing allocates a little
 // per command line, and in return it may run for several windows and threads at once.
 #include "console/input_line.h"
+#include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
 
 namespace dm {
@@ -22,15 +23,15 @@ void throwIllegalAlias(const char* format, const zu::String& name) {
 }  // namespace
 
 void ScrollingTextWindow::parseCommandLine(ConsoleWordList& words, bool addToStack) {
-    if (inputLine->getText().empty()) {
+    if (state->inputLine->getText().empty()) {
         return;
     }
     if (addToStack) {
-        addToCommandStack(zu::InplaceString<128>(inputLine->getText()));
+        addToCommandStack(zu::InplaceString<128>(state->inputLine->getText()));
     }
     ConsoleWordList typed;
-    tokenizeLine(typed, inputLine->getText());
-    inputLine->setText("", false);
+    tokenizeLine(typed, state->inputLine->getText());
+    state->inputLine->setText("", false);
     resolveAliases(words, typed);
 }
 
@@ -39,8 +40,8 @@ void ScrollingTextWindow::parseCommandLine(ConsoleWordList& words, bool addToSta
 const zu::InplaceString<256>* ScrollingTextWindow::findAlias(const zu::String& word) const {
     zu::InplaceString<256> name(word);
     name.toLower();
-    const AliasMap::const_iterator found = aliases.find(name);
-    return found != aliases.end() ? &found->second : nullptr;
+    const AliasMap::const_iterator found = state->aliases.find(name);
+    return found != state->aliases.end() ? &found->second : nullptr;
 }
 
 // Depth first: each alias's words are expanded completely, in place of its name, before the

@@ -5,6 +5,7 @@
 // or before the cursor) and proposes the word equal to it, or else the first matching word;
 // further Tabs cycle through the matching words in alphabetical order, Shift+Tab backwards.
 #include "console/input_line.h"
+#include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
 
 namespace dm {
@@ -21,41 +22,41 @@ void ScrollingTextWindow::addKnownWord(const char* word, bool isFunction) {
     zu::InplaceString<256> key(word != nullptr ? word : "");
     key.toLower();
     // An existing entry keeps its flag: emplace does not replace.
-    knownWords.emplace(key, isFunction);
+    state->knownWords.emplace(key, isFunction);
 }
 
 void ScrollingTextWindow::removeKnownWord(const char* word) {
     const KnownWordMap::iterator found =
-        knownWords.find(zu::InplaceString<256>(word != nullptr ? word : ""));
-    if (found == knownWords.end()) {
+        state->knownWords.find(zu::InplaceString<256>(word != nullptr ? word : ""));
+    if (found == state->knownWords.end()) {
         return;
     }
-    knownWords.erase(found);
+    state->knownWords.erase(found);
     // The cycle may have stood on it; the next Tab starts afresh.
-    completionIterator = knownWords.end();
+    state->completionIterator = state->knownWords.end();
 }
 
 void ScrollingTextWindow::removeAllKnownWords() {
-    knownWords.clear();
-    completionIterator = knownWords.end();
+    state->knownWords.clear();
+    state->completionIterator = state->knownWords.end();
 }
 
 void ScrollingTextWindow::completeCommand(bool forward, bool restart) {
-    if (knownWords.empty()) {
+    if (state->knownWords.empty()) {
         return;
     }
     if (restart) {
         startCompletion(forward);
-    } else if (completionIterator != knownWords.end()) {
+    } else if (state->completionIterator != state->knownWords.end()) {
         continueCompletion(forward);
     }
     applyCompletion();
 }
 
 void ScrollingTextWindow::startCompletion(bool forward) {
-    const zu::String& text = inputLine->getText();
+    const zu::String& text = state->inputLine->getText();
     const int32_t length = static_cast<int32_t>(text.length());
-    const int32_t cursor = inputLine->getCursor();
+    const int32_t cursor = state->inputLine->getCursor();
     int32_t split = -1;
     for (int32_t i = cursor < length ? cursor : length - 1; i >= 0; --i) {
         if (text[static_cast<size_t>(i)] == ' ' || text[static_cast<size_t>(i)] == '>') {
@@ -65,68 +66,73 @@ void ScrollingTextWindow::startCompletion(bool forward) {
     }
     // Everything after the split point is the fragment, also what lies behind the cursor.
     const size_t fragmentStart = static_cast<size_t>(split + 1);
-    completionPrefix.assign(text.c_str() + fragmentStart, text.length() - fragmentStart);
-    completionPrefix.toLower();
-    completionHead.assign(text.c_str(), fragmentStart);
+    state->completionPrefix.assign(text.c_str() + fragmentStart, text.length() - fragmentStart);
+    state->completionPrefix.toLower();
+    state->completionHead.assign(text.c_str(), fragmentStart);
 
-    completionIterator = knownWords.find(completionPrefix);
-    if (completionIterator != knownWords.end()) {
+    state->completionIterator = state->knownWords.find(state->completionPrefix);
+    if (state->completionIterator != state->knownWords.end()) {
         return;
     }
     if (forward) {
-        completionIterator = knownWords.begin();
-        while (completionIterator != knownWords.end() && !completionMatches(completionIterator)) {
-            ++completionIterator;
+        state->completionIterator = state->knownWords.begin();
+        while (state->completionIterator != state->knownWords.end() &&
+               !completionMatches(state->completionIterator)) {
+            ++state->completionIterator;
         }
         return;
     }
-    for (KnownWordMap::iterator word = knownWords.end(); word != knownWords.begin();) {
+    for (KnownWordMap::iterator word = state->knownWords.end();
+         word != state->knownWords.begin();) {
         --word;
         if (completionMatches(word)) {
-            completionIterator = word;
+            state->completionIterator = word;
             return;
         }
     }
-    completionIterator = knownWords.end();
+    state->completionIterator = state->knownWords.end();
 }
 
 // Steps to the next (or previous) matching word, wrapping around; with a single match it comes
 // back to where it started.
 void ScrollingTextWindow::continueCompletion(bool forward) {
-    const KnownWordMap::iterator start = completionIterator;
+    const KnownWordMap::iterator start = state->completionIterator;
     do {
         if (forward) {
-            ++completionIterator;
-            if (completionIterator == knownWords.end()) {
-                completionIterator = knownWords.begin();
+            ++state->completionIterator;
+            if (state->completionIterator == state->knownWords.end()) {
+                state->completionIterator = state->knownWords.begin();
             }
         } else {
-            if (completionIterator == knownWords.begin()) {
-                completionIterator = knownWords.end();
+            if (state->completionIterator == state->knownWords.begin()) {
+                state->completionIterator = state->knownWords.end();
             }
-            --completionIterator;
+            --state->completionIterator;
         }
-    } while (!completionMatches(completionIterator) && completionIterator != start);
+    } while (!completionMatches(state->completionIterator) && state->completionIterator != start);
 }
 
 bool ScrollingTextWindow::completionMatches(KnownWordMap::const_iterator word) const {
-    return completionPrefix.empty() || word->first.find(completionPrefix.c_str()) >= 0;
+    return state->completionPrefix.empty() ||
+           word->first.find(state->completionPrefix.c_str()) >= 0;
 }
 
 // Replaces the fragment, and whatever followed it on the line, with the proposed word.
 void ScrollingTextWindow::applyCompletion() {
-    if (completionIterator == knownWords.end() || !completionMatches(completionIterator)) {
+    if (state->completionIterator == state->knownWords.end() ||
+        !completionMatches(state->completionIterator)) {
         return;
     }
-    zu::InplaceString<128> completed(completionHead);
-    completed.append(completionIterator->first);
-    if (!completionIterator->second) {
-        inputLine->setText(completed.c_str(), true);
+    zu::InplaceString<128> completed(state->completionHead);
+    completed.append(state->completionIterator->first);
+    if (!state->completionIterator->second) {
+        state->inputLine->setText(completed.c_str(), true);
         return;
     }
     completed.append(kArgumentList);
-    inputLine->setText(completed.c_str(), true);
-    inputLine->setCursor(static_cast<int32_t>(completed.length()) - kCursorBackIntoArguments);
+    state->inputLine->setText(completed.c_str(), true);
+    state->inputLine->setCursor(static_cast<int32_t>(completed.length()) -
+                                kCursorBackIntoArguments);
 }
 
 }  // namespace dm

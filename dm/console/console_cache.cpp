@@ -18,6 +18,7 @@
 // only a file read whole and found sound replaces the window's lines and history.
 #include <cstdarg>
 
+#include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
 #include "zu/file.h"
 #include "zu/file_stream.h"
@@ -134,19 +135,20 @@ void ScrollingTextWindow::load() {
         readLineStore(stream, loadedLines, "console line");
         readLineStore(stream, loadedCommands, "command");
     }
-    zu::ScopedLock lock(mutex);
-    consoleLines.lines.swap(loadedLines.lines);
-    consoleLines.maxLines = loadedLines.maxLines;
-    consoleLines.lineCounter = loadedLines.lineCounter;
-    commandStack.lines.swap(loadedCommands.lines);
-    commandStack.maxLines = loadedCommands.maxLines;
-    commandStack.lineCounter = loadedCommands.lineCounter;
-    commandStackIndex = -1;
-    scrollOffset = 0;
+    zu::ScopedLock lock(state->mutex);
+    state->consoleLines.lines.swap(loadedLines.lines);
+    state->consoleLines.maxLines = loadedLines.maxLines;
+    state->consoleLines.lineCounter = loadedLines.lineCounter;
+    state->commandStack.lines.swap(loadedCommands.lines);
+    state->commandStack.maxLines = loadedCommands.maxLines;
+    state->commandStack.lineCounter = loadedCommands.lineCounter;
+    state->commandStackIndex = -1;
+    state->scrollOffset = 0;
     // Every line on screen is new: the next frame colours them all.
     emptyFormattedLines();
-    cachedViewLine = static_cast<int32_t>(static_cast<uint32_t>(viewLine) +
-                                          static_cast<uint32_t>(formattedLines.lines.size()));
+    state->cachedViewLine =
+        static_cast<int32_t>(static_cast<uint32_t>(state->viewLine) +
+                             static_cast<uint32_t>(state->formattedLines.lines.size()));
 }
 
 // Copies the stores under the lock and writes the copy without it: printing threads wait for a
@@ -157,16 +159,16 @@ void ScrollingTextWindow::save() {
     BoundedLineStore<ConsoleLine> lines;
     BoundedLineStore<zu::InplaceString<256>> commands;
     {
-        zu::ScopedLock lock(mutex);
-        if (!cacheDirty) {
+        zu::ScopedLock lock(state->mutex);
+        if (!state->cacheDirty) {
             return;
         }
-        cacheDirty = false;
+        state->cacheDirty = false;
         if (zu::File::isFileSystemReadOnly()) {
             return;
         }
-        lines = consoleLines;
-        commands = commandStack;
+        lines = state->consoleLines;
+        commands = state->commandStack;
     }
     const zu::InplaceString<256> temporaryPath = temporaryCacheFilePath();
     zu::FileSystem& fileSystem = zu::getFileSystem();
@@ -178,8 +180,8 @@ void ScrollingTextWindow::save() {
         return;
     } catch (...) {
         fileSystem.deleteFile(temporaryPath.c_str());
-        zu::ScopedLock lock(mutex);
-        cacheDirty = true;
+        zu::ScopedLock lock(state->mutex);
+        state->cacheDirty = true;
         throw;
     }
     if (!fileSystem.moveFile(temporaryPath.c_str(), cacheFilePath().c_str(), true)) {

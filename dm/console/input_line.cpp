@@ -2,6 +2,7 @@
 // history of entered commands.
 #include "console/input_line.h"
 
+#include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
 
 namespace dm {
@@ -91,16 +92,16 @@ void InputLine::clampCursor() {
 
 void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool control, bool shift) {
     // Shift never starts a new run of presses, so Shift+Tab continues the Tab cycle.
-    if (key != lastKey && !shift) {
-        keyRepeatCount = 1;
-        lastKey = key;
+    if (key != state->lastKey && !shift) {
+        state->keyRepeatCount = 1;
+        state->lastKey = key;
     } else {
-        ++keyRepeatCount;
+        ++state->keyRepeatCount;
     }
     switch (key) {
         case KeyTab:
             if (!alt) {
-                completeCommand(!shift, keyRepeatCount == 1);
+                completeCommand(!shift, state->keyRepeatCount == 1);
             }
             break;
         case KeyPageUp:
@@ -113,11 +114,11 @@ void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool co
         case InputLine::KeyHome:
             if (control) {
                 // The count under the lock: printing threads add lines meanwhile.
-                zu::ScopedLock lock(mutex);
+                zu::ScopedLock lock(state->mutex);
                 const int64_t storedLines = static_cast<int64_t>(getConsoleLineCount());
                 scrollView(key == InputLine::KeyEnd ? -storedLines : storedLines);
             } else {
-                inputLine->handleKey(key, character, true);
+                state->inputLine->handleKey(key, character, true);
             }
             break;
         case KeyUp:
@@ -129,7 +130,7 @@ void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool co
             }
             break;
         default:
-            inputLine->handleKey(key, character, true);
+            state->inputLine->handleKey(key, character, true);
             break;
     }
 }
@@ -138,44 +139,44 @@ void ScrollingTextWindow::scrollView(int64_t lines) {
     constexpr int64_t kIntMax = 0x7fffffff;
     const int64_t clamped = lines < -kIntMax ? -kIntMax : (lines > kIntMax ? kIntMax : lines);
     // Under the lock, since printing threads move viewLine too.
-    zu::ScopedLock lock(mutex);
+    zu::ScopedLock lock(state->mutex);
     moveViewLine(scroll(static_cast<int>(clamped)));
 }
 
 const zu::String& ScrollingTextWindow::getText() const {
-    return inputLine->getText();
+    return state->inputLine->getText();
 }
 
 void ScrollingTextWindow::setText(const zu::String& text) {
-    inputLine->setText(text.c_str(), true);
+    state->inputLine->setText(text.c_str(), true);
 }
 
 void ScrollingTextWindow::appendText(const zu::String& text) {
-    inputLine->appendText(text);
+    state->inputLine->appendText(text);
 }
 
 void ScrollingTextWindow::addToCommandStack(const zu::InplaceString<128>& command) {
-    zu::ScopedLock lock(mutex);
-    commandStack.add(command);
-    cacheDirty = true;
-    commandStackIndex = -1;
+    zu::ScopedLock lock(state->mutex);
+    state->commandStack.add(command);
+    state->cacheDirty = true;
+    state->commandStackIndex = -1;
 }
 
 // Up from rest shows the newest command, Down from rest the oldest; both wrap.
 void ScrollingTextWindow::scrollCommands(int delta) {
-    const int64_t entries = static_cast<int64_t>(commandStack.count());
+    const int64_t entries = static_cast<int64_t>(state->commandStack.count());
     if (entries == 0) {
         return;
     }
-    int64_t index = static_cast<int64_t>(commandStackIndex) + delta;
+    int64_t index = static_cast<int64_t>(state->commandStackIndex) + delta;
     if (index >= entries) {
         index = 0;
     }
     if (index < 0) {
         index = entries - 1;
     }
-    commandStackIndex = static_cast<int32_t>(index);
-    inputLine->setText(commandStack.line(static_cast<uint64_t>(index)).c_str(), true);
+    state->commandStackIndex = static_cast<int32_t>(index);
+    state->inputLine->setText(state->commandStack.line(static_cast<uint64_t>(index)).c_str(), true);
 }
 
 }  // namespace dm

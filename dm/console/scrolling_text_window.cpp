@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "console/input_line.h"
+#include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
 
 namespace dm {
@@ -51,59 +52,109 @@ ScrollingTextWindow::ScrollingTextWindow(ShapeEngineInterface* engine, float mar
     if (engine == nullptr) {
         throw ScrollingTextWindowException("ScrollingTextWindow: %s", "no shape engine given");
     }
+    state = zu::newObject<ScrollingTextWindowState>();
     initializeMembers();
-    shapeEngine = engine;
-    consoleLines.maxLines = kMaxConsoleLines;
-    commandStack.maxLines = kMaxCommands;
+    state->shapeEngine = engine;
+    state->consoleLines.maxLines = kMaxConsoleLines;
+    state->commandStack.maxLines = kMaxCommands;
     for (size_t i = 0; i < 6; ++i) {
-        colors[i] = kPalette[i];
+        state->colors[i] = kPalette[i];
     }
-    shapeEngine->setTextSize(kTextSize);
-    const float lineHeight = shapeEngine->getLineHeight();
-    windowPosition = {margin, margin};
+    state->shapeEngine->setTextSize(kTextSize);
+    const float lineHeight = state->shapeEngine->getLineHeight();
+    state->windowPosition = {margin, margin};
     setWindowSize({1.0f - 2.0f * margin, 1.0f - (lineHeight + 2.0f * margin)});
     // The command line sits on the last text line above the bottom margin, under the window.
-    commandLinePosition = {margin, 1.0f - (lineHeight + margin)};
-    commandLineWidth = 1.0f - 2.0f * margin;
-    inputLine = zu::newObject<InputLine>();
+    state->commandLinePosition = {margin, 1.0f - (lineHeight + margin)};
+    state->commandLineWidth = 1.0f - 2.0f * margin;
+    state->inputLine = zu::newObject<InputLine>();
     // The lines and history of the previous run replace the empty stores; a cache that cannot
     // be loaded leaves them empty and does not fail the construction.
     loadCacheOrKeepDefaults();
 }
 
 ScrollingTextWindow::~ScrollingTextWindow() {
-    zu::deleteObject(inputLine);
+    zu::deleteObject(state->inputLine);
+    zu::deleteObject(state);
+}
+
+void ScrollingTextWindow::setWindowPosition(const m::Vector2Template<float>& position) {
+    state->windowPosition = position;
+}
+
+void ScrollingTextWindow::setCommandLinePosition(const m::Vector2Template<float>& position) {
+    state->commandLinePosition = position;
+}
+
+void ScrollingTextWindow::setCommandLineWidth(float width) {
+    state->commandLineWidth = width;
+}
+
+void ScrollingTextWindow::setVisibility(bool isVisible) {
+    state->visible = isVisible;
+}
+
+const m::Vector2Template<float>& ScrollingTextWindow::getWindowSize() const {
+    return state->windowSize;
+}
+
+const m::Vector2Template<float>& ScrollingTextWindow::getWindowPosition() const {
+    return state->windowPosition;
+}
+
+const m::Vector2Template<float>& ScrollingTextWindow::getCommandLinePosition() const {
+    return state->commandLinePosition;
+}
+
+const m::Vector2Template<float>& ScrollingTextWindow::getTextAreaSize() const {
+    return state->textAreaSize;
+}
+
+float ScrollingTextWindow::getCommandLineWidth() const {
+    return state->commandLineWidth;
+}
+
+const g::Color& ScrollingTextWindow::getPaletteColor(PaletteEntry entry) const {
+    return state->colors[entry];
+}
+
+const ScrollingTextWindow::AliasMap& ScrollingTextWindow::getAliasesMap() const {
+    return state->aliases;
+}
+
+ScrollingTextWindow::AliasMap& ScrollingTextWindow::accessAliasesMap() {
+    return state->aliases;
 }
 
 void ScrollingTextWindow::initializeMembers() {
-    consoleLines.lineCounter = 0;
-    commandStack.lineCounter = 0;
-    scrollOffset = 0;
-    commandStackIndex = -1;
-    commandLineScroll = 0;
-    pendingLine.clear();
-    prompt = ">";
-    cursorText = "_";
-    linePrefix.clear();
-    lastKey = -1;
-    keyRepeatCount = 0;
-    for (g::Color& color : colors) {
+    state->consoleLines.lineCounter = 0;
+    state->commandStack.lineCounter = 0;
+    state->scrollOffset = 0;
+    state->commandStackIndex = -1;
+    state->commandLineScroll = 0;
+    state->pendingLine.clear();
+    state->prompt = ">";
+    state->cursorText = "_";
+    state->linePrefix.clear();
+    state->lastKey = -1;
+    state->keyRepeatCount = 0;
+    for (g::Color& color : state->colors) {
         color = g::Color::Black;
     }
-    windowPosition = {0.0f, 0.0f};
-    windowSize = {1.0f, 1.0f};
-    commandLinePosition = {0.0f, 0.0f};
-    textAreaSize = {1.0f, 1.0f};
-    commandLineWidth = 1.0f;
-    scrollBarWidth = 0.003125f;
-    scrollBarMinLength = 0.025f;
-    knownWords.clear();
-    aliases.clear();
-    completionIterator = knownWords.end();
-    completionPrefix.clear();
-    completionHead.clear();
-    visible = false;
-    cacheDirty = false;
+    state->windowPosition = {0.0f, 0.0f};
+    state->windowSize = {1.0f, 1.0f};
+    state->commandLinePosition = {0.0f, 0.0f};
+    state->textAreaSize = {1.0f, 1.0f};
+    state->commandLineWidth = 1.0f;
+    state->scrollBarWidth = 0.003125f;
+    state->scrollBarMinLength = 0.025f;
+    state->knownWords.clear();
+    state->aliases.clear();
+    state->completionIterator = state->knownWords.end();
+    state->completionPrefix.clear();
+    state->completionHead.clear();
+    state->visible = false;
+    state->cacheDirty = false;
 }
 
 void ScrollingTextWindow::print(const char* format, ...) {
@@ -129,40 +180,41 @@ void ScrollingTextWindow::printWithPrefix(bool withPrefix, const char* format, .
 }
 
 void ScrollingTextWindow::printStringWithPrefix(bool withPrefix, const char* text) {
-    zu::ScopedLock lock(mutex);
-    printBuffer = pendingLine;
-    printBuffer.append(text);
-    pendingLine.clear();
-    const zu::String& prefix = withPrefix ? prompt : linePrefix;
+    zu::ScopedLock lock(state->mutex);
+    state->printBuffer = state->pendingLine;
+    state->printBuffer.append(text);
+    state->pendingLine.clear();
+    const zu::String& prefix = withPrefix ? state->prompt : state->linePrefix;
     size_t lineStart = 0;
-    for (int lineFeed = printBuffer.find('\n'); lineFeed >= 0;
-         lineFeed = printBuffer.find('\n', lineStart)) {
+    for (int lineFeed = state->printBuffer.find('\n'); lineFeed >= 0;
+         lineFeed = state->printBuffer.find('\n', lineStart)) {
         const size_t lineEnd = static_cast<size_t>(lineFeed);
-        printLine.assign(printBuffer.c_str() + lineStart, lineEnd - lineStart);
+        state->printLine.assign(state->printBuffer.c_str() + lineStart, lineEnd - lineStart);
         lineStart = lineEnd + 1;
-        keepViewAfterPrinting(addWrappedLine(prefix, printLine, withPrefix));
+        keepViewAfterPrinting(addWrappedLine(prefix, state->printLine, withPrefix));
     }
     // Shown once a later call brings its line feed.
-    pendingLine.assign(printBuffer.c_str() + lineStart, printBuffer.length() - lineStart);
+    state->pendingLine.assign(state->printBuffer.c_str() + lineStart,
+                              state->printBuffer.length() - lineStart);
 }
 
 uint32_t ScrollingTextWindow::addWrappedLine(const zu::String& prefix, const zu::String& line,
                                              bool withPrefix) {
-    printTokens.clear();
-    tokenizeLine(printTokens, line);
-    if (printTokens.empty()) {
+    state->printTokens.clear();
+    tokenizeLine(state->printTokens, line);
+    if (state->printTokens.empty()) {
         addRow(prefix, 0, 0, withPrefix);
         return 1;
     }
-    breakWideTokens(textAreaSize.x - getStringWidth(prefix));
+    breakWideTokens(state->textAreaSize.x - getStringWidth(prefix));
     return layOutRows(prefix, withPrefix);
 }
 
 // Splits every token wider than `room` into pieces that fit, each piece a token of its own
 // right behind the one before, so that wrapping only ever splits tokens that cannot fit.
 void ScrollingTextWindow::breakWideTokens(float room) {
-    for (size_t i = 0; i < printTokens.size(); ++i) {
-        const ConsoleWord& token = printTokens[i];
+    for (size_t i = 0; i < state->printTokens.size(); ++i) {
+        const ConsoleWord& token = state->printTokens[i];
         if (getStringWidth(token) <= room) {
             continue;
         }
@@ -174,8 +226,8 @@ void ScrollingTextWindow::breakWideTokens(float room) {
             continue;
         }
         const ConsoleWord rest(token.c_str() + fit, token.length() - static_cast<size_t>(fit));
-        printTokens[i].truncate(static_cast<size_t>(fit));
-        printTokens.insert(i + 1, rest);
+        state->printTokens[i].truncate(static_cast<size_t>(fit));
+        state->printTokens.insert(i + 1, rest);
     }
 }
 
@@ -183,13 +235,13 @@ void ScrollingTextWindow::breakWideTokens(float room) {
 // its first token anyway.
 uint32_t ScrollingTextWindow::layOutRows(const zu::String& prefix, bool withPrefix) {
     const float prefixWidth = getStringWidth(prefix);
-    const float areaWidth = textAreaSize.x;
-    const size_t tokenCount = printTokens.size();
+    const float areaWidth = state->textAreaSize.x;
+    const size_t tokenCount = state->printTokens.size();
     uint32_t rows = 0;
     size_t rowStart = 0;
     float width = prefixWidth;
     for (size_t i = 0; i < tokenCount; ++i) {
-        width += getStringWidth(printTokens[i]);
+        width += getStringWidth(state->printTokens[i]);
         const bool isLast = i + 1 == tokenCount;
         if (width < areaWidth && !isLast) {
             continue;
@@ -205,7 +257,7 @@ uint32_t ScrollingTextWindow::layOutRows(const zu::String& prefix, bool withPref
         addRow(prefix, rowStart, i, withPrefix);
         ++rows;
         rowStart = i;
-        width = prefixWidth + getStringWidth(printTokens[i]);
+        width = prefixWidth + getStringWidth(state->printTokens[i]);
         if (isLast) {
             addRow(prefix, i, tokenCount, withPrefix);
             ++rows;
@@ -216,19 +268,19 @@ uint32_t ScrollingTextWindow::layOutRows(const zu::String& prefix, bool withPref
 
 void ScrollingTextWindow::addRow(const zu::String& prefix, size_t firstToken, size_t endToken,
                                  bool withPrefix) {
-    printRow = prefix;
+    state->printRow = prefix;
     for (size_t i = firstToken; i < endToken; ++i) {
-        printRow += printTokens[i];
+        state->printRow += state->printTokens[i];
     }
-    printRow += '\n';
-    addConsoleLine(printRow);
+    state->printRow += '\n';
+    addConsoleLine(state->printRow);
     if (withPrefix) {
-        cacheDirty = true;
+        state->cacheDirty = true;
     }
 }
 
 void ScrollingTextWindow::addConsoleLine(const zu::String& line) {
-    consoleLines.add(line);
+    state->consoleLines.add(line);
 }
 
 // A view scrolled into the middle keeps showing the same text; at the bottom (or at the very
@@ -237,37 +289,37 @@ void ScrollingTextWindow::keepViewAfterPrinting(uint32_t addedLines) {
     // The colouring cache holds one entry per line on screen, as measured by the last
     // setWindowSize; using its size keeps printing threads from calling into the game's
     // drawing interface while the game draws with it.
-    const uint64_t stored = consoleLines.count();
-    const uint64_t onScreen = formattedLines.lines.size();
+    const uint64_t stored = state->consoleLines.count();
+    const uint64_t onScreen = state->formattedLines.lines.size();
     const int64_t upmost = stored > onScreen ? static_cast<int64_t>(stored - onScreen) : 0;
-    if (scrollOffset != 0 && scrollOffset != upmost) {
-        int64_t offset = static_cast<int64_t>(scrollOffset) + addedLines;
+    if (state->scrollOffset != 0 && state->scrollOffset != upmost) {
+        int64_t offset = static_cast<int64_t>(state->scrollOffset) + addedLines;
         offset = offset < 0 ? 0 : (offset > upmost ? upmost : offset);
-        scrollOffset = static_cast<int32_t>(offset);
+        state->scrollOffset = static_cast<int32_t>(offset);
     } else {
         moveViewLine(-static_cast<int64_t>(addedLines));
     }
 }
 
 void ScrollingTextWindow::moveViewLine(int64_t lines) {
-    viewLine = addWrapping(viewLine, lines);
+    state->viewLine = addWrapping(state->viewLine, lines);
 }
 
 void ScrollingTextWindow::dumpToFile(const char* fileName) {
     // Dumping is switched off: the text is put together as a dump would hold it and dropped,
     // and the file system is never touched, whatever `fileName` says.
     (void)fileName;
-    zu::ScopedLock lock(mutex);
-    const uint64_t count = consoleLines.count();
+    zu::ScopedLock lock(state->mutex);
+    const uint64_t count = state->consoleLines.count();
     size_t total = 1;
     for (uint64_t k = 0; k < count; ++k) {
-        total += consoleLines.line(k).length();
+        total += state->consoleLines.line(k).length();
     }
     const size_t size = total > kDumpBufferMinimum ? total : kDumpBufferMinimum;
     char* text = static_cast<char*>(zu::allocateMemory(size));
     size_t used = 0;
     for (uint64_t k = count; k-- > 0;) {
-        const ConsoleLine& line = consoleLines.line(k);
+        const ConsoleLine& line = state->consoleLines.line(k);
         std::memcpy(text + used, line.c_str(), line.length());
         used += line.length();
     }
@@ -276,77 +328,77 @@ void ScrollingTextWindow::dumpToFile(const char* fileName) {
 }
 
 void ScrollingTextWindow::setWindowSize(const m::Vector2Template<float>& size) {
-    zu::ScopedLock lock(mutex);
-    windowSize = size;
+    zu::ScopedLock lock(state->mutex);
+    state->windowSize = size;
     emptyFormattedLines();
     const uint32_t linesOnScreen = getLinesOnScreen();
-    formattedLines.position = 0;
-    formattedLines.lines.resize(linesOnScreen);
+    state->formattedLines.position = 0;
+    state->formattedLines.lines.resize(linesOnScreen);
     emptyFormattedLines();
     if (linesOnScreen != 0) {
         // Makes the next frame colour every line on screen anew.
-        cachedViewLine = addWrapping(viewLine, linesOnScreen);
+        state->cachedViewLine = addWrapping(state->viewLine, linesOnScreen);
     }
-    textAreaSize = {size.x - scrollBarWidth, size.y};
+    state->textAreaSize = {size.x - state->scrollBarWidth, size.y};
 }
 
 void ScrollingTextWindow::emptyFormattedLines() {
-    for (FormattedLine& line : formattedLines.lines) {
+    for (FormattedLine& line : state->formattedLines.lines) {
         line.runs.clear();
     }
 }
 
 int ScrollingTextWindow::scroll(int lines) {
-    zu::ScopedLock lock(mutex);
-    const int64_t old = scrollOffset;
+    zu::ScopedLock lock(state->mutex);
+    const int64_t old = state->scrollOffset;
     const int64_t upmost = getUpmostShownConsoleLine();
     int64_t offset = old + lines;
     offset = offset < 0 ? 0 : (offset > upmost ? upmost : offset);
-    scrollOffset = static_cast<int32_t>(offset);
+    state->scrollOffset = static_cast<int32_t>(offset);
     return static_cast<int>(offset - old);
 }
 
 void ScrollingTextWindow::scrollBottom() {
-    zu::ScopedLock lock(mutex);
-    const int64_t old = scrollOffset;
+    zu::ScopedLock lock(state->mutex);
+    const int64_t old = state->scrollOffset;
     const int64_t upmost = getUpmostShownConsoleLine();
-    int64_t offset = old - static_cast<int64_t>(consoleLines.count());
+    int64_t offset = old - static_cast<int64_t>(state->consoleLines.count());
     offset = offset < 0 ? 0 : (offset > upmost ? upmost : offset);
-    scrollOffset = static_cast<int32_t>(offset);
+    state->scrollOffset = static_cast<int32_t>(offset);
     moveViewLine(offset - old);
 }
 
 void ScrollingTextWindow::clear() {
-    zu::ScopedLock lock(mutex);
-    consoleLines.clear();
+    zu::ScopedLock lock(state->mutex);
+    state->consoleLines.clear();
     emptyFormattedLines();
-    cachedViewLine = viewLine;
-    pendingLine.clear();
-    cacheDirty = true;
+    state->cachedViewLine = state->viewLine;
+    state->pendingLine.clear();
+    state->cacheDirty = true;
 }
 
 uint64_t ScrollingTextWindow::getConsoleLineCount() const {
-    zu::ScopedLock lock(mutex);
-    return consoleLines.count();
+    zu::ScopedLock lock(state->mutex);
+    return state->consoleLines.count();
 }
 
 ScrollingTextWindow::ConsoleLine ScrollingTextWindow::getConsoleLine(uint64_t k) const {
-    zu::ScopedLock lock(mutex);
-    return consoleLines.line(k);
+    zu::ScopedLock lock(state->mutex);
+    return state->consoleLines.line(k);
 }
 
 ScrollingTextWindow::ConsoleLine ScrollingTextWindow::getVisibleLine(uint64_t k) const {
-    zu::ScopedLock lock(mutex);
-    return consoleLines.line(static_cast<uint64_t>(scrollOffset) + k);
+    zu::ScopedLock lock(state->mutex);
+    return state->consoleLines.line(static_cast<uint64_t>(state->scrollOffset) + k);
 }
 
 uint32_t ScrollingTextWindow::getLinesOnScreen() const {
-    shapeEngine->setTextSize(kTextSize);
-    const float lineHeight = shapeEngine->getLineHeight();
+    state->shapeEngine->setTextSize(kTextSize);
+    const float lineHeight = state->shapeEngine->getLineHeight();
     if (!(lineHeight > 0.0f)) {
         return 0;
     }
-    const float lines = std::floor(windowSize.y / lineHeight);
+    const float lines = std::floor(state->windowSize.y / lineHeight);
     if (!(lines > 0.0f)) {
         return 0;
     }
@@ -355,7 +407,7 @@ uint32_t ScrollingTextWindow::getLinesOnScreen() const {
 }
 
 uint32_t ScrollingTextWindow::getUpmostShownConsoleLine() const {
-    const uint64_t stored = consoleLines.count();
+    const uint64_t stored = state->consoleLines.count();
     const uint64_t onScreen = getLinesOnScreen();
     return stored > onScreen ? static_cast<uint32_t>(stored - onScreen) : 0;
 }

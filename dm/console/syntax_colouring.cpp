@@ -3,6 +3,7 @@
 //
 // The number tests come before the word tests on purpose: a word made only of digits, '.',
 // 'e', 'E', 'f' and 'F' ("fee", "e2", a lone ".") is coloured as a number.
+#include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
 
 namespace dm {
@@ -22,10 +23,10 @@ ScrollingTextWindow::PaletteEntry ScrollingTextWindow::getSyntaxColorEntry(
         return kOtherColor;
     }
     // Both maps compare without regard to case, as the lower-cased lookup requires.
-    if (aliases.find(zu::InplaceString<256>(word)) != aliases.end()) {
+    if (state->aliases.find(zu::InplaceString<256>(word)) != state->aliases.end()) {
         return kAliasColor;
     }
-    if (knownWords.find(zu::InplaceString<256>(word)) != knownWords.end()) {
+    if (state->knownWords.find(zu::InplaceString<256>(word)) != state->knownWords.end()) {
         return kKnownWordColor;
     }
     return kPlainColor;
@@ -40,7 +41,7 @@ void ScrollingTextWindow::syntaxColorLine(FormattedLine& out, const zu::String& 
     out.runs.clear();
     for (const ConsoleWord& token : tokens) {
         FormattedRun& run = out.runs.emplace_back();
-        run.color = colors[getSyntaxColorEntry(token)];
+        run.color = state->colors[getSyntaxColorEntry(token)];
         run.text = token;
     }
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "console/bounded_line_store.h"
 #include "console/fake_shape_engine.h"
 #include "dm/console.h"
 #include "support/test_support.h"

@@ -88,11 +88,18 @@ TEST(JobManager, NamesItsThreadAfterTheManager) {
     EXPECT_STREQ(unnamed.getName(), "");
 }
 
-TEST(JobManager, EachRunJobsRunsOnlyWhatWasQueuedBeforeIt) {
+TEST(JobManager, EachRunJobsRunsOnlyWhatWasQueuedBeforeItAndNoJobsStartNoThread) {
     dm::JobManager manager("batches");
+    manager.runJobs(true);
+    EXPECT_FALSE(manager.isBatchStarted());
+    manager.runJobs(false);
+    EXPECT_FALSE(manager.isBatchStarted());
+    manager.waitJobsToComplete();
+
     BatchLog log;
     log.addRecordingJob(manager, 1);
     manager.runJobs(false);
+    EXPECT_TRUE(manager.isBatchStarted());
     // The batch holds the queue from runJobs' return on: this job is not part of it.
     log.addRecordingJob(manager, 2);
     manager.waitJobsToComplete();
@@ -119,26 +126,10 @@ TEST(JobManager, ASecondRunJobsWaitsForTheFirstBatchAndStartsNothingNew) {
     EXPECT_EQ(runs.load(), 1);
 }
 
-TEST(JobManager, RunJobsWithoutJobsStartsNoThread) {
-    dm::JobManager manager("idle");
-    manager.runJobs(true);
-    EXPECT_FALSE(manager.isBatchStarted());
-    manager.runJobs(false);
-    EXPECT_FALSE(manager.isBatchStarted());
-    manager.waitJobsToComplete();
-
-    std::atomic<int> runs{0};
-    manager.addNewJob<FunctionJob>([&](const char*) { ++runs; });
-    manager.runJobs(false);
-    EXPECT_TRUE(manager.isBatchStarted());
-    manager.waitJobsToComplete();
-    EXPECT_FALSE(manager.isBatchStarted());
-    EXPECT_EQ(runs.load(), 1);
-}
-
-TEST(JobManager, DestroysEveryJobItWasGiven) {
+TEST(JobManager, DestroysEveryJobItWasGivenAndWaitsForTheRunningBatch) {
     std::atomic<int> runs{0};
     std::atomic<int> destroyed{0};
+    std::atomic<bool> finished{false};
     {
         dm::JobManager manager("owner");
         for (int i = 0; i < 3; ++i) {
@@ -148,20 +139,7 @@ TEST(JobManager, DestroysEveryJobItWasGiven) {
         EXPECT_EQ(runs.load(), 3);
         EXPECT_EQ(destroyed.load(), 3);
 
-        // Queued but never run: destroyed with the manager, without running.
-        for (int i = 0; i < 10; ++i) {
-            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
-        }
-    }
-    EXPECT_EQ(runs.load(), 3);
-    EXPECT_EQ(destroyed.load(), 13);
-}
-
-TEST(JobManager, DestructionWaitsForTheRunningBatch) {
-    std::atomic<bool> finished{false};
-    std::atomic<int> destroyed{0};
-    {
-        dm::JobManager manager("leaving");
+        // Still running when the manager goes: its destruction waits for the batch.
         manager.addNewJob<FunctionJob>(
             [&](const char*) {
                 zu::sleepMs(kSlowJobMs);
@@ -169,9 +147,14 @@ TEST(JobManager, DestructionWaitsForTheRunningBatch) {
             },
             &destroyed);
         manager.runJobs(false);
+        // Queued but never run: destroyed with the manager, without running.
+        for (int i = 0; i < 10; ++i) {
+            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
+        }
     }
     EXPECT_TRUE(finished.load());
-    EXPECT_EQ(destroyed.load(), 1);
+    EXPECT_EQ(runs.load(), 3);
+    EXPECT_EQ(destroyed.load(), 14);
 }
 
 TEST(JobManager, AFailingJobIsLoggedAndTheBatchGoesOn) {

@@ -10,7 +10,6 @@
 #include "dm/export.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
-#include "zu/mutex.h"
 #include "zu/string.h"
 #include "zu/timer.h"
 #include "zu/vector.h"
@@ -143,64 +142,7 @@ ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException, zu::Exception);
 ZU_DECLARE_EXCEPTION(DM_API, ScrollingTextWindowException_IllegalAliasDefinition,
                      ScrollingTextWindowException);
 
-// A bounded store of lines, newest last: up to `maxLines` slots that become a ring once they
-// are all used. `lineCounter` counts every line added since the last clear. Line k (0 is the
-// newest) lives in slot lineCounter - k - 1 while the store is filling and in slot
-// (lineCounter - k - 1 + maxLines) mod maxLines once it is full.
-template <typename Line>
-struct BoundedLineStore {
-    zu::Vector<Line, zu::HeapAllocator> lines;  // the slots
-    uint32_t maxLines = 0;
-    uint32_t lineCounter = 0;
-
-    // Number of stored lines (at most maxLines in normal use).
-    uint64_t count() const { return lines.size(); }
-
-    // Stores a copy of `line`, overwriting the oldest once the store is full. The slots grow
-    // as a zu::Vector does but never beyond maxLines, so a full store allocates nothing more.
-    // With a limit of 0 nothing is stored.
-    void add(const zu::String& line) {
-        if (maxLines == 0) {
-            return;
-        }
-        if (lines.size() >= maxLines) {
-            lines[(lineCounter + maxLines) % maxLines] = line;
-        } else {
-            if (lines.size() == lines.capacity()) {
-                size_t grown = lines.grownCapacity(lines.capacity());
-                lines.reserve(grown < maxLines ? grown : maxLines);
-            }
-            lines.emplace_back(line);
-        }
-        ++lineCounter;
-    }
-
-    // Line k counted from the newest (k = 0). A k at or beyond count(), or a slot that the
-    // counters place outside the stored lines, gives an empty line rather than a stray read.
-    const Line& line(uint64_t k) const {
-        const uint64_t stored = lines.size();
-        if (k >= stored) {
-            return emptyLine();
-        }
-        const uint32_t fromNewest = lineCounter - static_cast<uint32_t>(k) - 1;
-        const uint32_t slot =
-            (maxLines != 0 && stored >= maxLines) ? (fromNewest + maxLines) % maxLines : fromNewest;
-        return slot < stored ? lines[slot] : emptyLine();
-    }
-
-    // Forgets every line and restarts the counter; the slots' memory is kept.
-    void clear() {
-        lines.clear();
-        lineCounter = 0;
-    }
-
-    static const Line& emptyLine() {
-        static const Line empty;
-        return empty;
-    }
-};
-
-class InputLine;
+struct ScrollingTextWindowState;
 
 // The Windows virtual-key codes of the keys the console's command line and window handle
 // (ScrollingTextWindow::appendInput); letters and digits are their upper-case ASCII codes.
@@ -292,18 +234,16 @@ public:
     // the text area to the size less the scroll bar's width.
     void setWindowSize(const m::Vector2Template<float>& size);
     // The setters below only store their argument.
-    void setWindowPosition(const m::Vector2Template<float>& position) { windowPosition = position; }
-    void setCommandLinePosition(const m::Vector2Template<float>& position) {
-        commandLinePosition = position;
-    }
-    void setCommandLineWidth(float width) { commandLineWidth = width; }
-    void setVisibility(bool isVisible) { visible = isVisible; }
+    void setWindowPosition(const m::Vector2Template<float>& position);
+    void setCommandLinePosition(const m::Vector2Template<float>& position);
+    void setCommandLineWidth(float width);
+    void setVisibility(bool isVisible);
 
-    const m::Vector2Template<float>& getWindowSize() const { return windowSize; }
-    const m::Vector2Template<float>& getWindowPosition() const { return windowPosition; }
-    const m::Vector2Template<float>& getCommandLinePosition() const { return commandLinePosition; }
-    const m::Vector2Template<float>& getTextAreaSize() const { return textAreaSize; }
-    float getCommandLineWidth() const { return commandLineWidth; }
+    const m::Vector2Template<float>& getWindowSize() const;
+    const m::Vector2Template<float>& getWindowPosition() const;
+    const m::Vector2Template<float>& getCommandLinePosition() const;
+    const m::Vector2Template<float>& getTextAreaSize() const;
+    float getCommandLineWidth() const;
 
     // Moves the view by `lines` (positive is up, towards older lines), kept between the newest
     // line (0) and getUpmostShownConsoleLine(); returns how far it really moved.
@@ -381,8 +321,8 @@ public:
     // take it out again when this throws, so that a name referring to itself is caught too.
     void checkAliasValidity(const zu::InplaceString<256>& name, const zu::String& text) const;
     // Alias name (case-insensitive) to alias text.
-    const AliasMap& getAliasesMap() const { return aliases; }
-    AliasMap& accessAliasesMap() { return aliases; }
+    const AliasMap& getAliasesMap() const;
+    AliasMap& accessAliasesMap();
 
     // Known words, for completion and colouring; compared without regard to case and stored in
     // lower case. A function word completes with an argument list "(  );".
@@ -419,45 +359,8 @@ private:
     bool completionMatches(KnownWordMap::const_iterator word) const;
     void applyCompletion();
 
-    ShapeEngineInterface* shapeEngine = nullptr;
-    BoundedLineStore<ConsoleLine> consoleLines;
-    int32_t scrollOffset = 0;
-    BoundedLineStore<zu::InplaceString<256>> commandStack;
-    int32_t commandStackIndex = -1;
-    InputLine* inputLine = nullptr;
-    int32_t commandLineScroll = 0;
-    ConsoleLine pendingLine;
-    int32_t lastKey = -1;
-    int32_t keyRepeatCount = 0;
-    zu::InplaceString<128> prompt;
-    zu::InplaceString<128> cursorText;
-    zu::InplaceString<128> linePrefix;
-    KnownWordMap knownWords;
-    KnownWordMap::iterator completionIterator = knownWords.end();
-    zu::InplaceString<256> completionPrefix;
-    zu::InplaceString<128> completionHead;
-    AliasMap aliases;
-    g::Color colors[6];
-    bool visible = false;
-    FormattedLineRing formattedLines;
-    int32_t viewLine = 0;
-    int32_t cachedViewLine = 0;
-    m::Vector2Template<float> windowPosition;
-    m::Vector2Template<float> windowSize{1.0f, 1.0f};
-    m::Vector2Template<float> commandLinePosition;
-    m::Vector2Template<float> textAreaSize{1.0f, 1.0f};
-    float commandLineWidth = 1.0f;
-    float scrollBarWidth = 0.003125f;
-    float scrollBarMinLength = 0.025f;
-    mutable zu::Mutex mutex;
-    bool cacheDirty = false;
-
-    // Printing's work buffers, reused by every call under `mutex` so that printing allocates
-    // nothing once they have grown; one set per window, so windows never share them.
-    zu::InplaceString<1024> printBuffer;
-    zu::InplaceString<1024> printLine;
-    ConsoleLine printRow;
-    ConsoleWordList printTokens;
+    // Everything the window holds (scrolling_text_window_state.h); owned, never null.
+    ScrollingTextWindowState* state = nullptr;
 
     // Colouring and drawing (syntax_colouring.cpp, console_rendering.cpp).
 public:
@@ -472,7 +375,7 @@ public:
     };
     static constexpr int kPaletteSize = 6;
 
-    const g::Color& getPaletteColor(PaletteEntry entry) const { return colors[entry]; }
+    const g::Color& getPaletteColor(PaletteEntry entry) const;
     // The palette entry of one word of a line: white space, then numbers (integers, floats made
     // of digits, '.', 'e', 'E', 'f', 'F', hexadecimal), then quoted strings, then other
     // characters that start no identifier; of the remaining words aliases come before known
@@ -498,7 +401,7 @@ private:
     void chooseShownCommandText(float promptWidth, float cursorWidth, int32_t& first, int32_t& end);
     float characterWidth(char character) const;
     float textWidth(const char* text) const;
-    // Brings the colouring cache up to the view; the caller holds `mutex`.
+    // Brings the colouring cache up to the view; the caller holds the state's mutex.
     void updateFormattedLines();
     void colorNewLinesAtBottom(uint32_t shift);
     void colorOldLinesAtTop(uint32_t shift);

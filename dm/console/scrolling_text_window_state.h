@@ -1,0 +1,64 @@
+// What a ScrollingTextWindow holds: its line stores, command line, completion and alias state,
+// geometry, colours, colouring cache and printing's work buffers.
+#pragma once
+
+#include <cstdint>
+
+#include "console/bounded_line_store.h"
+#include "dm/console.h"
+#include "zu/mutex.h"
+
+namespace dm {
+
+class InputLine;
+
+// Owned by its ScrollingTextWindow. `mutex` guards the line stores, the scroll position, the
+// colouring cache, the geometry and the print buffers against printing threads.
+struct ScrollingTextWindowState {
+    using ConsoleLine = ScrollingTextWindow::ConsoleLine;
+    using KnownWordMap = ScrollingTextWindow::KnownWordMap;
+    using AliasMap = ScrollingTextWindow::AliasMap;
+    using FormattedLineRing = ScrollingTextWindow::FormattedLineRing;
+
+    ShapeEngineInterface* shapeEngine = nullptr;
+    BoundedLineStore<ConsoleLine> consoleLines;
+    int32_t scrollOffset = 0;
+    BoundedLineStore<zu::InplaceString<256>> commandStack;
+    int32_t commandStackIndex = -1;
+    InputLine* inputLine = nullptr;
+    int32_t commandLineScroll = 0;
+    ConsoleLine pendingLine;
+    int32_t lastKey = -1;
+    int32_t keyRepeatCount = 0;
+    zu::InplaceString<128> prompt;
+    zu::InplaceString<128> cursorText;
+    zu::InplaceString<128> linePrefix;
+    KnownWordMap knownWords;
+    KnownWordMap::iterator completionIterator = knownWords.end();
+    zu::InplaceString<256> completionPrefix;
+    zu::InplaceString<128> completionHead;
+    AliasMap aliases;
+    g::Color colors[6];
+    bool visible = false;
+    FormattedLineRing formattedLines;
+    int32_t viewLine = 0;
+    int32_t cachedViewLine = 0;
+    m::Vector2Template<float> windowPosition;
+    m::Vector2Template<float> windowSize{1.0f, 1.0f};
+    m::Vector2Template<float> commandLinePosition;
+    m::Vector2Template<float> textAreaSize{1.0f, 1.0f};
+    float commandLineWidth = 1.0f;
+    float scrollBarWidth = 0.003125f;
+    float scrollBarMinLength = 0.025f;
+    zu::Mutex mutex;
+    bool cacheDirty = false;
+
+    // Printing's work buffers, reused by every call under `mutex` so that printing allocates
+    // nothing once they have grown; one set per window, so windows never share them.
+    zu::InplaceString<1024> printBuffer;
+    zu::InplaceString<1024> printLine;
+    ConsoleLine printRow;
+    ConsoleWordList printTokens;
+};
+
+}  // namespace dm
