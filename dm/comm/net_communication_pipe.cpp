@@ -372,6 +372,7 @@ void NetCommunicationPipe::reset() {
     for (RequestRecord& request : m_outgoingRequests) {
         request.sent = false;  // unanswered requests go out again on the new connection
         request.bytesSent = 0;
+        request.received.clear();  // and their responses come again from the start
     }
     for (ResponseRecord& response : m_outgoingResponses) {
         if (!response.sent) {

@@ -11,6 +11,7 @@
 
 #include "comm/packet_sink.h"
 #include "comm/pipe_protocol.h"
+#include "comm/received_ranges.h"
 #include "dm/comm.h"
 #include "net/packet.h"
 #include "net/socket.h"
@@ -127,14 +128,13 @@ private:
         void* responseBuffer = nullptr;
         uint32_t responseCapacity = 0;
         uint32_t responseSize = 0;
-        uint32_t responseReceivedBytes = 0;
         // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns, of
-        // dataCapacity bytes, grown as chunks arrive; chunks wrote below dataWrittenEnd.
+        // dataCapacity bytes, grown as chunks arrive; chunks wrote the bytes in `received`.
         void* data = nullptr;
         uint32_t dataSize = 0;
-        uint32_t dataReceivedBytes = 0;
         uint32_t dataCapacity = 0;
-        uint32_t dataWrittenEnd = 0;
+        // Incoming: the data bytes that arrived. Outgoing: the response bytes that arrived.
+        ReceivedRanges received;
         zu::Event* event = nullptr;  // outgoing: sendRequest waits on it
     };
     struct ResponseRecord {

@@ -1,0 +1,126 @@
+// A peer that means harm, byte by byte: chunks that repeat, overlap or leave gaps must never
+// make the pipe hand out memory that no chunk wrote.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+#include "comm/received_ranges.h"
+#include "support/pipe_link.h"
+
+namespace {
+
+using dmtest::waitUntil;
+namespace pipewire = dmtest::pipewire;
+using Bytes = std::vector<uint8_t>;
+
+using HostileChunks = dmtest::HandWrittenPackets;
+
+Bytes joined(const Bytes& a, const Bytes& b, const Bytes& c) {
+    Bytes all = a;
+    all.insert(all.end(), b.begin(), b.end());
+    all.insert(all.end(), c.begin(), c.end());
+    return all;
+}
+
+TEST_F(HostileChunks, RepeatedChunkCountsOnceAndARequestWithAGapIsNeverHandedOut) {
+    const Bytes a(4, 0xAA), b(4, 0xBB), c(4, 0xCC);
+    // Repeated, then the end while bytes 4..8 never came: as many bytes as announced arrived.
+    deliver({pipewire::request("link", 0, 0, "gappy", 12, 0, 4, a.data()),
+             pipewire::request("link", 0, 0, "gappy", 12, 0, 4, a.data()),
+             pipewire::request("link", 0, 0, "gappy", 12, 8, 4, c.data())});
+    EXPECT_TRUE(pipe().receiveRequest(nullptr).empty());
+    EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(2u, statistics().droppedMalformed);
+
+    deliver({pipewire::request("link", 0, 0, "whole", 12, 0, 4, a.data()),
+             pipewire::request("link", 0, 0, "whole", 12, 4, 4, b.data()),
+             pipewire::request("link", 0, 0, "whole", 12, 8, 4, c.data())});
+    ASSERT_STREQ("whole", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(12u, size);
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    EXPECT_EQ(joined(a, b, c), Bytes(bytes, bytes + 12));
+}
+
+TEST_F(HostileChunks, OverlappingRequestChunkIsDroppedAndTheRestStillCompletes) {
+    const Bytes a(6, 0x11), b(6, 0x22);
+    deliver({pipewire::request("link", 0, 0, "overlap", 8, 0, 6, a.data()),
+             pipewire::request("link", 0, 0, "overlap", 8, 2, 6, b.data())});
+    EXPECT_TRUE(pipe().receiveRequest(nullptr).empty());
+    EXPECT_EQ(1u, statistics().droppedMalformed);
+
+    deliver(pipewire::request("link", 0, 0, "overlap", 8, 6, 2, b.data()));
+    ASSERT_STREQ("overlap", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(8u, size);
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    EXPECT_EQ((Bytes{0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x22, 0x22}), Bytes(bytes, bytes + 8));
+}
+
+TEST_F(HostileChunks, ScatteredChunksBeyondAFewGapsAreRefused) {
+    // Every fourth byte first, then the rest: more gaps at once than a sender leaves are refused.
+    const Bytes byte(1, 0x77);
+    for (uint32_t offset = 0; offset < 64; offset += 4) {
+        deliver(pipewire::request("link", 0, 0, "holes", 64, offset, 1, byte.data()));
+    }
+    EXPECT_EQ(16u - dm::ReceivedRanges::kMaxRanges, statistics().droppedMalformed);
+    EXPECT_EQ(1u, incomingRequests());
+}
+
+// Sends a request from the pipe with a response buffer, on a thread of its own.
+class BufferedRequest {
+public:
+    BufferedRequest(dm::NetCommunicationPipe& pipe, uint32_t capacity)
+        : m_pipe(pipe), m_buffer(capacity, 0xEE), m_thread([this] {
+              m_text =
+                  m_pipe.sendRequest("give", 0, m_buffer.data(),
+                                     static_cast<uint32_t>(m_buffer.size()), &m_size, nullptr, 0);
+              m_done = true;
+          }) {}
+    ~BufferedRequest() {
+        for (uint32_t tries = 0; tries < 4 && !m_done; ++tries) {
+            dmtest::deliverTo(m_pipe, pipewire::response(m_pipe.getName(), 0, ""));
+        }
+        m_thread.join();
+    }
+    bool done() const { return m_done.load(); }
+    const Bytes& buffer() const { return m_buffer; }
+    uint32_t size() const { return m_size; }
+
+private:
+    dm::NetCommunicationPipe& m_pipe;
+    Bytes m_buffer;
+    uint32_t m_size = 0;
+    zu::InplaceString<128> m_text;
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
+
+TEST_F(HostileChunks, ResponseCompletesOnlyWithEveryByteArrived) {
+    BufferedRequest request(pipe(), 12);
+    ASSERT_TRUE(waitUntil([&] { return pipe().getStatistics().outgoingRequests; }));
+    const Bytes a(4, 0xAA), b(4, 0xBB), c(4, 0xCC);
+    deliver(pipewire::response("link", 0, "answer", 12, 8, 4, c.data()));  // the end alone
+    deliver(pipewire::response("link", 0, "answer", 12, 0, 4, a.data()));
+    deliver(pipewire::response("link", 0, "answer", 12, 0, 4, a.data()));  // repeated
+    deliver(pipewire::response("link", 0, "answer", 12, 0, 0, nullptr));   // empty, not whole
+    deliver(pipewire::response("link", 0, "answer", 12, 8, 4, c.data()));  // 4..8 missing
+    EXPECT_FALSE(request.done());
+    EXPECT_EQ(4u, statistics().droppedMalformed);
+
+    deliver({pipewire::response("link", 0, "answer", 12, 0, 4, a.data()),
+             pipewire::response("link", 0, "answer", 12, 4, 4, b.data()),
+             pipewire::response("link", 0, "answer", 12, 8, 4, c.data())});
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_EQ(12u, request.size());
+    EXPECT_EQ(joined(a, b, c), request.buffer());
+}
+
+}  // namespace
