@@ -182,6 +182,7 @@ private:
     RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex);
     RequestRecord* addIncomingRequest(const pipe_protocol::Message& message);
     bool roomForUnfinishedRequest(uint32_t dataSize) const;
+    bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const;
     bool reserveRequestData(RequestRecord& request, uint32_t end);
     void dropIncomingRequest(size_t index);
     size_t countIncompleteNotifications() const;

@@ -109,6 +109,10 @@ bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& messa
         return false;
     }
     if (chunk.size > 0) {
+        if (!justifiedByArrivedBytes(*request, chunk)) {
+            count(Drop::kOverLimit);
+            return false;
+        }
         if (!reserveRequestData(*request, chunk.offset + chunk.size)) {
             dropIncomingRequest(index);
             count(Drop::kOverLimit);
@@ -164,6 +168,16 @@ bool NetCommunicationPipe::roomForUnfinishedRequest(uint32_t dataSize) const {
         }
     }
     return count <= kMaxUnfinishedIncoming && announced <= m_maxMessageSize.load();
+}
+
+// A chunk far beyond the bytes that arrived would make the buffer grow to what the request
+// announces, with almost nothing sent: the buffer may reach at most twice the bytes that came
+// (or the first buffer's size). A sender sends in order and never comes near this.
+bool NetCommunicationPipe::justifiedByArrivedBytes(const RequestRecord& request,
+                                                   const Chunk& chunk) const {
+    const uint64_t arrived = static_cast<uint64_t>(request.received.bytes()) + chunk.size;
+    const uint64_t end = static_cast<uint64_t>(chunk.offset) + chunk.size;
+    return end <= std::max<uint64_t>(2 * arrived, kMinRequestBuffer);
 }
 
 // Makes the request's buffer hold at least `end` bytes, growing it geometrically up to its

@@ -74,6 +74,23 @@ TEST_F(HostileChunks, ScatteredChunksBeyondAFewGapsAreRefused) {
     EXPECT_EQ(1u, incomingRequests());
 }
 
+TEST_F(HostileChunks, BufferGrowsOnlyWithBytesThatArrived) {
+    // Out of order, but within what arrived: taken.
+    constexpr uint32_t kPart = 100 * 1024;
+    const Bytes part(kPart, 0x3C);
+    deliver({pipewire::request("link", 0, 0, "near", 3 * kPart, kPart, kPart, part.data()),
+             pipewire::request("link", 0, 0, "near", 3 * kPart, 0, kPart, part.data()),
+             pipewire::request("link", 0, 0, "near", 3 * kPart, 2 * kPart, kPart, part.data())});
+    EXPECT_STREQ("near", pipe().receiveRequest(nullptr).c_str());
+
+    // Two bytes announcing 64 MiB: the far one would make the buffer as large as announced.
+    constexpr uint32_t kAnnounced = 64u * 1024u * 1024u;
+    deliver({pipewire::request("link", 1, 0, "huge", kAnnounced, 0, 1, "a"),
+             pipewire::request("link", 1, 0, "huge", kAnnounced, kAnnounced - 1, 1, "z")});
+    EXPECT_EQ(1u, statistics().droppedOverLimit);
+    EXPECT_EQ(0u, statistics().droppedMalformed);
+}
+
 // Sends a request from the pipe with a response buffer, on a thread of its own.
 class BufferedRequest {
 public:
