@@ -4,6 +4,7 @@
 #include "comm/net_communication_pipe_manager.h"
 
 #include "comm/pipe_protocol.h"
+#include "log_output.h"
 #include "zu/exception.h"
 #include "zu/thread.h"
 
@@ -297,12 +298,8 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
         zu::ScopedLock lock(m_pipesLock);
         PipeEntry* entry = findEntry(pipeName);
         if (!entry && m_createPipesOnRequest) {
-            try {
-                entry = createEntry(pipeName);
-                created = entry->pipe;
-            } catch (const zu::OutOfMemoryException&) {
-                // Refused below, as if creation were off; the client asks again later.
-            }
+            entry = createRequestedEntry(pipeName);
+            created = entry ? entry->pipe : nullptr;
         }
         if (!entry) {
             pipe_protocol::sendPipeRefused(socket, pipeName);
@@ -342,6 +339,32 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
     const char* pipeName) {
     auto found = m_pipes.find(zu::InplaceString<128>(pipeName));
     return found == m_pipes.end() ? nullptr : found->second;
+}
+
+// A pipe that a peer asks for. Refused (null) beyond the limit, and when making it fails for
+// want of memory or handles: the peer asks again later, and the manager's thread goes on.
+NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createRequestedEntry(
+    const char* pipeName) {
+    if (m_pipesCreatedOnRequest >= m_maxPipesCreatedOnRequest.load()) {
+        if (m_loggedPipeLimit) {
+            return nullptr;  // said once: a peer asking again and again fills no log
+        }
+        m_loggedPipeLimit = true;
+        logLine("PipeManager \"%s\": refused pipe \"%s\": %zu pipes made on request already\n",
+                copyName().c_str(), pipeName, m_pipesCreatedOnRequest);
+        return nullptr;
+    }
+    try {
+        PipeEntry* entry = createEntry(pipeName);
+        ++m_pipesCreatedOnRequest;
+        return entry;
+    } catch (const std::exception& error) {
+        logLine("PipeManager \"%s\": could not make pipe \"%s\": %s\n", copyName().c_str(),
+                pipeName, error.what());
+    } catch (...) {
+        logLine("PipeManager \"%s\": could not make pipe \"%s\"\n", copyName().c_str(), pipeName);
+    }
+    return nullptr;
 }
 
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry(

@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "comm/net_communication_pipe_manager.h"
 #include "comm/received_ranges.h"
+#include "support/loopback.h"
 #include "support/pipe_link.h"
 
 namespace {
@@ -138,6 +141,46 @@ TEST_F(HostileChunks, ResponseCompletesOnlyWithEveryByteArrived) {
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));
     EXPECT_EQ(12u, request.size());
     EXPECT_EQ(joined(a, b, c), request.buffer());
+}
+
+}  // namespace
+
+namespace {
+
+using dmtest::nextPacket;
+
+// The kind and pipe name of the next packet the server sends on `socket`.
+pipewire::Message nextMessage(net::Socket& socket) {
+    net::Packet* packet = nextPacket(socket);
+    return packet ? pipewire::read(*packet) : pipewire::Message();
+}
+
+TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("hostile-creation", 0, 9, true);
+    static_cast<dm::NetCommunicationPipeManager*>(server)->setMaxPipesCreatedOnRequest(3);
+    server->getPipe("own");
+    uint32_t port = 0;
+    server->getHost(&port);
+    net::Socket peer;
+    ASSERT_TRUE(peer.connect("127.0.0.1", port));
+    ASSERT_EQ(pipewire::kWelcome, nextMessage(peer).kind);
+
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "asked-" + std::to_string(i);
+        peer.sendPacket(pipewire::openPipe(name.c_str(), "flooder"));
+        const pipewire::Message answer = nextMessage(peer);
+        EXPECT_EQ(name, answer.first);
+        EXPECT_EQ(i < 3 ? pipewire::kPipeOpened : pipewire::kPipeRefused, answer.kind) << name;
+    }
+    EXPECT_FALSE(server->pipeExists("asked-3"));
+    // Pipes that exist are still opened: the application's own, and those made before.
+    peer.sendPacket(pipewire::openPipe("own", "flooder"));
+    EXPECT_EQ(pipewire::kPipeOpened, nextMessage(peer).kind);
+    peer.sendPacket(pipewire::openPipe("asked-0", "flooder"));
+    EXPECT_EQ(pipewire::kPipeOpened, nextMessage(peer).kind);
+    peer.close();
+    dm::deinitCommunicationManager("hostile-creation");
 }
 
 }  // namespace
