@@ -110,6 +110,11 @@ public:
     // returns once no thread is inside either of them any more.
     void close();
 
+    // Drops the responses not yet wholly sent, waking their respond calls: for a pipe taken over
+    // by another connection, which did not ask for them.
+    void dropUnsentResponses();
+    // Counts a message for this pipe that came over a connection it is not attached to.
+    void countMessageFromOtherConnection();
     // Takes a received Request, Response or Notify for this pipe (decoded by
     // pipe_protocol::decode) and reassembles it. Malformed, stale or oversized packets are
     // dropped and counted (see PipeStatistics).
@@ -233,6 +238,7 @@ private:
     std::atomic<uint64_t> m_droppedOverLimit{0};
     std::atomic<uint64_t> m_droppedStale{0};
     std::atomic<uint64_t> m_droppedEmptyText{0};
+    std::atomic<uint64_t> m_droppedOtherConnection{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,

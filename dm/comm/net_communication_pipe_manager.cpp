@@ -232,10 +232,7 @@ bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& pac
         case pipe_protocol::kRequest:
         case pipe_protocol::kResponse:
         case pipe_protocol::kNotify:
-            // The pipe counts a malformed one; one for a pipe this end does not have is dropped.
-            if (NetCommunicationPipe* pipe = findPipe(message.pipeName)) {
-                pipe->receive(message);
-            }
+            deliverToPipe(socket, message);
             return true;
         case pipe_protocol::kOpenPipe:
             if (m_isServer && !message.malformed) {
@@ -261,6 +258,27 @@ bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& pac
             return socket.isConnected();
         default:
             return true;  // PipeRefused: the client simply asks again later
+    }
+}
+
+// The pipe counts a malformed one; one for a pipe this end does not have is dropped. A pipe
+// takes messages only from the connection it is attached to: another connection can neither
+// feed it requests nor answer its requests.
+void NetCommunicationPipeManager::deliverToPipe(const net::Socket& socket,
+                                                const pipe_protocol::Message& message) {
+    NetCommunicationPipe* pipe = nullptr;
+    bool attachedHere = false;
+    {
+        zu::ScopedLock lock(m_pipesLock);
+        if (PipeEntry* entry = findEntry(message.pipeName)) {
+            pipe = entry->pipe;
+            attachedHere = entry->socket == &socket;
+        }
+    }
+    if (pipe && attachedHere) {
+        pipe->receive(message);
+    } else if (pipe) {
+        pipe->countMessageFromOtherConnection();
     }
 }
 
@@ -294,6 +312,7 @@ void NetCommunicationPipeManager::onWelcome(net::Socket& socket,
 void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipeName) {
     NetCommunicationPipe* toAttach = nullptr;
     NetCommunicationPipe* created = nullptr;
+    bool takenOver = false;  // from another connection
     {
         zu::ScopedLock lock(m_pipesLock);
         PipeEntry* entry = findEntry(pipeName);
@@ -306,9 +325,13 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
             return;
         }
         if (entry->socket != &socket) {
+            takenOver = entry->socket != nullptr;
             entry->socket = &socket;
             toAttach = entry->pipe;
         }
+    }
+    if (takenOver) {
+        toAttach->dropUnsentResponses();
     }
     // Attaching resets the pipe and calls its connection callback: outside the lock, so that
     // the callback may use the manager freely.
@@ -386,12 +409,6 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry
         throw;
     }
     return entry;
-}
-
-NetCommunicationPipe* NetCommunicationPipeManager::findPipe(const char* pipeName) {
-    zu::ScopedLock lock(m_pipesLock);
-    PipeEntry* entry = findEntry(pipeName);
-    return entry ? entry->pipe : nullptr;
 }
 
 NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() {

@@ -77,7 +77,7 @@ public:
     // Pipes that peers may have this manager create with OpenPipe (when it creates pipes on
     // request); OpenPipe for a new name beyond it is answered with PipeRefused. Pipes made with
     // getPipe do not count.
-    static constexpr size_t kDefaultMaxPipesCreatedOnRequest = 256;
+    static constexpr size_t kDefaultMaxPipesCreatedOnRequest = 1024;
     void setMaxPipesCreatedOnRequest(size_t count) { m_maxPipesCreatedOnRequest.store(count); }
 
     // PipeOwner
@@ -146,7 +146,7 @@ private:
     PipeEntry* findEntry(const char* pipeName);             // pipesLock held
     PipeEntry* createEntry(const char* pipeName);           // pipesLock held
     PipeEntry* createRequestedEntry(const char* pipeName);  // pipesLock held; null if refused
-    NetCommunicationPipe* findPipe(const char* pipeName);
+    void deliverToPipe(const net::Socket& socket, const pipe_protocol::Message& message);
     Address copyAddress();
     zu::InplaceString<128> copyName();
     void setRemoteName(const char* name);

@@ -183,4 +183,95 @@ TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
     dm::deinitCommunicationManager("hostile-creation");
 }
 
+// The next Request, Response or Notify on `socket`, skipping handshake messages.
+pipewire::Message nextPipeMessage(net::Socket& socket) {
+    for (int skipped = 0; skipped < 16; ++skipped) {
+        pipewire::Message message = nextMessage(socket);
+        if (message.kind < pipewire::kOpenPipe || message.kind == pipewire::kRequest ||
+            message.kind == pipewire::kResponse || message.kind == pipewire::kNotify) {
+            return message;
+        }
+    }
+    return pipewire::Message();
+}
+
+// Sends at once: a raw socket otherwise sends only when it is next updated.
+void send(net::Socket& socket, const net::Packet& packet) {
+    socket.sendPacket(packet);
+    socket.update();
+}
+
+TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("hostile-hijack", 0, 9, false);
+    dm::CommunicationPipe* pipe = server->getPipe("owned");
+    uint32_t port = 0;
+    server->getHost(&port);
+    net::Socket owner, stranger;
+    ASSERT_TRUE(owner.connect("127.0.0.1", port));
+    ASSERT_TRUE(stranger.connect("127.0.0.1", port));
+    send(owner, pipewire::openPipe("owned", "owner"));
+    ASSERT_EQ(pipewire::kWelcome, nextMessage(owner).kind);
+    ASSERT_EQ(pipewire::kPipeOpened, nextMessage(owner).kind);
+
+    // The stranger's request and notification never reach the pipe; the owner's do.
+    send(stranger, pipewire::request("owned", 5, 0, "poison"));
+    send(stranger, pipewire::notify("owned", 0, 0, 3, 0, 3, "bad"));
+    send(owner, pipewire::request("owned", 0, 0, "mine"));
+    zu::InplaceString<128> text;
+    ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));
+    EXPECT_STREQ("mine", text.c_str());
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).droppedOtherConnection == 2; }));
+    EXPECT_TRUE(pipe->receiveNotify(nullptr).empty());
+
+    // Nor can it answer the pipe's requests.
+    std::atomic<bool> answered{false};
+    std::thread asking([&] {
+        pipe->sendRequest("question", 0, nullptr, 0, nullptr, nullptr, 0);
+        answered = true;
+    });
+    ASSERT_EQ(pipewire::kRequest, nextPipeMessage(owner).kind);
+    send(stranger, pipewire::response("owned", 0, "forged"));
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).droppedOtherConnection == 3; }));
+    EXPECT_FALSE(answered.load());
+    send(owner, pipewire::response("owned", 0, "real"));
+    ASSERT_TRUE(waitUntil([&] { return answered.load(); }));
+    asking.join();
+    owner.close();
+    stranger.close();
+    dm::deinitCommunicationManager("hostile-hijack");
+}
+
+TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("hostile-takeover", 0, 9, false);
+    dm::CommunicationPipe* pipe = server->getPipe("taken");
+    uint32_t port = 0;
+    server->getHost(&port);
+    net::Socket first, second;
+    ASSERT_TRUE(first.connect("127.0.0.1", port));
+    send(first, pipewire::openPipe("taken", "first"));
+    send(first, pipewire::request("taken", 0, 0, "big answer"));
+    ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
+    // Far more than the connection takes while the first peer does not read.
+    const Bytes answer(32u * 1024u * 1024u, 0x5F);
+    std::thread responding(
+        [&] { pipe->respond("for first", answer.data(), static_cast<uint32_t>(answer.size())); });
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 1; }));
+
+    ASSERT_TRUE(second.connect("127.0.0.1", port));
+    send(second, pipewire::openPipe("taken", "second"));
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 0; }));
+    responding.join();
+    send(second, pipewire::request("taken", 0, 0, "own question"));
+    ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
+    pipe->respond("for second", nullptr, 0);
+    const pipewire::Message received = nextPipeMessage(second);
+    EXPECT_EQ(pipewire::kResponse, received.kind);
+    EXPECT_EQ("for second", received.text);
+    first.close();
+    second.close();
+    dm::deinitCommunicationManager("hostile-takeover");
+}
+
 }  // namespace
