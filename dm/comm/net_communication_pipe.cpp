@@ -74,6 +74,7 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
     sizes.droppedOverLimit = m_droppedOverLimit.load();
     sizes.droppedStale = m_droppedStale.load();
     sizes.droppedEmptyText = m_droppedEmptyText.load();
+    sizes.droppedOtherConnection = m_droppedOtherConnection.load();
     {
         zu::ScopedLock lock(m_incomingLock);
         sizes.incomingRequests = m_incomingRequests.size();
@@ -276,6 +277,28 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
     zu::deleteMemory(requestData);
 }
 
+void NetCommunicationPipe::countMessageFromOtherConnection() {
+    m_droppedOtherConnection.fetch_add(1, std::memory_order_relaxed);
+}
+
+// The responses answer requests of the connection the pipe is being taken from; the new one
+// never asked. Their respond calls return as if they had been sent.
+void NetCommunicationPipe::dropUnsentResponses() {
+    zu::Vector<zu::Event*> waiters;
+    {
+        zu::ScopedLock lock(m_outgoingLock);
+        for (size_t i = m_outgoingResponses.size(); i-- > 0;) {
+            if (!m_outgoingResponses[i].sent) {
+                waiters.push_back(m_outgoingResponses[i].event);
+                m_outgoingResponses.erase(i);
+            }
+        }
+    }
+    for (zu::Event* waiter : waiters) {
+        waiter->signal();
+    }
+}
+
 void NetCommunicationPipe::leaveBlockingCall() {
     if (--m_blockedCallers == 0 && m_closed) {
         m_blockedCallersLeft.notify_all();
@@ -372,6 +395,7 @@ void NetCommunicationPipe::reset() {
     for (RequestRecord& request : m_outgoingRequests) {
         request.sent = false;  // unanswered requests go out again on the new connection
         request.bytesSent = 0;
+        request.received.clear();  // and their responses come again from the start
     }
     for (ResponseRecord& response : m_outgoingResponses) {
         if (!response.sent) {

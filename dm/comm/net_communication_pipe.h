@@ -11,6 +11,7 @@
 
 #include "comm/packet_sink.h"
 #include "comm/pipe_protocol.h"
+#include "comm/received_ranges.h"
 #include "dm/comm.h"
 #include "net/packet.h"
 #include "net/socket.h"
@@ -109,6 +110,11 @@ public:
     // returns once no thread is inside either of them any more.
     void close();
 
+    // Drops the responses not yet wholly sent, waking their respond calls: for a pipe taken over
+    // by another connection, which did not ask for them.
+    void dropUnsentResponses();
+    // Counts a message for this pipe that came over a connection it is not attached to.
+    void countMessageFromOtherConnection();
     // Takes a received Request, Response or Notify for this pipe (decoded by
     // pipe_protocol::decode) and reassembles it. Malformed, stale or oversized packets are
     // dropped and counted (see PipeStatistics).
@@ -127,14 +133,13 @@ private:
         void* responseBuffer = nullptr;
         uint32_t responseCapacity = 0;
         uint32_t responseSize = 0;
-        uint32_t responseReceivedBytes = 0;
         // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns, of
-        // dataCapacity bytes, grown as chunks arrive; chunks wrote below dataWrittenEnd.
+        // dataCapacity bytes, grown as chunks arrive; chunks wrote the bytes in `received`.
         void* data = nullptr;
         uint32_t dataSize = 0;
-        uint32_t dataReceivedBytes = 0;
         uint32_t dataCapacity = 0;
-        uint32_t dataWrittenEnd = 0;
+        // Incoming: the data bytes that arrived. Outgoing: the response bytes that arrived.
+        ReceivedRanges received;
         zu::Event* event = nullptr;  // outgoing: sendRequest waits on it
     };
     struct ResponseRecord {
@@ -182,6 +187,7 @@ private:
     RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex);
     RequestRecord* addIncomingRequest(const pipe_protocol::Message& message);
     bool roomForUnfinishedRequest(uint32_t dataSize) const;
+    bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const;
     bool reserveRequestData(RequestRecord& request, uint32_t end);
     void dropIncomingRequest(size_t index);
     size_t countIncompleteNotifications() const;
@@ -232,6 +238,7 @@ private:
     std::atomic<uint64_t> m_droppedOverLimit{0};
     std::atomic<uint64_t> m_droppedStale{0};
     std::atomic<uint64_t> m_droppedEmptyText{0};
+    std::atomic<uint64_t> m_droppedOtherConnection{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,

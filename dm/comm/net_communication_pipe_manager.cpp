@@ -4,6 +4,7 @@
 #include "comm/net_communication_pipe_manager.h"
 
 #include "comm/pipe_protocol.h"
+#include "log_output.h"
 #include "zu/exception.h"
 #include "zu/thread.h"
 
@@ -231,10 +232,7 @@ bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& pac
         case pipe_protocol::kRequest:
         case pipe_protocol::kResponse:
         case pipe_protocol::kNotify:
-            // The pipe counts a malformed one; one for a pipe this end does not have is dropped.
-            if (NetCommunicationPipe* pipe = findPipe(message.pipeName)) {
-                pipe->receive(message);
-            }
+            deliverToPipe(socket, message);
             return true;
         case pipe_protocol::kOpenPipe:
             if (m_isServer && !message.malformed) {
@@ -260,6 +258,27 @@ bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& pac
             return socket.isConnected();
         default:
             return true;  // PipeRefused: the client simply asks again later
+    }
+}
+
+// The pipe counts a malformed one; one for a pipe this end does not have is dropped. A pipe
+// takes messages only from the connection it is attached to: another connection can neither
+// feed it requests nor answer its requests.
+void NetCommunicationPipeManager::deliverToPipe(const net::Socket& socket,
+                                                const pipe_protocol::Message& message) {
+    NetCommunicationPipe* pipe = nullptr;
+    bool attachedHere = false;
+    {
+        zu::ScopedLock lock(m_pipesLock);
+        if (PipeEntry* entry = findEntry(message.pipeName)) {
+            pipe = entry->pipe;
+            attachedHere = entry->socket == &socket;
+        }
+    }
+    if (pipe && attachedHere) {
+        pipe->receive(message);
+    } else if (pipe) {
+        pipe->countMessageFromOtherConnection();
     }
 }
 
@@ -293,25 +312,26 @@ void NetCommunicationPipeManager::onWelcome(net::Socket& socket,
 void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipeName) {
     NetCommunicationPipe* toAttach = nullptr;
     NetCommunicationPipe* created = nullptr;
+    bool takenOver = false;  // from another connection
     {
         zu::ScopedLock lock(m_pipesLock);
         PipeEntry* entry = findEntry(pipeName);
         if (!entry && m_createPipesOnRequest) {
-            try {
-                entry = createEntry(pipeName);
-                created = entry->pipe;
-            } catch (const zu::OutOfMemoryException&) {
-                // Refused below, as if creation were off; the client asks again later.
-            }
+            entry = createRequestedEntry(pipeName);
+            created = entry ? entry->pipe : nullptr;
         }
         if (!entry) {
             pipe_protocol::sendPipeRefused(socket, pipeName);
             return;
         }
         if (entry->socket != &socket) {
+            takenOver = entry->socket != nullptr;
             entry->socket = &socket;
             toAttach = entry->pipe;
         }
+    }
+    if (takenOver) {
+        toAttach->dropUnsentResponses();
     }
     // Attaching resets the pipe and calls its connection callback: outside the lock, so that
     // the callback may use the manager freely.
@@ -344,6 +364,32 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
     return found == m_pipes.end() ? nullptr : found->second;
 }
 
+// A pipe that a peer asks for. Refused (null) beyond the limit, and when making it fails for
+// want of memory or handles: the peer asks again later, and the manager's thread goes on.
+NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createRequestedEntry(
+    const char* pipeName) {
+    if (m_pipesCreatedOnRequest >= m_maxPipesCreatedOnRequest.load()) {
+        if (m_loggedPipeLimit) {
+            return nullptr;  // said once: a peer asking again and again fills no log
+        }
+        m_loggedPipeLimit = true;
+        logLine("PipeManager \"%s\": refused pipe \"%s\": %zu pipes made on request already\n",
+                copyName().c_str(), pipeName, m_pipesCreatedOnRequest);
+        return nullptr;
+    }
+    try {
+        PipeEntry* entry = createEntry(pipeName);
+        ++m_pipesCreatedOnRequest;
+        return entry;
+    } catch (const std::exception& error) {
+        logLine("PipeManager \"%s\": could not make pipe \"%s\": %s\n", copyName().c_str(),
+                pipeName, error.what());
+    } catch (...) {
+        logLine("PipeManager \"%s\": could not make pipe \"%s\"\n", copyName().c_str(), pipeName);
+    }
+    return nullptr;
+}
+
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry(
     const char* pipeName) {
     // Each step may run out of memory; what was made before it is given back.
@@ -363,12 +409,6 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry
         throw;
     }
     return entry;
-}
-
-NetCommunicationPipe* NetCommunicationPipeManager::findPipe(const char* pipeName) {
-    zu::ScopedLock lock(m_pipesLock);
-    PipeEntry* entry = findEntry(pipeName);
-    return entry ? entry->pipe : nullptr;
 }
 
 NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() {

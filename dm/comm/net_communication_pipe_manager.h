@@ -74,6 +74,12 @@ public:
     void setPipeCreateCallback(PipeCreateCallback callback) override;
     bool pipeExists(const char* pipeName) override;
 
+    // Pipes that peers may have this manager create with OpenPipe (when it creates pipes on
+    // request); OpenPipe for a new name beyond it is answered with PipeRefused. Pipes made with
+    // getPipe do not count.
+    static constexpr size_t kDefaultMaxPipesCreatedOnRequest = 1024;
+    void setMaxPipesCreatedOnRequest(size_t count) { m_maxPipesCreatedOnRequest.store(count); }
+
     // PipeOwner
     CommunicationPipeManager* getOwningManager() override { return this; }
     uint32_t getOwnerId() const override { return m_id.load(); }
@@ -137,9 +143,10 @@ private:
     void detachPipesFrom(const net::Socket* socket);
 
     // --- Helpers ---
-    PipeEntry* findEntry(const char* pipeName);    // pipesLock held
-    PipeEntry* createEntry(const char* pipeName);  // pipesLock held
-    NetCommunicationPipe* findPipe(const char* pipeName);
+    PipeEntry* findEntry(const char* pipeName);             // pipesLock held
+    PipeEntry* createEntry(const char* pipeName);           // pipesLock held
+    PipeEntry* createRequestedEntry(const char* pipeName);  // pipesLock held; null if refused
+    void deliverToPipe(const net::Socket& socket, const pipe_protocol::Message& message);
     Address copyAddress();
     zu::InplaceString<128> copyName();
     void setRemoteName(const char* name);
@@ -177,6 +184,9 @@ private:
     mutable zu::Mutex m_pipesLock;
     PipeMap m_pipes;
     zu::Vector<PipeEntry*> m_pipeOrder;
+    size_t m_pipesCreatedOnRequest = 0;
+    bool m_loggedPipeLimit = false;
+    std::atomic<size_t> m_maxPipesCreatedOnRequest{kDefaultMaxPipesCreatedOnRequest};
 
     // Manager thread only (and construction / destruction).
     net::Listener* m_listener = nullptr;

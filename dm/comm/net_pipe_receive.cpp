@@ -109,20 +109,28 @@ bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& messa
         return false;
     }
     if (chunk.size > 0) {
+        if (!justifiedByArrivedBytes(*request, chunk)) {
+            count(Drop::kOverLimit);
+            return false;
+        }
         if (!reserveRequestData(*request, chunk.offset + chunk.size)) {
             dropIncomingRequest(index);
             count(Drop::kOverLimit);
             return false;
         }
+        // Bytes that arrived before stay as they came: a chunk repeating or overlapping them
+        // is dropped, so that no byte counts twice toward the whole.
+        if (!request->received.add(chunk.offset, chunk.size)) {
+            count(Drop::kMalformed);
+            return false;
+        }
         std::memcpy(static_cast<uint8_t*>(request->data) + chunk.offset, chunk.bytes, chunk.size);
-        request->dataReceivedBytes += chunk.size;
-        request->dataWrittenEnd = std::max(request->dataWrittenEnd, chunk.offset + chunk.size);
         if (!chunk.endsPayload()) {
             return false;
         }
         // Ended with bytes missing (chunks out of order or lost): handing it out would give the
         // application memory that no chunk wrote.
-        if (request->dataReceivedBytes < request->dataSize) {
+        if (!request->received.covers(request->dataSize)) {
             dropIncomingRequest(index);
             count(Drop::kMalformed);
             return false;
@@ -162,6 +170,16 @@ bool NetCommunicationPipe::roomForUnfinishedRequest(uint32_t dataSize) const {
     return count <= kMaxUnfinishedIncoming && announced <= m_maxMessageSize.load();
 }
 
+// A chunk far beyond the bytes that arrived would make the buffer grow to what the request
+// announces, with almost nothing sent: the buffer may reach at most twice the bytes that came
+// (or the first buffer's size). A sender sends in order and never comes near this.
+bool NetCommunicationPipe::justifiedByArrivedBytes(const RequestRecord& request,
+                                                   const Chunk& chunk) const {
+    const uint64_t arrived = static_cast<uint64_t>(request.received.bytes()) + chunk.size;
+    const uint64_t end = static_cast<uint64_t>(chunk.offset) + chunk.size;
+    return end <= std::max<uint64_t>(2 * arrived, kMinRequestBuffer);
+}
+
 // Makes the request's buffer hold at least `end` bytes, growing it geometrically up to its
 // announced size. Only bytes that chunks wrote are copied over. False when out of memory.
 bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t end) {
@@ -177,7 +195,7 @@ bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t e
         return false;
     }
     if (request.data) {
-        std::memcpy(grown, request.data, request.dataWrittenEnd);
+        std::memcpy(grown, request.data, request.received.end());
     }
     zu::deleteMemory(request.data);
     request.data = grown;
@@ -218,7 +236,7 @@ void NetCommunicationPipe::onResponse(const pipe_protocol::Message& message) {
             return;
         }
         if (!storeResponseChunk(*request, message.text, message.chunk)) {
-            return;  // more chunks are to come
+            return;  // more chunks are to come, or the chunk was dropped
         }
         request->responseReceived = true;
         waiter = request->event;
@@ -228,12 +246,26 @@ void NetCommunicationPipe::onResponse(const pipe_protocol::Message& message) {
     waiter->signal();
 }
 
-// Returns true when the chunk completed the response.
+// Returns true when the chunk completed the response: it ends the payload and every byte of it
+// has arrived. A chunk repeating or overlapping bytes that arrived, or disagreeing with the
+// size the first one gave, is dropped; a response ending with bytes missing is dropped whole
+// and the request waits on, so that the caller never gets a buffer that no chunk wrote.
 bool NetCommunicationPipe::storeResponseChunk(RequestRecord& request, const char* text,
                                               const Chunk& chunk) {
+    const bool begun = request.received.bytes() > 0;
+    if ((begun && chunk.totalSize != request.responseSize) ||
+        (chunk.size == 0 && (chunk.totalSize > 0 || begun))) {
+        count(Drop::kMalformed);
+        return false;
+    }
     request.responseText = text;
     if (chunk.size == 0) {
+        request.responseSize = 0;
         return true;
+    }
+    if (!request.received.add(chunk.offset, chunk.size)) {
+        count(Drop::kMalformed);
+        return false;
     }
     request.responseSize = chunk.totalSize;
     // The caller's buffer takes what fits; the full size is still reported.
@@ -242,8 +274,16 @@ bool NetCommunicationPipe::storeResponseChunk(RequestRecord& request, const char
         std::memcpy(static_cast<uint8_t*>(request.responseBuffer) + chunk.offset, chunk.bytes,
                     fits);
     }
-    request.responseReceivedBytes += chunk.size;
-    return chunk.endsPayload();
+    if (!chunk.endsPayload()) {
+        return false;
+    }
+    if (!request.received.covers(chunk.totalSize)) {
+        request.received.clear();
+        request.responseSize = 0;
+        count(Drop::kMalformed);
+        return false;
+    }
+    return true;
 }
 
 // --- Notifications ---

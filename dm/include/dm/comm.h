@@ -115,6 +115,9 @@ struct PipeStatistics {
     // "nothing arrived" (a sender of this library never sends one; another may). Counted once
     // per message.
     uint64_t droppedEmptyText = 0;
+    // A Request, Response or Notify that came over a connection the pipe is not attached to:
+    // a pipe belongs to the connection that opened it last.
+    uint64_t droppedOtherConnection = 0;
 };
 
 // The manager's callbacks: a context pointer and a function, set when either is non-null.

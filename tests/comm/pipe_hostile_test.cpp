@@ -1,0 +1,277 @@
+// A peer that means harm, byte by byte: chunks that repeat, overlap or leave gaps must never
+// make the pipe hand out memory that no chunk wrote.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "comm/net_communication_pipe_manager.h"
+#include "comm/received_ranges.h"
+#include "support/loopback.h"
+#include "support/pipe_link.h"
+
+namespace {
+
+using dmtest::waitUntil;
+namespace pipewire = dmtest::pipewire;
+using Bytes = std::vector<uint8_t>;
+
+using HostileChunks = dmtest::HandWrittenPackets;
+
+Bytes joined(const Bytes& a, const Bytes& b, const Bytes& c) {
+    Bytes all = a;
+    all.insert(all.end(), b.begin(), b.end());
+    all.insert(all.end(), c.begin(), c.end());
+    return all;
+}
+
+TEST_F(HostileChunks, RepeatedChunkCountsOnceAndARequestWithAGapIsNeverHandedOut) {
+    const Bytes a(4, 0xAA), b(4, 0xBB), c(4, 0xCC);
+    // Repeated, then the end while bytes 4..8 never came: as many bytes as announced arrived.
+    deliver({pipewire::request("link", 0, 0, "gappy", 12, 0, 4, a.data()),
+             pipewire::request("link", 0, 0, "gappy", 12, 0, 4, a.data()),
+             pipewire::request("link", 0, 0, "gappy", 12, 8, 4, c.data())});
+    EXPECT_TRUE(pipe().receiveRequest(nullptr).empty());
+    EXPECT_EQ(0u, incomingRequests());
+    EXPECT_EQ(2u, statistics().droppedMalformed);
+
+    deliver({pipewire::request("link", 0, 0, "whole", 12, 0, 4, a.data()),
+             pipewire::request("link", 0, 0, "whole", 12, 4, 4, b.data()),
+             pipewire::request("link", 0, 0, "whole", 12, 8, 4, c.data())});
+    ASSERT_STREQ("whole", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(12u, size);
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    EXPECT_EQ(joined(a, b, c), Bytes(bytes, bytes + 12));
+}
+
+TEST_F(HostileChunks, OverlappingRequestChunkIsDroppedAndTheRestStillCompletes) {
+    const Bytes a(6, 0x11), b(6, 0x22);
+    deliver({pipewire::request("link", 0, 0, "overlap", 8, 0, 6, a.data()),
+             pipewire::request("link", 0, 0, "overlap", 8, 2, 6, b.data())});
+    EXPECT_TRUE(pipe().receiveRequest(nullptr).empty());
+    EXPECT_EQ(1u, statistics().droppedMalformed);
+
+    deliver(pipewire::request("link", 0, 0, "overlap", 8, 6, 2, b.data()));
+    ASSERT_STREQ("overlap", pipe().receiveRequest(nullptr).c_str());
+    void* data = nullptr;
+    uint32_t size = 0;
+    pipe().getRequestData(&data, &size);
+    ASSERT_EQ(8u, size);
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    EXPECT_EQ((Bytes{0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x22, 0x22}), Bytes(bytes, bytes + 8));
+}
+
+TEST_F(HostileChunks, ScatteredChunksBeyondAFewGapsAreRefused) {
+    // Every fourth byte first, then the rest: more gaps at once than a sender leaves are refused.
+    const Bytes byte(1, 0x77);
+    for (uint32_t offset = 0; offset < 64; offset += 4) {
+        deliver(pipewire::request("link", 0, 0, "holes", 64, offset, 1, byte.data()));
+    }
+    EXPECT_EQ(16u - dm::ReceivedRanges::kMaxRanges, statistics().droppedMalformed);
+    EXPECT_EQ(1u, incomingRequests());
+}
+
+TEST_F(HostileChunks, BufferGrowsOnlyWithBytesThatArrived) {
+    // Out of order, but within what arrived: taken.
+    constexpr uint32_t kPart = 100 * 1024;
+    const Bytes part(kPart, 0x3C);
+    deliver({pipewire::request("link", 0, 0, "near", 3 * kPart, kPart, kPart, part.data()),
+             pipewire::request("link", 0, 0, "near", 3 * kPart, 0, kPart, part.data()),
+             pipewire::request("link", 0, 0, "near", 3 * kPart, 2 * kPart, kPart, part.data())});
+    EXPECT_STREQ("near", pipe().receiveRequest(nullptr).c_str());
+
+    // Two bytes announcing 64 MiB: the far one would make the buffer as large as announced.
+    constexpr uint32_t kAnnounced = 64u * 1024u * 1024u;
+    deliver({pipewire::request("link", 1, 0, "huge", kAnnounced, 0, 1, "a"),
+             pipewire::request("link", 1, 0, "huge", kAnnounced, kAnnounced - 1, 1, "z")});
+    EXPECT_EQ(1u, statistics().droppedOverLimit);
+    EXPECT_EQ(0u, statistics().droppedMalformed);
+}
+
+// Sends a request from the pipe with a response buffer, on a thread of its own.
+class BufferedRequest {
+public:
+    BufferedRequest(dm::NetCommunicationPipe& pipe, uint32_t capacity)
+        : m_pipe(pipe), m_buffer(capacity, 0xEE), m_thread([this] {
+              m_text =
+                  m_pipe.sendRequest("give", 0, m_buffer.data(),
+                                     static_cast<uint32_t>(m_buffer.size()), &m_size, nullptr, 0);
+              m_done = true;
+          }) {}
+    ~BufferedRequest() {
+        for (uint32_t tries = 0; tries < 4 && !m_done; ++tries) {
+            dmtest::deliverTo(m_pipe, pipewire::response(m_pipe.getName(), 0, ""));
+        }
+        m_thread.join();
+    }
+    bool done() const { return m_done.load(); }
+    const Bytes& buffer() const { return m_buffer; }
+    uint32_t size() const { return m_size; }
+
+private:
+    dm::NetCommunicationPipe& m_pipe;
+    Bytes m_buffer;
+    uint32_t m_size = 0;
+    zu::InplaceString<128> m_text;
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
+
+TEST_F(HostileChunks, ResponseCompletesOnlyWithEveryByteArrived) {
+    BufferedRequest request(pipe(), 12);
+    ASSERT_TRUE(waitUntil([&] { return pipe().getStatistics().outgoingRequests; }));
+    const Bytes a(4, 0xAA), b(4, 0xBB), c(4, 0xCC);
+    deliver(pipewire::response("link", 0, "answer", 12, 8, 4, c.data()));  // the end alone
+    deliver(pipewire::response("link", 0, "answer", 12, 0, 4, a.data()));
+    deliver(pipewire::response("link", 0, "answer", 12, 0, 4, a.data()));  // repeated
+    deliver(pipewire::response("link", 0, "answer", 12, 0, 0, nullptr));   // empty, not whole
+    deliver(pipewire::response("link", 0, "answer", 12, 8, 4, c.data()));  // 4..8 missing
+    EXPECT_FALSE(request.done());
+    EXPECT_EQ(4u, statistics().droppedMalformed);
+
+    deliver({pipewire::response("link", 0, "answer", 12, 0, 4, a.data()),
+             pipewire::response("link", 0, "answer", 12, 4, 4, b.data()),
+             pipewire::response("link", 0, "answer", 12, 8, 4, c.data())});
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_EQ(12u, request.size());
+    EXPECT_EQ(joined(a, b, c), request.buffer());
+}
+
+}  // namespace
+
+namespace {
+
+using dmtest::nextPacket;
+
+// The kind and pipe name of the next packet the server sends on `socket`.
+pipewire::Message nextMessage(net::Socket& socket) {
+    net::Packet* packet = nextPacket(socket);
+    return packet ? pipewire::read(*packet) : pipewire::Message();
+}
+
+TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("hostile-creation", 0, 9, true);
+    static_cast<dm::NetCommunicationPipeManager*>(server)->setMaxPipesCreatedOnRequest(3);
+    server->getPipe("own");
+    uint32_t port = 0;
+    server->getHost(&port);
+    net::Socket peer;
+    ASSERT_TRUE(peer.connect("127.0.0.1", port));
+    ASSERT_EQ(pipewire::kWelcome, nextMessage(peer).kind);
+
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "asked-" + std::to_string(i);
+        peer.sendPacket(pipewire::openPipe(name.c_str(), "flooder"));
+        const pipewire::Message answer = nextMessage(peer);
+        EXPECT_EQ(name, answer.first);
+        EXPECT_EQ(i < 3 ? pipewire::kPipeOpened : pipewire::kPipeRefused, answer.kind) << name;
+    }
+    EXPECT_FALSE(server->pipeExists("asked-3"));
+    // Pipes that exist are still opened: the application's own, and those made before.
+    peer.sendPacket(pipewire::openPipe("own", "flooder"));
+    EXPECT_EQ(pipewire::kPipeOpened, nextMessage(peer).kind);
+    peer.sendPacket(pipewire::openPipe("asked-0", "flooder"));
+    EXPECT_EQ(pipewire::kPipeOpened, nextMessage(peer).kind);
+    peer.close();
+    dm::deinitCommunicationManager("hostile-creation");
+}
+
+// The next Request, Response or Notify on `socket`, skipping handshake messages.
+pipewire::Message nextPipeMessage(net::Socket& socket) {
+    for (int skipped = 0; skipped < 16; ++skipped) {
+        pipewire::Message message = nextMessage(socket);
+        if (message.kind < pipewire::kOpenPipe || message.kind == pipewire::kRequest ||
+            message.kind == pipewire::kResponse || message.kind == pipewire::kNotify) {
+            return message;
+        }
+    }
+    return pipewire::Message();
+}
+
+// Sends at once: a raw socket otherwise sends only when it is next updated.
+void send(net::Socket& socket, const net::Packet& packet) {
+    socket.sendPacket(packet);
+    socket.update();
+}
+
+TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("hostile-hijack", 0, 9, false);
+    dm::CommunicationPipe* pipe = server->getPipe("owned");
+    uint32_t port = 0;
+    server->getHost(&port);
+    net::Socket owner, stranger;
+    ASSERT_TRUE(owner.connect("127.0.0.1", port));
+    ASSERT_TRUE(stranger.connect("127.0.0.1", port));
+    send(owner, pipewire::openPipe("owned", "owner"));
+    ASSERT_EQ(pipewire::kWelcome, nextMessage(owner).kind);
+    ASSERT_EQ(pipewire::kPipeOpened, nextMessage(owner).kind);
+
+    // The stranger's request and notification never reach the pipe; the owner's do.
+    send(stranger, pipewire::request("owned", 5, 0, "poison"));
+    send(stranger, pipewire::notify("owned", 0, 0, 3, 0, 3, "bad"));
+    send(owner, pipewire::request("owned", 0, 0, "mine"));
+    zu::InplaceString<128> text;
+    ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));
+    EXPECT_STREQ("mine", text.c_str());
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).droppedOtherConnection == 2; }));
+    EXPECT_TRUE(pipe->receiveNotify(nullptr).empty());
+
+    // Nor can it answer the pipe's requests.
+    std::atomic<bool> answered{false};
+    std::thread asking([&] {
+        pipe->sendRequest("question", 0, nullptr, 0, nullptr, nullptr, 0);
+        answered = true;
+    });
+    ASSERT_EQ(pipewire::kRequest, nextPipeMessage(owner).kind);
+    send(stranger, pipewire::response("owned", 0, "forged"));
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).droppedOtherConnection == 3; }));
+    EXPECT_FALSE(answered.load());
+    send(owner, pipewire::response("owned", 0, "real"));
+    ASSERT_TRUE(waitUntil([&] { return answered.load(); }));
+    asking.join();
+    owner.close();
+    stranger.close();
+    dm::deinitCommunicationManager("hostile-hijack");
+}
+
+TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
+    dm::CommunicationPipeManager* server =
+        dm::initCommunicationManagerAsServer("hostile-takeover", 0, 9, false);
+    dm::CommunicationPipe* pipe = server->getPipe("taken");
+    uint32_t port = 0;
+    server->getHost(&port);
+    net::Socket first, second;
+    ASSERT_TRUE(first.connect("127.0.0.1", port));
+    send(first, pipewire::openPipe("taken", "first"));
+    send(first, pipewire::request("taken", 0, 0, "big answer"));
+    ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
+    // Far more than the connection takes while the first peer does not read.
+    const Bytes answer(32u * 1024u * 1024u, 0x5F);
+    std::thread responding(
+        [&] { pipe->respond("for first", answer.data(), static_cast<uint32_t>(answer.size())); });
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 1; }));
+
+    ASSERT_TRUE(second.connect("127.0.0.1", port));
+    send(second, pipewire::openPipe("taken", "second"));
+    ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 0; }));
+    responding.join();
+    send(second, pipewire::request("taken", 0, 0, "own question"));
+    ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
+    pipe->respond("for second", nullptr, 0);
+    const pipewire::Message received = nextPipeMessage(second);
+    EXPECT_EQ(pipewire::kResponse, received.kind);
+    EXPECT_EQ("for second", received.text);
+    first.close();
+    second.close();
+    dm::deinitCommunicationManager("hostile-takeover");
+}
+
+}  // namespace
