@@ -10,6 +10,8 @@
 //   storm        4 threads connect and drop 2,000 connections as fast as they can
 //   noread       a peer floods 1 KiB notifications for 4 s and never reads; the server echoes
 //                each one back (as dm-pipe-echo does)
+//   stalled      as noread, but the server's application takes nothing at all (3 s, 512 MiB
+//                at most); process CPU shows whether the server spins while it waits
 //   queues       40,000 notifications, then 40,000 requests, arrive on one pipe and are taken
 //                (no network; the "legit." column is the time to take them all)
 //   descriptors  the process's descriptor table is full and 32 peers connect to a pipe server
@@ -236,14 +238,9 @@ struct Attack {
 };
 
 const Attack kAttacks[] = {
-    {"overlap", attackOverlap},
-    {"announce", attackAnnounce},
-    {"pipes", attackPipes},
-    {"storm", attackStorm},
-    {"noread", attackNoRead},
-    {"queues", attackQueues},
-    {"descriptors", attackDescriptors},
-    {"flood", attackFlood},
+    {"overlap", attackOverlap},     {"announce", attackAnnounce},       {"pipes", attackPipes},
+    {"storm", attackStorm},         {"noread", attackNoRead},           {"stalled", attackStalled},
+    {"queues", attackQueues},       {"descriptors", attackDescriptors}, {"flood", attackFlood},
     {"tokenizer", attackTokenizer},
 };
 

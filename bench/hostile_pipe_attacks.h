@@ -223,6 +223,38 @@ inline void attackNoRead() {
                  " MiB sent; process CPU " + std::to_string(static_cast<int>(cpuPercent)) + "%");
 }
 
+// As noread, but the server's application takes nothing at all for 3 s (at most 512 MiB).
+inline void attackStalled() {
+    const double startMiB = residentMiB();
+    bench::PipeRig rig(1, false);
+    RawPeer peer(rig.port());
+    peer.open("stalled");
+    LegitimateProbe probe(rig);
+    const std::string text(1024, 's');
+    uint64_t sentBytes = 0;
+    const double cpuBefore = cpuMs();
+    const auto start = Clock::now();
+    for (uint32_t id = 0; msSince(start) < 3000.0 && sentBytes < (512u << 20); ++id) {
+        net::Packet notify(dm::pipe_protocol::kPipePacketId);
+        notify << kNotifyKind << "stalled" << id << 1u << 1024u << 0u << 1024u;
+        notify.write(text.data(), 1024);
+        if (peer.socket().getQueuedSendBytes() < (4u << 20)) {
+            peer.socket().sendPacket(notify);
+            sentBytes += 1024;
+        } else {
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+        peer.socket().update();
+    }
+    const double cpuPercent = 100.0 * (cpuMs() - cpuBefore) / msSince(start);
+    probe.stop();
+    const dm::PipeStatistics stats = dm::getPipeStatistics(rig.server().getPipe("stalled"));
+    printRow("stalled", startMiB, median(probe.trips()), "pipe round trip, median",
+             tripsNote(probe.trips()) + "; " + std::to_string(sentBytes >> 20) + " MiB sent, " +
+                 std::to_string(stats.incomingNotifications) + " queued; process CPU " +
+                 std::to_string(static_cast<int>(cpuPercent)) + "%");
+}
+
 // Hands `packet` to the pipe as its manager would.
 inline void receiveOn(dm::NetCommunicationPipe& pipe, const net::Packet& packet) {
     net::Packet readable;
