@@ -4,8 +4,8 @@
 // pipe client makes request round trips with (one every 2 ms) during the attack:
 //
 //   overlap      a peer sends 20,000 request chunks that repeat and overlap each other
-//   announce     a peer opens 6 pipes and sends on each 16 requests of two 1-byte chunks that
-//                announce 512 MiB (the first byte, and one further out)
+//   announce     a peer opens 6 pipes and sends on each, for 2 s, requests of two 1-byte chunks
+//                that announce 512 MiB (the first byte, and one 200 KiB further out)
 //   pipes        a peer asks for 20,000 different pipes
 //   storm        4 threads connect and drop 2,000 connections as fast as they can
 //   noread       a peer floods 1 KiB notifications for 4 s and never reads; the server echoes

@@ -136,12 +136,17 @@ inline void attackAnnounce() {
     LegitimateProbe probe(rig);
     constexpr uint32_t kAnnounced = 512u << 20;
     for (int p = 0; p < 6; ++p) {
-        const std::string pipe = "announce-" + std::to_string(p);
-        peer.open(pipe.c_str());
-        for (uint32_t id = 0; id < 16; ++id) {
+        peer.open(("announce-" + std::to_string(p)).c_str());
+    }
+    // Round after round for 2 s, each with new ids.
+    const auto start = Clock::now();
+    for (uint32_t id = 0; msSince(start) < 2000.0; ++id) {
+        for (int p = 0; p < 6; ++p) {
+            const std::string pipe = "announce-" + std::to_string(p);
             peer.send(requestChunk(pipe.c_str(), id, kAnnounced, 0, 1, "a"));
             peer.send(requestChunk(pipe.c_str(), id, kAnnounced, 200 * 1024, 1, "z"));
         }
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
     peer.drain();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -191,6 +196,29 @@ inline void attackStorm() {
              tripsNote(probe.trips()));
 }
 
+// Sends 1 KiB notifications on `pipe` for `ms` (or until `maxBytes`), as fast as the peer's
+// socket hands them on, and never reads. Returns the bytes sent.
+inline uint64_t flood(RawPeer& peer, const char* pipe, Clock::time_point start, double ms,
+                      uint64_t maxBytes) {
+    const std::string text(1024, 'f');
+    uint64_t sentBytes = 0;
+    for (uint32_t id = 0; msSince(start) < ms && sentBytes < maxBytes;) {
+        for (int batch = 0; batch < 64 && peer.socket().getQueuedSendBytes() < (4u << 20);
+             ++batch, ++id) {
+            net::Packet notify(dm::pipe_protocol::kPipePacketId);
+            notify << kNotifyKind << pipe << id << 1u << 1024u << 0u << 1024u;
+            notify.write(text.data(), 1024);
+            peer.socket().sendPacket(notify);
+            sentBytes += 1024;
+        }
+        peer.socket().update();
+        if (peer.socket().getQueuedSendBytes() >= (4u << 20)) {
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    }
+    return sentBytes;
+}
+
 inline void attackNoRead() {
     const double startMiB = residentMiB();
     bench::PipeRig rig(1, false);
@@ -198,23 +226,9 @@ inline void attackNoRead() {
     peer.open("echoed");
     dmtest::EchoResponder echo(rig.server().getPipe("echoed"));
     LegitimateProbe probe(rig);
-    const std::string text(1024, 'n');
-    uint64_t sentBytes = 0;
     const double cpuBefore = cpuMs();
     const auto start = Clock::now();
-    for (uint32_t id = 0; msSince(start) < 4000.0; ++id) {
-        net::Packet notify(dm::pipe_protocol::kPipePacketId);
-        notify << kNotifyKind << "echoed" << id << 1u << 1024u << 0u << 1024u;
-        notify.write(text.data(), 1024);
-        // Never reads: only what the server takes leaves.
-        if (peer.socket().getQueuedSendBytes() < (4u << 20)) {
-            peer.socket().sendPacket(notify);
-            sentBytes += 1024;
-        } else {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        peer.socket().update();
-    }
+    const uint64_t sentBytes = flood(peer, "echoed", start, 4000.0, UINT64_MAX);
     const double cpuPercent = 100.0 * (cpuMs() - cpuBefore) / msSince(start);
     probe.stop();
     echo.stop();
@@ -230,22 +244,9 @@ inline void attackStalled() {
     RawPeer peer(rig.port());
     peer.open("stalled");
     LegitimateProbe probe(rig);
-    const std::string text(1024, 's');
-    uint64_t sentBytes = 0;
     const double cpuBefore = cpuMs();
     const auto start = Clock::now();
-    for (uint32_t id = 0; msSince(start) < 3000.0 && sentBytes < (512u << 20); ++id) {
-        net::Packet notify(dm::pipe_protocol::kPipePacketId);
-        notify << kNotifyKind << "stalled" << id << 1u << 1024u << 0u << 1024u;
-        notify.write(text.data(), 1024);
-        if (peer.socket().getQueuedSendBytes() < (4u << 20)) {
-            peer.socket().sendPacket(notify);
-            sentBytes += 1024;
-        } else {
-            std::this_thread::sleep_for(std::chrono::microseconds(500));
-        }
-        peer.socket().update();
-    }
+    const uint64_t sentBytes = flood(peer, "stalled", start, 3000.0, 512ull << 20);
     const double cpuPercent = 100.0 * (cpuMs() - cpuBefore) / msSince(start);
     probe.stop();
     const dm::PipeStatistics stats = dm::getPipeStatistics(rig.server().getPipe("stalled"));
