@@ -13,8 +13,10 @@ namespace dm {
 
 class ConnectionBudget {
 public:
-    // Unfinished incoming data a connection may hold, all its pipes together, by default.
-    static constexpr uint64_t kDefaultMaxUnfinished = 64ull * 1024 * 1024;
+    // Unfinished incoming data a connection may hold, all its pipes together, by default: the
+    // default message size limit, so that any message a pipe takes can still arrive, while
+    // many pipes cannot add up more than one may hold.
+    static constexpr uint64_t kDefaultMaxUnfinished = 512ull * 1024 * 1024;
     // Whole messages not yet taken, by default, from which on the connection is not read.
     static constexpr uint64_t kDefaultMaxQueued = 64ull * 1024 * 1024;
 

@@ -246,10 +246,11 @@ DM_API PipeStatistics getPipeStatistics(const CommunicationPipe* pipe);
 DM_API bool setPipeMaxMessageSize(CommunicationPipe* pipe, uint32_t bytes);
 // Bounds, per connection of a manager made by the registry (all pipes attached to it
 // together), what peers can make it hold:
-// - `maxUnfinishedBytes` (64 MiB unless set): data of incoming messages still arriving. A chunk
-//   that would take it further is dropped with the rest of its message (counted in
-//   droppedConnectionLimit), never allocated; so no request with more data than this can
-//   arrive, whatever the pipe's message size limit.
+// - `maxUnfinishedBytes` (512 MiB unless set, the default message size limit): data of incoming
+//   messages still arriving. A chunk that would take it further is dropped with the rest of its
+//   message (counted in droppedConnectionLimit), never allocated; so no request with more data
+//   than this can arrive, whatever the pipe's message size limit. Buffers grow only with bytes
+//   that arrived, so what is held stays near what peers really sent.
 // - `maxQueuedBytes` (64 MiB unless set): whole incoming messages the application has not
 //   taken yet. From this on, the manager stops reading the connection (TCP then holds the
 //   sender back; its other connections are served as before) and reads on as soon as the
