@@ -51,7 +51,9 @@ inline const uint8_t* bigPayload() {
 
 class PipeRig {
 public:
-    explicit PipeRig(int channels) {
+    // Without `canAnswerBig`, "big" is echoed like any request, and the 64 MiB answer is never
+    // made (it would dominate the process's memory).
+    explicit PipeRig(int channels, bool canAnswerBig = true) {
         const std::string client = m_link.addClient();
         for (int c = 0; c < channels; ++c) {
             const std::string name = "bench-" + std::to_string(c);
@@ -61,7 +63,9 @@ public:
             }
             m_pipes.push_back(ends.client);
             m_responders.push_back(std::make_unique<dmtest::EchoResponder>(ends.server));
-            m_responders.back()->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
+            if (canAnswerBig) {
+                m_responders.back()->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
+            }
         }
         m_ready = true;
     }
@@ -69,6 +73,9 @@ public:
     PipeRig& operator=(const PipeRig&) = delete;
 
     bool ready() const { return m_ready; }
+    // The server's port, for peers of other kinds.
+    uint32_t port() const { return m_link.port(); }
+    dm::CommunicationPipeManager& server() { return m_link.server(); }
     size_t echo(int channel, const uint8_t* data, size_t size, uint8_t* answer) {
         uint32_t got = 0;
         m_pipes[channel]->sendRequest("echo", 0, answer, static_cast<uint32_t>(size), &got, data,

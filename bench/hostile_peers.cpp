@@ -1,14 +1,28 @@
 // Hostile peers against a game: each attack runs in a child process of its own (so that its
 // peak resident memory is its own) while a legitimate peer measures what the game still gives
-// it. One table row per attack:
+// it. One table row per attack. The pipe attacks go against a pipe server that a legitimate
+// pipe client makes request round trips with (one every 2 ms) during the attack:
 //
-//   descriptors  the process's descriptor table is full and 32 peers connect to a pipe server;
-//                a pipe client already connected makes request round trips meanwhile
+//   overlap      a peer sends 20,000 request chunks that repeat and overlap each other
+//   announce     a peer opens 6 pipes and sends on each, for 2 s, requests of two 1-byte chunks
+//                that announce 512 MiB (the first byte, and one 200 KiB further out)
+//   pipes        a peer asks for 20,000 different pipes
+//   storm        4 threads connect and drop 2,000 connections as fast as they can
+//   noread       a peer floods 1 KiB notifications for 4 s and never reads; the server echoes
+//                each one back (as dm-pipe-echo does)
+//   stalled      as noread, but the server's application takes nothing at all (3 s, 512 MiB
+//                at most); process CPU shows whether the server spins while it waits
+//   queues       40,000 notifications, then 40,000 requests, arrive on one pipe and are taken
+//                (no network; the "legit." column is the time to take them all)
+//   descriptors  the process's descriptor table is full and 32 peers connect to a pipe server
 //   flood        four monitors send requests as fast as TCP takes them; a fifth asks the game
 //                for an answer (request -> printed reply) and the game's frame time is taken
 //   tokenizer    the console prints a 64 KiB line "1.1.1.…x"; then a legitimate 80-character line
 //
-//   hostile_peers [descriptors|flood|tokenizer]   (all three when none is named)
+//   hostile_peers [ATTACK]                  all attacks, or the one named
+//   hostile_peers --before OLD_BINARY [ATTACK]
+//       runs each attack in OLD_BINARY (this benchmark built against an older library) too and
+//       prints one table with both peaks and round trips
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -27,70 +41,14 @@
 #include "bench_comm_rigs.h"
 #include "dm/console.h"
 #include "dm/monitor.h"
+#include "hostile_measure.h"
+#include "hostile_pipe_attacks.h"
 #include "net/packet.h"
 #include "net/socket.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double msSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    if (values.empty()) {
-        return -1.0;
-    }
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-double percentile99(std::vector<double> values) {
-    if (values.empty()) {
-        return -1.0;
-    }
-    std::sort(values.begin(), values.end());
-    return values[values.size() * 99 / 100];
-}
-
-std::string fixed(double value) {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%.3f", value);
-    return text;
-}
-
-double residentMiB() {
-    long size = 0;
-    long pages = 0;
-    if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
-        if (std::fscanf(statm, "%ld %ld", &size, &pages) != 2) {
-            pages = 0;
-        }
-        std::fclose(statm);
-    }
-    return static_cast<double>(pages) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1048576.0;
-}
-
-double peakResidentMiB() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-double cpuMs() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    auto ms = [](const timeval& time) { return time.tv_sec * 1000.0 + time.tv_usec / 1000.0; };
-    return ms(usage.ru_utime) + ms(usage.ru_stime);
-}
-
-void printRow(const char* attack, double startMiB, double legitimateMs, const char* what,
-              const std::string& note) {
-    std::printf("| %-11s | %8.1f | %8.1f | %10.3f | %-24s | %s\n", attack, startMiB,
-                peakResidentMiB(), legitimateMs, what, note.c_str());
-    std::fflush(stdout);
-}
+using namespace hostile;
 
 // --- descriptors ---
 
@@ -102,19 +60,10 @@ int openDescriptorCount() {
     return count;
 }
 
-double roundTripMs(bench::PipeRig& rig) {
-    uint8_t data[bench::kSmallSize] = {1, 2, 3};
-    uint8_t answer[bench::kSmallSize];
-    const auto start = Clock::now();
-    rig.echo(0, data, sizeof(data), answer);
-    return msSince(start);
-}
-
 void attackDescriptors() {
     const double startMiB = residentMiB();
-    bench::PipeRig rig(1);
-    uint32_t port = 0;
-    dm::getCommunicationPipeManager("bench-pipe-server")->getHost(&port);
+    bench::PipeRig rig(1, false);
+    const uint32_t port = rig.port();
     // Warm up first: the pipes keep the events of finished calls for the next ones, so that the
     // round trips below need no new descriptor.
     std::vector<double> quiet;
@@ -283,6 +232,18 @@ void attackTokenizer() {
              "the 64 KiB line took " + fixed(attackMs) + " ms");
 }
 
+struct Attack {
+    const char* name;
+    void (*run)();
+};
+
+const Attack kAttacks[] = {
+    {"overlap", attackOverlap},     {"announce", attackAnnounce},       {"pipes", attackPipes},
+    {"storm", attackStorm},         {"noread", attackNoRead},           {"stalled", attackStalled},
+    {"queues", attackQueues},       {"descriptors", attackDescriptors}, {"flood", attackFlood},
+    {"tokenizer", attackTokenizer},
+};
+
 void runInChild(void (*attack)()) {
     const pid_t child = fork();
     if (child == 0) {
@@ -294,23 +255,83 @@ void runInChild(void (*attack)()) {
     waitpid(child, &status, 0);
 }
 
+// The ROW line that `binary --row attack` prints, split at tabs (empty when it printed none).
+std::vector<std::string> rowOf(const std::string& binary, const char* attack) {
+    const std::string command = "'" + binary + "' --row " + attack;
+    std::vector<std::string> fields;
+    FILE* output = popen(command.c_str(), "r");
+    if (!output) {
+        return fields;
+    }
+    char line[4096];
+    while (std::fgets(line, sizeof(line), output)) {
+        if (std::strncmp(line, "ROW\t", 4) != 0) {
+            continue;
+        }
+        std::string rest(line + 4);
+        rest.erase(rest.find_last_not_of("\r\n") + 1);
+        for (size_t at; (at = rest.find('\t')) != std::string::npos; rest.erase(0, at + 1)) {
+            fields.push_back(rest.substr(0, at));
+        }
+        fields.push_back(rest);
+    }
+    pclose(output);
+    return fields;
+}
+
+// Each attack in the older binary and in this one, alternating, on one table.
+void compare(const std::string& before, const std::string& self, const std::string& only) {
+    std::printf(
+        "| attack      | peak MiB before | peak MiB after | legit. ms before | legit. ms "
+        "after | before: note / after: note\n");
+    std::printf(
+        "|-------------|-----------------|----------------|------------------|----------"
+        "------|----\n");
+    for (const Attack& attack : kAttacks) {
+        if (!only.empty() && only != attack.name) {
+            continue;
+        }
+        const std::vector<std::string> old = rowOf(before, attack.name);
+        const std::vector<std::string> now = rowOf(self, attack.name);
+        auto field = [](const std::vector<std::string>& row, size_t i) {
+            return i < row.size() ? row[i] : std::string("(failed)");
+        };
+        std::printf("| %-11s | %15s | %14s | %16s | %15s | %s / %s\n", attack.name,
+                    field(old, 1).c_str(), field(now, 1).c_str(), field(old, 2).c_str(),
+                    field(now, 2).c_str(), field(old, 3).c_str(), field(now, 3).c_str());
+        std::fflush(stdout);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string only = argc > 1 ? argv[1] : "";
-    std::printf(
-        "| attack      | RSS MiB  | peak MiB | legit. ms  | measured                 | note\n");
-    std::printf(
-        "|-------------|----------|----------|------------|--------------------------|-----\n");
-    std::fflush(stdout);
-    if (only.empty() || only == "descriptors") {
-        runInChild(attackDescriptors);
+    std::vector<std::string> args(argv + 1, argv + argc);
+    std::string before;
+    if (args.size() >= 2 && args[0] == "--before") {
+        before = args[1];
+        args.erase(args.begin(), args.begin() + 2);
     }
-    if (only.empty() || only == "flood") {
-        runInChild(attackFlood);
+    if (!args.empty() && args[0] == "--row") {
+        g_rowOnly = true;
+        args.erase(args.begin());
     }
-    if (only.empty() || only == "tokenizer") {
-        runInChild(attackTokenizer);
+    const std::string only = args.empty() ? "" : args[0];
+    if (!before.empty()) {
+        compare(before, argv[0], only);
+        return 0;
+    }
+    if (!g_rowOnly) {
+        std::printf(
+            "| attack      | RSS MiB  | peak MiB | legit. ms  | measured                 | note\n");
+        std::printf(
+            "|-------------|----------|----------|------------|--------------------------|-----\n");
+        std::fflush(stdout);
+    }
+    for (const Attack& attack : kAttacks) {
+        if (only.empty() || only == attack.name) {
+            runInChild(attack.run);
+        }
     }
     return 0;
 }

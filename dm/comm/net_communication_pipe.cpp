@@ -1,5 +1,7 @@
 // NetCommunicationPipe: the queues, the blocking calls and the manager's send step. The
 // receive handlers are in net_pipe_receive.cpp.
+#include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "comm/net_communication_pipe.h"
@@ -36,11 +38,8 @@ bool refuseEmptyText(const char* text, const char* what, const char* pipeName) {
 
 NetCommunicationPipe::NetCommunicationPipe(PipeOwner* owner, const char* name)
     : m_owner(owner), m_name(orEmpty(name)) {
-    m_incomingRequests.reserve(kInitialQueueRoom);
-    m_incomingNotifications.reserve(kInitialQueueRoom);
-    m_outgoingRequests.reserve(kInitialQueueRoom);
-    m_outgoingNotifications.reserve(kInitialQueueRoom);
-    m_outgoingResponses.reserve(kInitialQueueRoom);
+    m_partialRequests.reserve(kInitialQueueRoom);
+    m_partialNotifications.reserve(kInitialQueueRoom);
     m_pumpResponses.reserve(kMaxSentPerPump);
     m_pumpRequests.reserve(kMaxSentPerPump);
     m_pumpNotifications.reserve(kMaxSentPerPump);
@@ -49,6 +48,7 @@ NetCommunicationPipe::NetCommunicationPipe(PipeOwner* owner, const char* name)
 
 NetCommunicationPipe::~NetCommunicationPipe() {
     close();
+    m_budget = nullptr;  // the connection's budget may have gone with the connection
     freeIncomingRequests();
     zu::deleteMemory(m_currentRequest.data);
     for (zu::Event* event : m_spareEvents) {
@@ -75,10 +75,14 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
     sizes.droppedStale = m_droppedStale.load();
     sizes.droppedEmptyText = m_droppedEmptyText.load();
     sizes.droppedOtherConnection = m_droppedOtherConnection.load();
+    sizes.droppedConnectionLimit = m_droppedConnectionLimit.load();
     {
         zu::ScopedLock lock(m_incomingLock);
-        sizes.incomingRequests = m_incomingRequests.size();
-        sizes.incomingNotifications = m_incomingNotifications.size();
+        sizes.incomingRequests = m_incomingRequests.size() + m_partialRequests.size();
+        sizes.incomingNotifications =
+            m_incomingNotifications.size() + m_partialNotifications.size();
+        sizes.unfinishedIncomingBytes = m_unfinishedCharge;
+        sizes.queuedIncomingBytes = m_queuedCharge;
     }
     zu::ScopedLock lock(m_outgoingLock);
     sizes.outgoingRequests = m_outgoingRequests.size();
@@ -93,12 +97,20 @@ bool NetCommunicationPipe::sendNotify(const char* text, uint32_t value) {
     if (refuseEmptyText(text, "notification", m_name.c_str()) || !isConnected()) {
         return false;  // notifications are never kept for a later connection
     }
+    const size_t length = std::strlen(text);
     {
         zu::ScopedLock lock(m_outgoingLock);
+        const bool full = m_outgoingNotifications.size() >= kMaxQueuedNotifications ||
+                          (!m_outgoingNotifications.empty() &&
+                           m_outgoingNotificationBytes + length > kMaxQueuedNotificationBytes);
+        if (full) {
+            return false;  // the peer does not take what was sent; the caller may try later
+        }
         NotificationRecord& notification = m_outgoingNotifications.emplace_back();
         notification.id = m_nextNotifyId++;
         notification.value = value;
-        notification.text = orEmpty(text);
+        notification.text = text;
+        m_outgoingNotificationBytes += length;
     }
     m_wakeEvent.signal();
     return true;
@@ -107,18 +119,16 @@ bool NetCommunicationPipe::sendNotify(const char* text, uint32_t value) {
 zu::InplaceString<128> NetCommunicationPipe::receiveNotify(uint32_t* outValue) {
     zu::ScopedLock lock(m_incomingLock);
     // Only the oldest is looked at: an incomplete one holds back those behind it.
-    if (m_incomingNotifications.empty()) {
+    if (m_incomingNotifications.empty() || oldestNotificationWaitsForChunks()) {
         return {};
     }
     NotificationRecord& oldest = m_incomingNotifications.front();
-    if (oldest.receivedLength < oldest.expectedLength) {
-        return {};
-    }
     if (outValue) {
         *outValue = oldest.value;
     }
+    releaseQueued(queuedCharge(oldest));
     zu::InplaceString<128> text(std::move(oldest.text));
-    m_incomingNotifications.erase(0);
+    m_incomingNotifications.pop_front();
     return text;
 }
 
@@ -174,7 +184,7 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
             if (outResponseSize) {
                 *outResponseSize = request->responseSize;
             }
-            m_outgoingRequests.erase(index);
+            m_outgoingRequests.erase(m_outgoingRequests.begin() + static_cast<ptrdiff_t>(index));
             if (m_outgoingRequests.size() >= kMaxSentPerPump) {
                 m_wakeEvent.signal();  // a request moved up into the part that is sent
             }
@@ -191,14 +201,15 @@ zu::InplaceString<128> NetCommunicationPipe::receiveRequest(uint32_t* outValue) 
     // Only a request whose data has fully arrived is handed out: one taken half-filled would
     // be answered with partial data, and its remaining chunks would start a bogus new request.
     // An incomplete oldest request holds back those behind it, as with notifications.
-    if (m_incomingRequests.empty() || !m_incomingRequests.front().complete) {
+    if (m_incomingRequests.empty() || oldestRequestWaitsForChunks()) {
         return {};
     }
     // An earlier request left unanswered gives its data up here instead of leaking it.
     zu::deleteMemory(m_currentRequest.data);
+    releaseQueued(queuedCharge(m_incomingRequests.front()));
     m_currentRequest = std::move(m_incomingRequests.front());
     m_incomingRequests.front().data = nullptr;
-    m_incomingRequests.erase(0);
+    m_incomingRequests.pop_front();
     if (outValue) {
         *outValue = m_currentRequest.value;
     }
@@ -265,7 +276,7 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
             continue;
         }
         if (response) {
-            m_outgoingResponses.erase(index);
+            m_outgoingResponses.erase(m_outgoingResponses.begin() + static_cast<ptrdiff_t>(index));
             if (m_outgoingResponses.size() >= kMaxSentPerPump) {
                 m_wakeEvent.signal();  // a response moved up into the part that is sent
             }
@@ -287,12 +298,15 @@ void NetCommunicationPipe::dropUnsentResponses() {
     zu::Vector<zu::Event*> waiters;
     {
         zu::ScopedLock lock(m_outgoingLock);
-        for (size_t i = m_outgoingResponses.size(); i-- > 0;) {
-            if (!m_outgoingResponses[i].sent) {
-                waiters.push_back(m_outgoingResponses[i].event);
-                m_outgoingResponses.erase(i);
+        for (const ResponseRecord& response : m_outgoingResponses) {
+            if (!response.sent) {
+                waiters.push_back(response.event);
             }
         }
+        m_outgoingResponses.erase(
+            std::remove_if(m_outgoingResponses.begin(), m_outgoingResponses.end(),
+                           [](const ResponseRecord& response) { return !response.sent; }),
+            m_outgoingResponses.end());
     }
     for (zu::Event* waiter : waiters) {
         waiter->signal();
@@ -318,6 +332,7 @@ void NetCommunicationPipe::close() {
     m_outgoingRequests.clear();
     m_outgoingResponses.clear();
     m_outgoingNotifications.clear();
+    m_outgoingNotificationBytes = 0;
     m_blockedCallersLeft.wait(m_outgoingLock, [this] { return m_blockedCallers == 0; });
 }
 
@@ -360,8 +375,17 @@ void NetCommunicationPipe::invoke(const PipeCallback& callback) {
 
 // --- Connection ---
 
-void NetCommunicationPipe::attachSocket(net::Socket* socket) {
+void NetCommunicationPipe::attachSocket(net::Socket* socket, ConnectionBudget* budget) {
+    leaveBudget();  // taken over from another connection without a detach
     reset();
+    {
+        // What stayed over the reset (whole notifications) now counts on the new connection.
+        zu::ScopedLock lock(m_incomingLock);
+        m_budget = budget;
+        if (budget) {
+            budget->addQueued(m_queuedCharge);
+        }
+    }
     zu::InplaceString<128> peer = socket ? socket->getConnectedIP() : zu::InplaceString<128>();
     {
         // Kept here so that application threads never touch the manager's socket.
@@ -379,6 +403,7 @@ void NetCommunicationPipe::attachSocket(net::Socket* socket) {
 
 void NetCommunicationPipe::detachSocket() {
     m_socket.store(nullptr);
+    leaveBudget();
     zu::ScopedLock lock(m_outgoingLock);
     m_connectedIP.clear();
 }
@@ -390,6 +415,8 @@ void NetCommunicationPipe::reset() {
         dropIncompleteNotifications();
         m_currentRequest.text = kAbortToken;
         m_lastCompletedRequestId = kNoId;
+        m_discardedRequestId = kNoId;
+        m_discardedNotifyId = kNoId;
     }
     zu::ScopedLock lock(m_outgoingLock);
     for (RequestRecord& request : m_outgoingRequests) {
@@ -403,6 +430,7 @@ void NetCommunicationPipe::reset() {
         }
     }
     m_outgoingNotifications.clear();
+    m_outgoingNotificationBytes = 0;
 }
 
 void NetCommunicationPipe::discardAbortedRequest() {
@@ -417,16 +445,17 @@ void NetCommunicationPipe::discardAbortedRequest() {
 // Their remaining chunks were lost with the connection; kept, they would hold back every later
 // notification for good. Whole ones stay for the application.
 void NetCommunicationPipe::dropIncompleteNotifications() {
-    for (size_t i = m_incomingNotifications.size(); i-- > 0;) {
-        const NotificationRecord& notification = m_incomingNotifications[i];
-        if (notification.receivedLength < notification.expectedLength) {
-            m_incomingNotifications.erase(i);
-        }
+    while (!m_partialNotifications.empty()) {
+        dropPartialNotification(m_partialNotifications.size() - 1);
     }
 }
 
 void NetCommunicationPipe::freeIncomingRequests() {
+    while (!m_partialRequests.empty()) {
+        dropPartialRequest(m_partialRequests.size() - 1);
+    }
     for (RequestRecord& request : m_incomingRequests) {
+        releaseQueued(queuedCharge(request));
         zu::deleteMemory(request.data);
     }
     m_incomingRequests.clear();
@@ -552,16 +581,19 @@ void NetCommunicationPipe::markSentLocked() {
         }
     }
     for (const NotificationRecord& copy : m_pumpNotifications) {
-        for (size_t i = 0; i < m_outgoingNotifications.size(); ++i) {
-            if (m_outgoingNotifications[i].id == copy.id) {
-                if (copy.sent) {
-                    m_outgoingNotifications.erase(i);
-                } else {
-                    m_outgoingNotifications[i].bytesSent = copy.bytesSent;
-                }
-                break;
-            }
+        size_t index = 0;
+        NotificationRecord* notification = findById(m_outgoingNotifications, copy.id, &index);
+        if (!notification) {
+            continue;
         }
+        if (!copy.sent) {
+            notification->bytesSent = copy.bytesSent;
+            continue;
+        }
+        m_outgoingNotificationBytes -= notification->text.size();
+        // Sent in queue order, so normally the front one.
+        m_outgoingNotifications.erase(m_outgoingNotifications.begin() +
+                                      static_cast<ptrdiff_t>(index));
     }
 }
 
@@ -600,30 +632,39 @@ void NetCommunicationPipe::releaseEvent(zu::Event* event) {
     m_spareEvents.push_back(event);
 }
 
+// Records are queued with rising ids (or serials), so they are found by bisection; only when
+// the numbers have wrapped around within the queue are they searched one by one.
+template <typename Record>
+Record* NetCommunicationPipe::findById(RecordQueue<Record>& queue, uint32_t id, size_t* outIndex) {
+    if (queue.empty()) {
+        return nullptr;
+    }
+    auto found = queue.end();
+    if (idOf(queue.front()) <= idOf(queue.back())) {
+        found =
+            std::lower_bound(queue.begin(), queue.end(), id,
+                             [](const Record& record, uint32_t key) { return idOf(record) < key; });
+    } else {
+        found = std::find_if(queue.begin(), queue.end(),
+                             [id](const Record& record) { return idOf(record) == id; });
+    }
+    if (found == queue.end() || idOf(*found) != id) {
+        return nullptr;
+    }
+    if (outIndex) {
+        *outIndex = static_cast<size_t>(found - queue.begin());
+    }
+    return &*found;
+}
+
 NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findOutgoingRequest(uint32_t id,
                                                                                size_t* outIndex) {
-    for (size_t i = 0; i < m_outgoingRequests.size(); ++i) {
-        if (m_outgoingRequests[i].id == id) {
-            if (outIndex) {
-                *outIndex = i;
-            }
-            return &m_outgoingRequests[i];
-        }
-    }
-    return nullptr;
+    return findById(m_outgoingRequests, id, outIndex);
 }
 
 NetCommunicationPipe::ResponseRecord* NetCommunicationPipe::findOutgoingResponse(uint32_t serial,
                                                                                  size_t* outIndex) {
-    for (size_t i = 0; i < m_outgoingResponses.size(); ++i) {
-        if (m_outgoingResponses[i].serial == serial) {
-            if (outIndex) {
-                *outIndex = i;
-            }
-            return &m_outgoingResponses[i];
-        }
-    }
-    return nullptr;
+    return findById(m_outgoingResponses, serial, outIndex);
 }
 
 }  // namespace dm

@@ -8,7 +8,9 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 
+#include "comm/connection_budget.h"
 #include "comm/packet_sink.h"
 #include "comm/pipe_protocol.h"
 #include "comm/received_ranges.h"
@@ -16,6 +18,7 @@
 #include "net/packet.h"
 #include "net/socket.h"
 #include "zu/event.h"
+#include "zu/memory.h"
 #include "zu/mutex.h"
 #include "zu/string.h"
 #include "zu/vector.h"
@@ -56,6 +59,10 @@ public:
     // A sender finishes one message before it starts the next of the same kind, so more only
     // come from a broken or hostile peer.
     static constexpr size_t kMaxUnfinishedIncoming = 16;
+    // Notifications queued for sending; sendNotify refuses more (a peer that does not read
+    // must not make the sender's memory grow without end).
+    static constexpr size_t kMaxQueuedNotifications = 1024;
+    static constexpr uint64_t kMaxQueuedNotificationBytes = 16ull * 1024 * 1024;
 
     // `owner` may be null (no manager; notification values of 0 are then sent as 0).
     NetCommunicationPipe(PipeOwner* owner, const char* name);
@@ -91,8 +98,11 @@ public:
     // --- For the owning manager's thread ---
 
     // Resets the pipe, binds it to `socket` (not owned) and calls the connection callback.
-    void attachSocket(net::Socket* socket);
-    // Unbinds the socket; queues are kept for the next attach.
+    // What arrives for the pipe from then on is held within `budget` (may be null: no bound
+    // beyond the pipe's own), which must stay valid until the pipe is detached or attached
+    // elsewhere.
+    void attachSocket(net::Socket* socket, ConnectionBudget* budget = nullptr);
+    // Unbinds the socket and its budget; queues are kept for the next attach.
     void detachSocket();
     // Starts over after a reconnect: incoming requests and incomplete incoming notifications
     // are dropped, a request taken before is not answered, unanswered outgoing requests (and
@@ -122,6 +132,7 @@ public:
 
 private:
     struct RequestRecord {
+        uint64_t arrival = 0;  // incoming: order in which the first chunks came
         uint32_t id = 0;
         uint32_t value = 0;
         zu::InplaceString<128> text;
@@ -153,6 +164,7 @@ private:
         zu::Event* event = nullptr;  // respond waits on it
     };
     struct NotificationRecord {
+        uint64_t arrival = 0;  // incoming: order in which the first chunks came
         uint32_t id = 0;
         uint32_t value = 0;
         zu::InplaceString<128> text;
@@ -161,8 +173,12 @@ private:
         uint32_t bytesSent = 0;  // outgoing: text bytes already on the wire
         bool sent = false;       // outgoing, in the pump's copies: wholly sent
     };
+    // Queues take from the front and add at the back in constant time; records keep their
+    // place, and ids rise from front to back (see the find functions).
+    template <typename T>
+    using RecordQueue = std::deque<T, zu::Allocator<T>>;
     using Chunk = pipe_protocol::Chunk;
-    enum class Drop { kMalformed, kOverLimit, kStale, kEmptyText };
+    enum class Drop { kMalformed, kOverLimit, kStale, kEmptyText, kConnectionLimit };
 
     static constexpr uint32_t kNoId = 0xFFFFFFFFu;
     static constexpr size_t kInitialQueueRoom = 16;
@@ -171,6 +187,11 @@ private:
     // Outgoing side (outgoingLock held).
     zu::Event* takeEvent();
     void releaseEvent(zu::Event* event);
+    static uint32_t idOf(const RequestRecord& record) { return record.id; }
+    static uint32_t idOf(const ResponseRecord& record) { return record.serial; }
+    static uint32_t idOf(const NotificationRecord& record) { return record.id; }
+    template <typename Record>
+    static Record* findById(RecordQueue<Record>& queue, uint32_t id, size_t* outIndex = nullptr);
     RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr);
     ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
     bool collectOutgoing();
@@ -188,10 +209,22 @@ private:
     RequestRecord* addIncomingRequest(const pipe_protocol::Message& message);
     bool roomForUnfinishedRequest(uint32_t dataSize) const;
     bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const;
-    bool reserveRequestData(RequestRecord& request, uint32_t end);
-    void dropIncomingRequest(size_t index);
-    size_t countIncompleteNotifications() const;
-    NotificationRecord* findPartialNotification(uint32_t id);
+    bool reserveRequestData(RequestRecord& request, uint32_t end, Drop* refusal);
+    void dropPartialRequest(size_t index);
+    void completeRequest(size_t index);
+    bool oldestRequestWaitsForChunks() const;
+    NotificationRecord* findPartialNotification(uint32_t id, size_t* outIndex);
+    void dropPartialNotification(size_t index);
+    bool oldestNotificationWaitsForChunks() const;
+    bool discardsRestOf(uint32_t* discardedId, const pipe_protocol::Message& message);
+    // Bytes held for incoming messages, counted against the connection's budget.
+    bool chargeUnfinished(uint64_t bytes);
+    void releaseUnfinished(uint64_t bytes);
+    void chargeQueued(uint64_t bytes);
+    void releaseQueued(uint64_t bytes);
+    void leaveBudget();
+    static uint64_t queuedCharge(const RequestRecord& request);
+    static uint64_t queuedCharge(const NotificationRecord& notification);
     bool storeRequestChunk(const pipe_protocol::Message& message);
     bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk);
     bool storeNotifyChunk(const pipe_protocol::Message& message);
@@ -208,8 +241,20 @@ private:
     // Guarded by m_incomingLock.
     mutable zu::Mutex m_incomingLock;
     RequestRecord m_currentRequest;
-    zu::Vector<RequestRecord> m_incomingRequests;
-    zu::Vector<NotificationRecord> m_incomingNotifications;
+    // Whole messages in the order their first chunks came, and those still arriving (at most
+    // kMaxUnfinishedIncoming each), which hold back whole ones that came after them.
+    RecordQueue<RequestRecord> m_incomingRequests;
+    RecordQueue<NotificationRecord> m_incomingNotifications;
+    zu::Vector<RequestRecord> m_partialRequests;
+    zu::Vector<NotificationRecord> m_partialNotifications;
+    uint64_t m_nextArrival = 0;
+    // A message dropped part-way: its later chunks are dropped too, up to its last.
+    uint32_t m_discardedRequestId = kNoId;
+    Drop m_discardedRequestReason = Drop::kOverLimit;
+    uint32_t m_discardedNotifyId = kNoId;
+    ConnectionBudget* m_budget = nullptr;
+    uint64_t m_unfinishedCharge = 0;  // held for partial messages
+    uint64_t m_queuedCharge = 0;      // held for whole messages not yet taken
     uint32_t m_lastCompletedRequestId = kNoId;
     uint32_t m_lastCompletedNotifyId = kNoId;
     PipeCallback m_connectionCallback;
@@ -218,9 +263,10 @@ private:
 
     // Guarded by m_outgoingLock.
     mutable zu::Mutex m_outgoingLock;
-    zu::Vector<RequestRecord> m_outgoingRequests;
-    zu::Vector<NotificationRecord> m_outgoingNotifications;
-    zu::Vector<ResponseRecord> m_outgoingResponses;
+    RecordQueue<RequestRecord> m_outgoingRequests;
+    RecordQueue<NotificationRecord> m_outgoingNotifications;
+    RecordQueue<ResponseRecord> m_outgoingResponses;
+    uint64_t m_outgoingNotificationBytes = 0;
     zu::Vector<zu::Event*> m_spareEvents;  // reused by blocking calls, so none is made per call
     uint32_t m_nextRequestId = 0;
     uint32_t m_nextNotifyId = 0;
@@ -239,6 +285,7 @@ private:
     std::atomic<uint64_t> m_droppedStale{0};
     std::atomic<uint64_t> m_droppedEmptyText{0};
     std::atomic<uint64_t> m_droppedOtherConnection{0};
+    std::atomic<uint64_t> m_droppedConnectionLimit{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,

@@ -52,8 +52,7 @@ NetCommunicationPipeManager::NetCommunicationPipeManager(
         m_listener = zu::newObject<net::Listener>(port);
         m_port = m_listener->getPort();  // the one chosen for port 0; 0 when listening failed
     } else {
-        SocketEntry& entry = m_sockets.emplace_back();
-        entry.socket = new net::Socket();
+        m_sockets.push_back(makeEntry(new net::Socket()));
     }
     startThread();
 }
@@ -68,7 +67,7 @@ NetCommunicationPipeManager::~NetCommunicationPipeManager() {
     }
     zu::deleteObject(m_listener);
     for (SocketEntry& entry : m_sockets) {
-        delete entry.socket;
+        destroyEntry(entry);
     }
     for (PipeEntry* entry : m_pipeOrder) {
         zu::deleteObject(entry->pipe);
@@ -336,7 +335,7 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
     // Attaching resets the pipe and calls its connection callback: outside the lock, so that
     // the callback may use the manager freely.
     if (toAttach) {
-        toAttach->attachSocket(&socket);
+        toAttach->attachSocket(&socket, budgetOf(&socket));
     }
     if (created) {
         callPipeCreateCallback(created);
@@ -411,6 +410,37 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry
     return entry;
 }
 
+// A connection's entry with its budget; the socket is destroyed when making it fails.
+NetCommunicationPipeManager::SocketEntry NetCommunicationPipeManager::makeEntry(
+    net::Socket* socket) {
+    SocketEntry entry;
+    entry.socket = socket;
+    try {
+        entry.budget =
+            zu::newObject<ConnectionBudget>(m_maxUnfinishedPerConnection, m_maxQueuedPerConnection);
+    } catch (...) {
+        delete socket;
+        throw;
+    }
+    return entry;
+}
+
+void NetCommunicationPipeManager::destroyEntry(SocketEntry& entry) {
+    delete entry.socket;
+    zu::deleteObject(entry.budget);
+    entry.socket = nullptr;
+    entry.budget = nullptr;
+}
+
+ConnectionBudget* NetCommunicationPipeManager::budgetOf(const net::Socket* socket) {
+    for (const SocketEntry& entry : m_sockets) {
+        if (entry.socket == socket) {
+            return entry.budget;
+        }
+    }
+    return nullptr;
+}
+
 NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() {
     zu::ScopedLock lock(m_addressLock);
     Address address;
@@ -446,6 +476,19 @@ void NetCommunicationPipeManager::callPipeCreateCallback(NetCommunicationPipe* p
     if (callback.function) {
         callback.function(callback.context, this, pipe);
     }
+}
+
+}  // namespace dm
+
+namespace dm {
+
+bool setConnectionIncomingLimits(CommunicationPipeManager* manager, uint64_t maxUnfinishedBytes,
+                                 uint64_t maxQueuedBytes) {
+    auto* netManager = dynamic_cast<NetCommunicationPipeManager*>(manager);
+    if (netManager) {
+        netManager->setConnectionIncomingLimits(maxUnfinishedBytes, maxQueuedBytes);
+    }
+    return netManager != nullptr;
 }
 
 }  // namespace dm

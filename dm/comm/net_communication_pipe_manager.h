@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 
+#include "comm/connection_budget.h"
 #include "comm/net_communication_pipe.h"
 #include "comm/pipe_clock.h"
 #include "comm/pipe_protocol.h"
@@ -79,6 +80,14 @@ public:
     // getPipe do not count.
     static constexpr size_t kDefaultMaxPipesCreatedOnRequest = 1024;
     void setMaxPipesCreatedOnRequest(size_t count) { m_maxPipesCreatedOnRequest.store(count); }
+    // Per connection, all its pipes together: unfinished incoming data beyond the first bound
+    // is dropped; from the second bound of whole messages not yet taken on, the connection is
+    // not read until the application takes some (see dm::setConnectionIncomingLimits).
+    void setConnectionIncomingLimits(uint64_t maxUnfinishedBytes, uint64_t maxQueuedBytes) {
+        m_maxUnfinishedPerConnection.store(maxUnfinishedBytes);
+        m_maxQueuedPerConnection.store(maxQueuedBytes);
+        m_wakeEvent.signal();  // a connection no longer read may be read again
+    }
 
     // PipeOwner
     CommunicationPipeManager* getOwningManager() override { return this; }
@@ -87,6 +96,7 @@ public:
 private:
     struct SocketEntry {
         net::Socket* socket = nullptr;
+        ConnectionBudget* budget = nullptr;  // owned, like the socket
         double lastConnectAttempt = -1000.0;
     };
     struct PipeEntry {
@@ -124,7 +134,11 @@ private:
     bool acceptClient();
     bool serveSocket(size_t index);
     static void updateSocket(net::Socket& socket);
-    void pollPackets(net::Socket& socket);
+    void pollPackets(SocketEntry& entry);
+    static zu::WaitHandle waitHandleOf(const SocketEntry& entry);
+    SocketEntry makeEntry(net::Socket* socket);
+    static void destroyEntry(SocketEntry& entry);
+    ConnectionBudget* budgetOf(const net::Socket* socket);
     void clientPass();
     void sendOpenPipes(net::Socket& socket);
     double nextOpenPipeDue() const;
@@ -187,6 +201,8 @@ private:
     size_t m_pipesCreatedOnRequest = 0;
     bool m_loggedPipeLimit = false;
     std::atomic<size_t> m_maxPipesCreatedOnRequest{kDefaultMaxPipesCreatedOnRequest};
+    std::atomic<uint64_t> m_maxUnfinishedPerConnection{ConnectionBudget::kDefaultMaxUnfinished};
+    std::atomic<uint64_t> m_maxQueuedPerConnection{ConnectionBudget::kDefaultMaxQueued};
 
     // Manager thread only (and construction / destruction).
     net::Listener* m_listener = nullptr;

@@ -94,7 +94,7 @@ void NetCommunicationPipeManager::serverPass() {
     const bool listening = m_listener->isListening();
     waits.add(m_listener->getWaitHandle());
     for (const SocketEntry& entry : m_sockets) {
-        waits.add(entry.socket->getWaitHandle());
+        waits.add(waitHandleOf(entry));
     }
     // Pipes beyond the list's room are served by the pass's bound.
     addPipeWakeHandles(waits);
@@ -109,10 +109,9 @@ bool NetCommunicationPipeManager::acceptClient() {
         return false;
     }
     try {
-        m_sockets.emplace_back().socket = socket;
+        m_sockets.push_back(makeEntry(socket));
     } catch (const zu::OutOfMemoryException&) {
-        delete socket;  // turned away; it may try again
-        return false;
+        return false;  // turned away (makeEntry destroyed the socket); it may try again
     }
     pipe_protocol::sendWelcome(*socket, m_nextConnectionId++, copyName().c_str());
     ClientConnectionCallback callback;
@@ -142,7 +141,7 @@ bool NetCommunicationPipeManager::serveSocket(size_t index) {
     net::Socket* socket = m_sockets[index].socket;
     updateSocket(*socket);
     if (socket->isConnected()) {
-        pollPackets(*socket);
+        pollPackets(m_sockets[index]);
     }
     if (socket->isConnected()) {
         return true;
@@ -155,7 +154,7 @@ bool NetCommunicationPipeManager::serveSocket(size_t index) {
         m_redirectPort = 0;
     }
     detachPipesFrom(socket);
-    delete socket;
+    destroyEntry(m_sockets[index]);
     m_sockets.erase(index);
     return false;
 }
@@ -168,14 +167,34 @@ void NetCommunicationPipeManager::updateSocket(net::Socket& socket) {
     }
 }
 
-void NetCommunicationPipeManager::pollPackets(net::Socket& socket) {
+// Stops, leaving the rest in the socket and the system, while the connection's pipes hold as
+// many whole messages as its budget allows: TCP then holds the sender back. The application
+// taking messages wakes the manager (through the pipe's wake event), which reads on.
+void NetCommunicationPipeManager::pollPackets(SocketEntry& entry) {
+    net::Socket& socket = *entry.socket;
     for (int count = 0; count < kMaxPacketsPerPass; ++count) {
+        if (entry.budget->queuedFull()) {
+            return;
+        }
         net::Packet* packet = socket.pollPacket(nullptr);
         if (!packet || !dispatch(socket, *packet)) {
             return;
         }
     }
     m_moreWork = true;  // packets still buffered do not wake a wait
+}
+
+// While a connection is not read, the data waiting on it would end every wait at once: only
+// room to send is waited for then (the pipes' wake events stand for the application).
+zu::WaitHandle NetCommunicationPipeManager::waitHandleOf(const SocketEntry& entry) {
+    zu::WaitHandle handle = entry.socket->getWaitHandle();
+    const bool reads =
+        handle.kind == zu::WaitHandle::SocketRead || handle.kind == zu::WaitHandle::SocketReadWrite;
+    if (reads && entry.budget->queuedFull()) {
+        handle.kind =
+            entry.socket->hasSendsToDo() ? zu::WaitHandle::SocketWrite : zu::WaitHandle::None;
+    }
+    return handle;
 }
 
 // --- Client ---
@@ -191,7 +210,7 @@ void NetCommunicationPipeManager::clientPass() {
     updateSocket(socket);
     if (socket.isConnected()) {
         m_wasConnected = true;
-        pollPackets(socket);
+        pollPackets(entry);
     }
     if (!socket.isConnected() && m_wasConnected) {
         onClientDropped(socket);
@@ -204,7 +223,7 @@ void NetCommunicationPipeManager::clientPass() {
 
     WaitList waits;
     waits.add(m_wakeEvent.getWaitHandle());
-    waits.add(socket.getWaitHandle());
+    waits.add(waitHandleOf(entry));
     uint32_t timeoutMs = kClientPassMs;
     if (!addPipeWakeHandles(waits)) {
         timeoutMs = kCrowdedClientPassMs;  // pipes that did not fit are polled instead

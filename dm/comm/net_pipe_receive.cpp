@@ -4,6 +4,7 @@
 // the size limit is dropped whole, and counted.
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "comm/net_communication_pipe.h"
 #include "zu/exception.h"
@@ -15,9 +16,9 @@ namespace {
 
 // Incoming request data is handed to the application; cache-line alignment suits bulk copies.
 constexpr size_t kRequestDataAlignment = 64;
-// First buffer of a request's data (or all of it when smaller): small requests are allocated
-// once, large ones double from here.
-constexpr uint64_t kMinRequestBuffer = 256 * 1024;
+// A chunk may lie this far out even when few bytes came, so that chunks a little out of order
+// are taken; the buffer never grows further than that on so few bytes.
+constexpr uint64_t kOutOfOrderSlack = 4096;
 
 }  // namespace
 
@@ -29,7 +30,8 @@ void NetCommunicationPipe::count(Drop drop) {
     std::atomic<uint64_t>& counter = drop == Drop::kMalformed   ? m_droppedMalformed
                                      : drop == Drop::kOverLimit ? m_droppedOverLimit
                                      : drop == Drop::kStale     ? m_droppedStale
-                                                                : m_droppedEmptyText;
+                                     : drop == Drop::kEmptyText ? m_droppedEmptyText
+                                                                : m_droppedConnectionLimit;
     counter.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -95,6 +97,10 @@ bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& messa
         count(Drop::kStale);
         return false;
     }
+    if (discardsRestOf(&m_discardedRequestId, message)) {
+        count(m_discardedRequestReason);
+        return false;
+    }
     size_t index = 0;
     RequestRecord* request = findPartialRequest(id, &index);
     if (!request) {
@@ -103,19 +109,27 @@ bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& messa
             count(Drop::kOverLimit);
             return false;
         }
-        index = m_incomingRequests.size() - 1;
+        index = m_partialRequests.size() - 1;
     } else if (request->dataSize != chunk.totalSize) {
         count(Drop::kMalformed);  // does not belong to the message begun with this id
         return false;
     }
     if (chunk.size > 0) {
         if (!justifiedByArrivedBytes(*request, chunk)) {
+            if (request->received.bytes() == 0) {
+                dropPartialRequest(index);  // nothing of it came: no record to hold others back
+            }
             count(Drop::kOverLimit);
             return false;
         }
-        if (!reserveRequestData(*request, chunk.offset + chunk.size)) {
-            dropIncomingRequest(index);
-            count(Drop::kOverLimit);
+        Drop refusal = Drop::kOverLimit;
+        if (!reserveRequestData(*request, chunk.offset + chunk.size, &refusal)) {
+            dropPartialRequest(index);
+            if (!chunk.endsPayload()) {
+                m_discardedRequestId = id;
+                m_discardedRequestReason = refusal;
+            }
+            count(refusal);
             return false;
         }
         // Bytes that arrived before stay as they came: a chunk repeating or overlapping them
@@ -131,13 +145,25 @@ bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& messa
         // Ended with bytes missing (chunks out of order or lost): handing it out would give the
         // application memory that no chunk wrote.
         if (!request->received.covers(request->dataSize)) {
-            dropIncomingRequest(index);
+            dropPartialRequest(index);
             count(Drop::kMalformed);
             return false;
         }
     }
-    request->complete = true;
+    completeRequest(index);
     m_lastCompletedRequestId = id;
+    return true;
+}
+
+// True when the message is the rest of one dropped part-way; its last chunk ends the dropping.
+bool NetCommunicationPipe::discardsRestOf(uint32_t* discardedId,
+                                          const pipe_protocol::Message& message) {
+    if (*discardedId == kNoId || *discardedId != message.id) {
+        return false;
+    }
+    if (message.chunk.endsPayload()) {
+        *discardedId = kNoId;
+    }
     return true;
 }
 
@@ -150,7 +176,8 @@ NetCommunicationPipe::RequestRecord* NetCommunicationPipe::addIncomingRequest(
     if (!chunk.endsPayload() && !roomForUnfinishedRequest(chunk.totalSize)) {
         return nullptr;
     }
-    RequestRecord& request = m_incomingRequests.emplace_back();
+    RequestRecord& request = m_partialRequests.emplace_back();
+    request.arrival = m_nextArrival++;
     request.id = message.id;
     request.value = message.value;
     request.text = message.text;
@@ -160,38 +187,45 @@ NetCommunicationPipe::RequestRecord* NetCommunicationPipe::addIncomingRequest(
 
 bool NetCommunicationPipe::roomForUnfinishedRequest(uint32_t dataSize) const {
     uint64_t announced = dataSize;
-    size_t count = 1;
-    for (const RequestRecord& request : m_incomingRequests) {
-        if (!request.complete) {
-            announced += request.dataSize;
-            ++count;
-        }
+    for (const RequestRecord& request : m_partialRequests) {
+        announced += request.dataSize;
     }
-    return count <= kMaxUnfinishedIncoming && announced <= m_maxMessageSize.load();
+    return m_partialRequests.size() < kMaxUnfinishedIncoming &&
+           announced <= m_maxMessageSize.load();
 }
 
 // A chunk far beyond the bytes that arrived would make the buffer grow to what the request
-// announces, with almost nothing sent: the buffer may reach at most twice the bytes that came
-// (or the first buffer's size). A sender sends in order and never comes near this.
+// announces, with almost nothing sent: a chunk may end at most at twice the bytes that came
+// (its own counted), or within the first kOutOfOrderSlack bytes. A sender sends in order and
+// never comes near this.
 bool NetCommunicationPipe::justifiedByArrivedBytes(const RequestRecord& request,
                                                    const Chunk& chunk) const {
     const uint64_t arrived = static_cast<uint64_t>(request.received.bytes()) + chunk.size;
     const uint64_t end = static_cast<uint64_t>(chunk.offset) + chunk.size;
-    return end <= std::max<uint64_t>(2 * arrived, kMinRequestBuffer);
+    return end <= std::max(2 * arrived, kOutOfOrderSlack);
 }
 
-// Makes the request's buffer hold at least `end` bytes, growing it geometrically up to its
-// announced size. Only bytes that chunks wrote are copied over. False when out of memory.
-bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t end) {
+// Makes the request's buffer hold at least `end` bytes, doubling it up to its announced size,
+// so that it stays within a small multiple of the bytes that arrived. Only bytes that chunks
+// wrote are copied over. False, with the reason in `refusal`, when the connection's budget has
+// no room for the growth or memory ran out.
+bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t end, Drop* refusal) {
     if (end <= request.dataCapacity) {
         return true;
     }
-    uint64_t capacity = std::max<uint64_t>(2ull * request.dataCapacity, kMinRequestBuffer);
-    capacity = std::min<uint64_t>(std::max<uint64_t>(capacity, end), request.dataSize);
+    const uint64_t capacity =
+        std::min<uint64_t>(std::max<uint64_t>(2ull * request.dataCapacity, end), request.dataSize);
+    const uint64_t growth = capacity - request.dataCapacity;
+    if (!chargeUnfinished(growth)) {
+        *refusal = Drop::kConnectionLimit;
+        return false;
+    }
     void* grown = nullptr;
     try {
         grown = zu::allocateMemory(static_cast<size_t>(capacity), kRequestDataAlignment);
     } catch (const zu::OutOfMemoryException&) {
+        releaseUnfinished(growth);
+        *refusal = Drop::kOverLimit;
         return false;
     }
     if (request.data) {
@@ -203,21 +237,101 @@ bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t e
     return true;
 }
 
-void NetCommunicationPipe::dropIncomingRequest(size_t index) {
-    zu::deleteMemory(m_incomingRequests[index].data);
-    m_incomingRequests[index].data = nullptr;
-    m_incomingRequests.erase(index);
+void NetCommunicationPipe::dropPartialRequest(size_t index) {
+    RequestRecord& request = m_partialRequests[index];
+    releaseUnfinished(request.dataCapacity);
+    zu::deleteMemory(request.data);
+    request.data = nullptr;
+    m_partialRequests.erase(index);
+}
+
+// Moves the whole request among the whole ones, in the order the first chunks came: normally
+// at the back; behind the later ones only when a peer interleaved its messages.
+void NetCommunicationPipe::completeRequest(size_t index) {
+    RequestRecord& request = m_partialRequests[index];
+    request.complete = true;
+    releaseUnfinished(request.dataCapacity);
+    chargeQueued(queuedCharge(request));
+    auto at = m_incomingRequests.end();
+    while (at != m_incomingRequests.begin() && std::prev(at)->arrival > request.arrival) {
+        --at;
+    }
+    m_incomingRequests.insert(at, std::move(request));
+    request.data = nullptr;
+    m_partialRequests.erase(index);
+}
+
+// An older request still arriving holds back the whole ones behind it.
+bool NetCommunicationPipe::oldestRequestWaitsForChunks() const {
+    const uint64_t oldestWhole = m_incomingRequests.front().arrival;
+    for (const RequestRecord& partial : m_partialRequests) {
+        if (partial.arrival < oldestWhole) {
+            return true;
+        }
+    }
+    return false;
 }
 
 NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findPartialRequest(uint32_t id,
                                                                               size_t* outIndex) {
-    for (size_t i = 0; i < m_incomingRequests.size(); ++i) {
-        if (m_incomingRequests[i].id == id && !m_incomingRequests[i].complete) {
+    for (size_t i = 0; i < m_partialRequests.size(); ++i) {
+        if (m_partialRequests[i].id == id) {
             *outIndex = i;
-            return &m_incomingRequests[i];
+            return &m_partialRequests[i];
         }
     }
     return nullptr;
+}
+
+// --- Budget (incomingLock held) ---
+
+uint64_t NetCommunicationPipe::queuedCharge(const RequestRecord& request) {
+    return sizeof(RequestRecord) + request.dataCapacity;
+}
+
+uint64_t NetCommunicationPipe::queuedCharge(const NotificationRecord& notification) {
+    return sizeof(NotificationRecord) + notification.receivedLength;
+}
+
+bool NetCommunicationPipe::chargeUnfinished(uint64_t bytes) {
+    if (m_budget && !m_budget->reserveUnfinished(bytes)) {
+        return false;
+    }
+    m_unfinishedCharge += bytes;
+    return true;
+}
+
+void NetCommunicationPipe::releaseUnfinished(uint64_t bytes) {
+    m_unfinishedCharge -= bytes;
+    if (m_budget) {
+        m_budget->releaseUnfinished(bytes);
+    }
+}
+
+void NetCommunicationPipe::chargeQueued(uint64_t bytes) {
+    m_queuedCharge += bytes;
+    if (m_budget) {
+        m_budget->addQueued(bytes);
+    }
+}
+
+// The application took a message: a connection that was no longer read may be read again, so
+// the manager is woken.
+void NetCommunicationPipe::releaseQueued(uint64_t bytes) {
+    m_queuedCharge -= bytes;
+    if (m_budget && m_budget->releaseQueued(bytes)) {
+        m_wakeEvent.signal();
+    }
+}
+
+// Gives back to the connection's budget all that the pipe holds; the pipe keeps counting it.
+void NetCommunicationPipe::leaveBudget() {
+    zu::ScopedLock lock(m_incomingLock);
+    if (m_budget) {
+        m_budget->releaseUnfinished(m_unfinishedCharge);
+        m_budget->releaseQueued(m_queuedCharge);
+        m_budget = nullptr;
+    }
 }
 
 // --- Responses ---
@@ -312,7 +426,12 @@ void NetCommunicationPipe::onNotify(const pipe_protocol::Message& message) {
 // they arrive; the offset only serves the bounds check.
 bool NetCommunicationPipe::storeNotifyChunk(const pipe_protocol::Message& message) {
     const Chunk& chunk = message.chunk;
-    NotificationRecord* notification = findPartialNotification(message.id);
+    if (discardsRestOf(&m_discardedNotifyId, message)) {
+        count(Drop::kConnectionLimit);
+        return false;
+    }
+    size_t index = 0;
+    NotificationRecord* notification = findPartialNotification(message.id, &index);
     if (!notification) {
         if (chunk.totalSize == 0) {
             count(Drop::kEmptyText);  // could not be told from "no notification"
@@ -322,17 +441,27 @@ bool NetCommunicationPipe::storeNotifyChunk(const pipe_protocol::Message& messag
             count(Drop::kMalformed);  // a sender starts with text; this would hold back the rest
             return false;
         }
-        if (!chunk.endsPayload() && countIncompleteNotifications() >= kMaxUnfinishedIncoming) {
+        if (!chunk.endsPayload() && m_partialNotifications.size() >= kMaxUnfinishedIncoming) {
             count(Drop::kOverLimit);
             return false;
         }
-        notification = &m_incomingNotifications.emplace_back();
+        notification = &m_partialNotifications.emplace_back();
+        index = m_partialNotifications.size() - 1;
+        notification->arrival = m_nextArrival++;
         notification->id = message.id;
         notification->value = message.value;
         notification->expectedLength = chunk.totalSize;
     } else if (static_cast<uint64_t>(notification->receivedLength) + chunk.size >
                notification->expectedLength) {
         count(Drop::kMalformed);  // more text than the notification announced
+        return false;
+    }
+    if (!chargeUnfinished(chunk.size)) {
+        dropPartialNotification(index);
+        if (!chunk.endsPayload()) {
+            m_discardedNotifyId = message.id;
+        }
+        count(Drop::kConnectionLimit);
         return false;
     }
     // The text ends at the chunk's first zero byte, as a zero-terminated append would.
@@ -346,31 +475,45 @@ bool NetCommunicationPipe::storeNotifyChunk(const pipe_protocol::Message& messag
         return false;
     }
     if (notification->text.empty()) {  // its text was only zero bytes
-        m_incomingNotifications.erase(
-            static_cast<size_t>(notification - m_incomingNotifications.data()));
+        dropPartialNotification(index);
         count(Drop::kEmptyText);
         return false;
     }
+    releaseUnfinished(notification->receivedLength);
+    chargeQueued(queuedCharge(*notification));
+    auto at = m_incomingNotifications.end();
+    while (at != m_incomingNotifications.begin() &&
+           std::prev(at)->arrival > notification->arrival) {
+        --at;
+    }
+    m_incomingNotifications.insert(at, std::move(*notification));
+    m_partialNotifications.erase(index);
     m_lastCompletedNotifyId = message.id;
     return true;
 }
 
-size_t NetCommunicationPipe::countIncompleteNotifications() const {
-    size_t count = 0;
-    for (const NotificationRecord& notification : m_incomingNotifications) {
-        if (notification.receivedLength < notification.expectedLength) {
-            ++count;
+void NetCommunicationPipe::dropPartialNotification(size_t index) {
+    releaseUnfinished(m_partialNotifications[index].receivedLength);
+    m_partialNotifications.erase(index);
+}
+
+bool NetCommunicationPipe::oldestNotificationWaitsForChunks() const {
+    const uint64_t oldestWhole = m_incomingNotifications.front().arrival;
+    for (const NotificationRecord& partial : m_partialNotifications) {
+        if (partial.arrival < oldestWhole) {
+            return true;
         }
     }
-    return count;
+    return false;
 }
 
 NetCommunicationPipe::NotificationRecord* NetCommunicationPipe::findPartialNotification(
-    uint32_t id) {
+    uint32_t id, size_t* outIndex) {
     // A whole notification takes no more chunks: a packet with its id starts a new one.
-    for (NotificationRecord& notification : m_incomingNotifications) {
-        if (notification.id == id && notification.receivedLength < notification.expectedLength) {
-            return &notification;
+    for (size_t i = 0; i < m_partialNotifications.size(); ++i) {
+        if (m_partialNotifications[i].id == id) {
+            *outIndex = i;
+            return &m_partialNotifications[i];
         }
     }
     return nullptr;

@@ -145,6 +145,50 @@ void writeTokenizerSeeds(const std::string& folder) {
     writeSeed(folder, "latin1", "\xc4\xc5\xd6 \xe4\xe5\xf6\tname_1\x0c\x0b\r\nend");
 }
 
+// Scripts for the pipe_receive harness: a byte of connection bounds, then 8 bytes per chunk
+// (kind and take flags, id, size selector, offset low and high, offset mode, chunk size low and
+// high); see pipe_receive_fuzz.cpp.
+Bytes chunkOp(uint8_t flags, uint8_t id, uint8_t sizeSelector, uint16_t offset, uint8_t mode,
+              uint16_t chunkSize) {
+    const char op[8] = {static_cast<char>(flags),
+                        static_cast<char>(id),
+                        static_cast<char>(sizeSelector),
+                        static_cast<char>(offset & 0xFF),
+                        static_cast<char>(offset >> 8),
+                        static_cast<char>(mode),
+                        static_cast<char>(chunkSize & 0xFF),
+                        static_cast<char>(chunkSize >> 8)};
+    return Bytes(op, sizeof(op));
+}
+
+void writePipeReceiveSeeds(const std::string& folder) {
+    const uint8_t kRequest = 0, kNotify = 1, kTake = 2;
+    // 40 * 97 = 3880 bytes in chunks of 1000, in order.
+    const uint8_t size3880 = 40 << 2 | 1;
+    Bytes inOrder(1, '\x88');
+    for (uint16_t offset = 0; offset < 3880; offset += 1000) {
+        inOrder += chunkOp(kRequest, 0, size3880, offset, 0, offset + 1000 > 3880 ? 880 : 1000);
+    }
+    inOrder += chunkOp(kNotify | kTake, 1, 10 << 2, 0, 0, 10);
+    writeSeed(folder, "in_order", inOrder);
+    writeSeed(folder, "overlap_and_gap",
+              Bytes(1, '\x88') + chunkOp(kRequest, 2, size3880, 0, 0, 1000) +
+                  chunkOp(kRequest, 2, size3880, 500, 0, 1000) +
+                  chunkOp(kRequest | kTake, 2, size3880, 0, 1, 880));
+    writeSeed(folder, "huge_announcements",
+              Bytes(1, '\x00') + chunkOp(kRequest, 3, 3, 0, 0, 1) +
+                  chunkOp(kRequest, 3, 3, 0, 1, 1) + chunkOp(kNotify, 4, 2, 0, 0, 4096) +
+                  chunkOp(kNotify | kTake, 4, 2, 4096, 0, 4096));
+    Bytes interleaved(1, '\x11');
+    for (uint8_t id = 0; id < 6; ++id) {
+        interleaved += chunkOp(id % 2 ? kNotify : kRequest, id, 20 << 2 | 1, 0, 0, 970);
+    }
+    for (uint8_t id = 6; id-- > 0;) {
+        interleaved += chunkOp((id % 2 ? kNotify : kRequest) | kTake, id, 20 << 2 | 1, 970, 0, 970);
+    }
+    writeSeed(folder, "interleaved", interleaved);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -158,5 +202,6 @@ int main(int argc, char** argv) {
     writeMonitorSeeds(corpus + "/monitor");
     writeConsoleCacheSeeds(corpus + "/console_cache");
     writeTokenizerSeeds(corpus + "/tokenizer");
+    writePipeReceiveSeeds(corpus + "/pipe_receive");
     return 0;
 }

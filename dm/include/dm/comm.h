@@ -44,9 +44,11 @@ public:
     // The peer's address while connected, else "".
     virtual zu::InplaceString<128> getConnectedIP() const = 0;
 
-    // Queues a notification; false (nothing queued) while not connected, and for an empty (or
-    // null) text, which is refused with a log line: the far end could not tell it from "no
-    // notification". A value of 0 is sent as the owning manager's id. Does not block.
+    // Queues a notification; false (nothing queued) while not connected, for an empty (or
+    // null) text, which is refused with a log line (the far end could not tell it from "no
+    // notification"), and while the pipe's outgoing queue is full (1024 notifications or
+    // 16 MiB of text not yet handed to the connection: the peer does not read); try again
+    // later. A value of 0 is sent as the owning manager's id. Does not block.
     virtual bool sendNotify(const char* text, uint32_t value) = 0;
     // The oldest notification if it has arrived whole (its value goes to `outValue` when that
     // is non-null), else "" with `outValue` untouched. Does not block.
@@ -118,6 +120,14 @@ struct PipeStatistics {
     // A Request, Response or Notify that came over a connection the pipe is not attached to:
     // a pipe belongs to the connection that opened it last.
     uint64_t droppedOtherConnection = 0;
+    // A request or notification whose data would have taken the unfinished incoming data of
+    // its connection (all the connection's pipes together) over the bound, and the later
+    // chunks of such a message (see setConnectionIncomingLimits).
+    uint64_t droppedConnectionLimit = 0;
+    // Bytes held now for incoming messages still arriving (their buffers), and for whole ones
+    // not yet taken by the application (with their records).
+    uint64_t unfinishedIncomingBytes = 0;
+    uint64_t queuedIncomingBytes = 0;
 };
 
 // The manager's callbacks: a context pointer and a function, set when either is non-null.
@@ -234,6 +244,20 @@ DM_API PipeStatistics getPipeStatistics(const CommunicationPipe* pipe);
 // a pipe manager (512 MiB unless set); larger messages are dropped instead of allocated. False
 // for any other implementation.
 DM_API bool setPipeMaxMessageSize(CommunicationPipe* pipe, uint32_t bytes);
+// Bounds, per connection of a manager made by the registry (all pipes attached to it
+// together), what peers can make it hold:
+// - `maxUnfinishedBytes` (512 MiB unless set, the default message size limit): data of incoming
+//   messages still arriving. A chunk that would take it further is dropped with the rest of its
+//   message (counted in droppedConnectionLimit), never allocated; so no request with more data
+//   than this can arrive, whatever the pipe's message size limit. Buffers grow only with bytes
+//   that arrived, so what is held stays near what peers really sent.
+// - `maxQueuedBytes` (64 MiB unless set): whole incoming messages the application has not
+//   taken yet. From this on, the manager stops reading the connection (TCP then holds the
+//   sender back; its other connections are served as before) and reads on as soon as the
+//   application takes messages. Nothing is dropped; one message may take it past the bound.
+// Changes apply at once. False for any other implementation.
+DM_API bool setConnectionIncomingLimits(CommunicationPipeManager* manager,
+                                        uint64_t maxUnfinishedBytes, uint64_t maxQueuedBytes);
 
 // Writes each byte as two lower-case hexadecimal digits, high nibble first; `out` becomes
 // exactly 2 * size characters.
