@@ -415,6 +415,7 @@ NetCommunicationPipeManager::SocketEntry NetCommunicationPipeManager::makeEntry(
     net::Socket* socket) {
     SocketEntry entry;
     entry.socket = socket;
+    socket->setReadsOnlyWhenReady(true);  // its readiness is reported by the manager's waits
     try {
         entry.budget =
             zu::newObject<ConnectionBudget>(m_maxUnfinishedPerConnection, m_maxQueuedPerConnection);

@@ -121,12 +121,17 @@ private:
         // No wait took place (no time given, or the wait failed): anything may be ready.
         static constexpr int kNotWaited = -100;
         // The index of the handle that ended the wait, zu::kWaitTimeout or kNotWaited.
-        int wait(uint32_t timeoutMs) const;
+        int wait(uint32_t timeoutMs);
+        // After a wait: whether the wait watched `handle` and found it not ready, so that
+        // nothing can have arrived on it since it was last read.
+        bool sawIdle(zu::WaitHandle handle) const;
 
     private:
         static constexpr size_t kCapacity = 64;
         zu::WaitHandle m_handles[kCapacity];
+        bool m_ready[kCapacity] = {};
         size_t m_count = 0;
+        bool m_waited = false;
     };
 
     // --- Passes (manager thread) ---
@@ -136,6 +141,7 @@ private:
     static void updateSocket(net::Socket& socket);
     void pollPackets(SocketEntry& entry);
     static zu::WaitHandle waitHandleOf(const SocketEntry& entry);
+    void noteReadableSockets(const WaitList& waits);
     SocketEntry makeEntry(net::Socket* socket);
     static void destroyEntry(SocketEntry& entry);
     ConnectionBudget* budgetOf(const net::Socket* socket);

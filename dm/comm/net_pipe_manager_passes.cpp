@@ -62,16 +62,27 @@ bool NetCommunicationPipeManager::WaitList::add(zu::WaitHandle handle) {
     return true;
 }
 
-int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) const {
+int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) {
+    m_waited = false;
     if (timeoutMs == 0) {
         return kNotWaited;
     }
-    const int ready = zu::waitForAny(m_handles, m_count, timeoutMs);
+    const int ready = zu::waitForAny(m_handles, m_count, timeoutMs, m_ready);
     if (ready == zu::kWaitFailed) {
         zu::sleepMs(timeoutMs);  // never spin, whatever went wrong with a handle
         return kNotWaited;
     }
+    m_waited = true;
     return ready;
+}
+
+bool NetCommunicationPipeManager::WaitList::sawIdle(zu::WaitHandle handle) const {
+    for (size_t i = 0; m_waited && i < m_count; ++i) {
+        if (m_handles[i] == handle) {
+            return !m_ready[i];
+        }
+    }
+    return false;
 }
 
 // --- Server ---
@@ -99,6 +110,7 @@ void NetCommunicationPipeManager::serverPass() {
     // Pipes beyond the list's room are served by the pass's bound.
     addPipeWakeHandles(waits);
     const int ready = waits.wait(m_moreWork ? 0 : kServerPassMs);
+    noteReadableSockets(waits);
     m_mayAccept = listening && (ready == WaitList::kNotWaited || ready == kListenerWaitIndex);
 }
 
@@ -197,6 +209,18 @@ zu::WaitHandle NetCommunicationPipeManager::waitHandleOf(const SocketEntry& entr
     return handle;
 }
 
+// A socket reads again unless the wait watched it for reading and found nothing.
+void NetCommunicationPipeManager::noteReadableSockets(const WaitList& waits) {
+    for (const SocketEntry& entry : m_sockets) {
+        const zu::WaitHandle handle = waitHandleOf(entry);
+        const bool watchedReads = handle.kind == zu::WaitHandle::SocketRead ||
+                                  handle.kind == zu::WaitHandle::SocketReadWrite;
+        if (!watchedReads || !waits.sawIdle(handle)) {
+            entry.socket->noteReadable();
+        }
+    }
+}
+
 // --- Client ---
 
 void NetCommunicationPipeManager::clientPass() {
@@ -235,6 +259,7 @@ void NetCommunicationPipeManager::clientPass() {
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextConnect, now, timeoutMs));
     }
     waits.wait(m_moreWork ? 0 : timeoutMs);
+    noteReadableSockets(waits);
 }
 
 // Asks the server for every pipe not attached yet, again each kOpenPipeInterval.

@@ -59,6 +59,14 @@ public:
     // payload size. When no whole packet is buffered it reads the socket once first, so a
     // loop of pollPacket calls drains the connection without update calls in between.
     Packet* pollPacket(uint32_t* outSize);
+    // Owners that wait on the socket can spare the read that finds nothing: with this set, once
+    // a read came back short the socket reads again only after noteReadable. The owner must
+    // then call noteReadable whenever its wait found the socket ready, or whenever it did not
+    // wait on the socket's readiness at all. Off by default.
+    void setReadsOnlyWhenReady(bool on) { m_readsOnlyWhenReady = on; }
+    // The owner's wait found the socket ready: the next update or pollPacket reads again.
+    void noteReadable() { m_drained = false; }
+
     // Queued bytes not yet handed to the OS.
     bool hasSendsToDo() const { return m_sendQueued > 0; }
     // Bytes queued and not yet handed to the OS; lets a sender that must never wait drop
@@ -110,6 +118,9 @@ private:
     uint32_t m_receiveEnd = 0;
 
     Packet m_packet;
+
+    bool m_readsOnlyWhenReady = false;
+    bool m_drained = false;  // the last read came back short; see setReadsOnlyWhenReady
 };
 
 }  // namespace net

@@ -63,5 +63,9 @@ constexpr int kWaitFailed = -2;
 // handle (the lowest one when several are), kWaitTimeout, or kWaitFailed for an invalid call.
 // An event that is returned has been cleared. Handles of kind None are ignored.
 ZUL_API int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs);
+// The same, and `ready[i]` (an array of `count`) tells whether handle i was found ready; for
+// events only the one returned counts as ready. Lets an owner of several sockets learn which
+// of them have data without reading each of them.
+ZUL_API int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs, bool* ready);
 
 }  // namespace zu

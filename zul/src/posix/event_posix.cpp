@@ -49,6 +49,15 @@ int remainingMs(uint32_t timeoutMs, std::chrono::steady_clock::time_point deadli
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
+// Sockets stay ready until read, so a wait that goes on keeps what an earlier round found.
+void noteReadySockets(const WaitHandle* handles, const pollfd* entries, size_t count, bool* ready) {
+    for (size_t i = 0; ready && i < count; ++i) {
+        if (handles[i].kind != WaitHandle::Event && entries[i].revents != 0) {
+            ready[i] = true;
+        }
+    }
+}
+
 }  // namespace
 
 Event::Event() : m_handle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
@@ -78,6 +87,10 @@ bool Event::wait(uint32_t timeoutMs) {
 }
 
 int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs) {
+    return waitForAny(handles, count, timeoutMs, nullptr);
+}
+
+int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs, bool* ready) {
     if (count > kMaxWaitHandles || (count > 0 && handles == nullptr)) {
         return kWaitFailed;
     }
@@ -86,17 +99,21 @@ int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs) {
         entries[i].fd =
             handles[i].kind == WaitHandle::None ? -1 : static_cast<int>(handles[i].handle);
         entries[i].events = pollEventsOf(handles[i].kind);
+        if (ready) {
+            ready[i] = false;
+        }
     }
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         for (size_t i = 0; i < count; ++i) {
             entries[i].revents = 0;
         }
-        int ready = poll(entries, static_cast<nfds_t>(count), remainingMs(timeoutMs, deadline));
-        if (ready < 0 && errno != EINTR) {
+        int found = poll(entries, static_cast<nfds_t>(count), remainingMs(timeoutMs, deadline));
+        if (found < 0 && errno != EINTR) {
             return kWaitFailed;
         }
-        for (size_t i = 0; ready > 0 && i < count; ++i) {
+        noteReadySockets(handles, entries, count, ready);
+        for (size_t i = 0; found > 0 && i < count; ++i) {
             if (entries[i].revents == 0) {
                 continue;
             }
@@ -105,6 +122,9 @@ int waitForAny(const WaitHandle* handles, size_t count, uint32_t timeoutMs) {
             }
             // Another waiter may have taken the event's signal first: then keep waiting.
             if (handles[i].kind != WaitHandle::Event || consumeSignal(handles[i].handle)) {
+                if (ready) {
+                    ready[i] = true;
+                }
                 return static_cast<int>(i);
             }
         }

@@ -178,6 +178,7 @@ bool Socket::connect(const char* host, uint32_t port) {
 
 void Socket::becomeConnected() {
     m_state = State::Connected;
+    m_drained = false;
     if (!m_receiveBuffer) {
         m_receiveBuffer = allocateBuffer(kReceiveCapacity);
         m_receiveCapacity = kReceiveCapacity;
@@ -454,6 +455,9 @@ bool Socket::flushSends() {
 
 // Reads until the OS has nothing more, the buffer is full, or the peer has gone.
 void Socket::receive() {
+    if (m_drained && m_readsOnlyWhenReady) {
+        return;  // the OS had nothing more at the last read, and no wait has said otherwise
+    }
     for (;;) {
         prepareReceiveRoom();
         uint32_t room = m_receiveCapacity - m_receiveEnd;
@@ -464,11 +468,13 @@ void Socket::receive() {
         if (got > 0) {
             m_receiveEnd += static_cast<uint32_t>(got);
             if (static_cast<uint32_t>(got) < room) {
-                return;  // the OS had less than asked for: drained
+                m_drained = true;  // the OS had less than asked for
+                return;
             }
         } else if (got < 0 && errno == EINTR) {
             continue;
         } else if (got < 0 && isWouldBlock(errno)) {
+            m_drained = true;
             return;
         } else {
             peerClosed();  // orderly close (0) or reset
