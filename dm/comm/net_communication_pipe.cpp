@@ -112,7 +112,7 @@ bool NetCommunicationPipe::sendNotify(const char* text, uint32_t value) {
         notification.text = text;
         m_outgoingNotificationBytes += length;
     }
-    m_wakeEvent.signal();
+    wakeToSend();
     return true;
 }
 
@@ -168,7 +168,7 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
         request.dataSize = data ? dataSize : 0;
         request.event = event;
     }
-    m_wakeEvent.signal();
+    wakeToSend();
 
     zu::InplaceString<128> responseText;
     for (;;) {
@@ -186,7 +186,7 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
             }
             m_outgoingRequests.erase(m_outgoingRequests.begin() + static_cast<ptrdiff_t>(index));
             if (m_outgoingRequests.size() >= kMaxSentPerPump) {
-                m_wakeEvent.signal();  // a request moved up into the part that is sent
+                wakeToSend();  // a request moved up into the part that is sent
             }
         }
         releaseEvent(event);
@@ -265,7 +265,7 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         response.dataSize = data ? dataSize : 0;
         response.event = event;
     }
-    m_wakeEvent.signal();
+    wakeToSend();
 
     for (;;) {
         event->wait();
@@ -278,7 +278,7 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         if (response) {
             m_outgoingResponses.erase(m_outgoingResponses.begin() + static_cast<ptrdiff_t>(index));
             if (m_outgoingResponses.size() >= kMaxSentPerPump) {
-                m_wakeEvent.signal();  // a response moved up into the part that is sent
+                wakeToSend();  // a response moved up into the part that is sent
             }
         }
         releaseEvent(event);
@@ -393,6 +393,9 @@ void NetCommunicationPipe::attachSocket(net::Socket* socket, ConnectionBudget* b
         m_connectedIP = std::move(peer);
     }
     m_socket.store(socket);
+    if (m_owner) {
+        m_owner->onOutgoingQueued();  // what waited for a connection goes out now
+    }
     PipeCallback callback;
     {
         zu::ScopedLock lock(m_incomingLock);
@@ -404,8 +407,13 @@ void NetCommunicationPipe::attachSocket(net::Socket* socket, ConnectionBudget* b
 void NetCommunicationPipe::detachSocket() {
     m_socket.store(nullptr);
     leaveBudget();
-    zu::ScopedLock lock(m_outgoingLock);
-    m_connectedIP.clear();
+    {
+        zu::ScopedLock lock(m_outgoingLock);
+        m_connectedIP.clear();
+    }
+    if (m_owner) {
+        m_owner->onOutgoingQueued();  // its pipes are to be looked at again
+    }
 }
 
 void NetCommunicationPipe::reset() {
@@ -464,12 +472,22 @@ void NetCommunicationPipe::freeIncomingRequests() {
 // --- Sending (manager thread) ---
 
 bool NetCommunicationPipe::pumpOutgoing(PacketSink* sink) {
+    m_leftUnsent = false;
     if (!sink || !collectOutgoing()) {
         return false;
     }
     const bool paused = !sendCollected(*sink);
     const bool moreToSend = markSent();
+    m_leftUnsent = moreToSend;
     return moreToSend && !paused;
+}
+
+// The owner learns of the work before the wake: a manager that wakes finds it marked.
+void NetCommunicationPipe::wakeToSend() {
+    if (m_owner) {
+        m_owner->onOutgoingQueued();
+    }
+    m_wakeEvent.signal();
 }
 
 bool NetCommunicationPipe::collectOutgoing() {

@@ -36,6 +36,9 @@ public:
     virtual CommunicationPipeManager* getOwningManager() = 0;
     // The value that replaces a notification value of 0 on sending.
     virtual uint32_t getOwnerId() const = 0;
+    // A pipe queued something to send (or got a connection to send it on). Called from any
+    // thread, before the pipe's wake event is signalled.
+    virtual void onOutgoingQueued() {}
 
 protected:
     virtual ~PipeOwner();
@@ -115,6 +118,9 @@ public:
     // False when nothing is left, or when sending paused: then wait on the socket's handle
     // (it signals once the socket can take more).
     bool pumpOutgoing(PacketSink* sink);
+    // The last pumpOutgoing left something unsent (paused by a full socket, or more queued than
+    // one pump sends).
+    bool leftUnsent() const { return m_leftUnsent; }
     // Ends the pipe's service before it is destroyed: every thread blocked in sendRequest or
     // respond wakes and returns empty-handed, later calls of the two return at once, and close
     // returns once no thread is inside either of them any more.
@@ -198,6 +204,7 @@ private:
     bool markSent();
     void markSentLocked();
     bool hasUnsentInWindow() const;
+    void wakeToSend();
     void leaveBlockingCall();
     bool sendCollected(PacketSink& sink);
 
@@ -293,7 +300,8 @@ private:
     zu::Vector<ResponseRecord> m_pumpResponses;
     zu::Vector<RequestRecord> m_pumpRequests;
     zu::Vector<NotificationRecord> m_pumpNotifications;
-    zu::Vector<zu::Event*> m_pumpWaiters;  // respond calls to wake once the lock is released
+    zu::Vector<zu::Event*> m_pumpWaiters;
+    bool m_leftUnsent = false;  // respond calls to wake once the lock is released
     net::Packet m_sendPacket;
 };
 

@@ -359,7 +359,7 @@ void NetCommunicationPipeManager::detachPipesFrom(const net::Socket* socket) {
 
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
     const char* pipeName) {
-    auto found = m_pipes.find(zu::InplaceString<128>(pipeName));
+    auto found = m_pipes.find(pipeName);
     return found == m_pipes.end() ? nullptr : found->second;
 }
 
@@ -396,6 +396,7 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry
     try {
         entry->pipe = zu::newObject<NetCommunicationPipe>(this, pipeName);
         m_pipeOrder.push_back(entry);
+        m_outgoingQueued.store(true);  // collected by the next pass
         try {
             m_pipes.emplace(zu::InplaceString<128>(pipeName), entry);
         } catch (...) {

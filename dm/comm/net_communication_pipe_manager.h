@@ -92,6 +92,7 @@ public:
     // PipeOwner
     CommunicationPipeManager* getOwningManager() override { return this; }
     uint32_t getOwnerId() const override { return m_id.load(); }
+    void onOutgoingQueued() override { m_outgoingQueued.store(true); }
 
 private:
     struct SocketEntry {
@@ -104,7 +105,20 @@ private:
         NetCommunicationPipe* pipe = nullptr;
         double lastOpenPipeSent = 0.0;
     };
-    using PipeMap = std::map<zu::InplaceString<128>, PipeEntry*, zu::LessNoCase,
+    // Case-insensitive, and found by a received name in place, without copying it.
+    struct PipeNameLess {
+        using is_transparent = void;
+        bool operator()(const zu::String& a, const zu::String& b) const {
+            return zu::stricmp(a.c_str(), b.c_str()) < 0;
+        }
+        bool operator()(const zu::String& a, const char* b) const {
+            return zu::stricmp(a.c_str(), b) < 0;
+        }
+        bool operator()(const char* a, const zu::String& b) const {
+            return zu::stricmp(a, b.c_str()) < 0;
+        }
+    };
+    using PipeMap = std::map<zu::InplaceString<128>, PipeEntry*, PipeNameLess,
                              zu::Allocator<std::pair<const zu::InplaceString<128>, PipeEntry*>>>;
     // A copy of the addresses a client connects to, taken under the address lock.
     struct Address {
@@ -150,6 +164,7 @@ private:
     double nextOpenPipeDue() const;
     void onClientDropped(net::Socket& socket);
     void connectClient(SocketEntry& entry, double now);
+    bool pumpIsDue();
     void collectPipes();
     void pumpPipes();
     bool addPipeWakeHandles(WaitList& waits);
@@ -215,7 +230,11 @@ private:
     zu::Vector<SocketEntry> m_sockets;
     uint32_t m_nextConnectionId = 0;
     bool m_wasConnected = false;
-    bool m_moreWork = false;  // the pass left work behind: the next one starts at once
+    // Pumping is skipped while no pipe queued anything and the last pump sent all it took.
+    std::atomic<bool> m_outgoingQueued{true};
+    bool m_pumpLeftWork = false;
+    bool m_pipesUnattached = true;  // of the pipes last collected: some wait for their peer
+    bool m_moreWork = false;        // the pass left work behind: the next one starts at once
     // False when the last wait timed out or was ended by another handle than the listener: a
     // waiting connection would have ended it (first, by its lower index), so there is none.
     bool m_mayAccept = true;

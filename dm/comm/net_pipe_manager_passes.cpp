@@ -93,8 +93,10 @@ void NetCommunicationPipeManager::serverPass() {
     if (m_mayAccept && acceptClient()) {
         return;  // a client was redirected: nothing else this pass
     }
-    collectPipes();
-    pumpPipes();
+    if (pumpIsDue()) {
+        collectPipes();
+        pumpPipes();
+    }
     for (size_t index = 0; index < m_sockets.size();) {
         if (serveSocket(index)) {
             ++index;  // otherwise the entry is gone and the next one took its place
@@ -227,9 +229,13 @@ void NetCommunicationPipeManager::clientPass() {
     m_moreWork = false;
     SocketEntry& entry = m_sockets[0];
     net::Socket& socket = *entry.socket;
-    collectPipes();
-    pumpPipes();
-    sendOpenPipes(socket);
+    if (pumpIsDue()) {
+        collectPipes();
+        pumpPipes();
+    }
+    if (m_pipesUnattached) {
+        sendOpenPipes(socket);
+    }
 
     updateSocket(socket);
     if (socket.isConnected()) {
@@ -239,7 +245,9 @@ void NetCommunicationPipeManager::clientPass() {
     if (!socket.isConnected() && m_wasConnected) {
         onClientDropped(socket);
     }
-    const double now = m_clock.now();
+    // The clock is read only when something is due by time: a connection or a pipe to ask for.
+    const bool timed = !socket.isConnected() || m_pipesUnattached;
+    const double now = timed ? m_clock.now() : 0.0;
     const bool idle = !socket.isConnected() && !socket.isConnecting();
     if (idle && now - entry.lastConnectAttempt > kReconnectInterval) {
         connectClient(entry, now);
@@ -252,7 +260,7 @@ void NetCommunicationPipeManager::clientPass() {
     if (!addPipeWakeHandles(waits)) {
         timeoutMs = kCrowdedClientPassMs;  // pipes that did not fit are polled instead
     }
-    if (socket.isConnected()) {
+    if (socket.isConnected() && m_pipesUnattached) {
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextOpenPipeDue(), now, timeoutMs));
     } else if (!socket.isConnecting()) {
         const double nextConnect = entry.lastConnectAttempt + kReconnectInterval;
@@ -319,6 +327,13 @@ void NetCommunicationPipeManager::connectClient(SocketEntry& entry, double now) 
 
 // --- Pipes ---
 
+// Whether this pass collects and pumps the pipes: when one queued something, when the last pump
+// left some unsent, and always while there are more pipes than a pass takes (they take turns).
+bool NetCommunicationPipeManager::pumpIsDue() {
+    const bool queued = m_outgoingQueued.exchange(false);
+    return queued || m_pumpLeftWork || m_pipeCount > kMaxPipesPerPass;
+}
+
 // Takes up to kMaxPipesPerPass pipes for this pass, going on where the last pass stopped.
 void NetCommunicationPipeManager::collectPipes() {
     m_passPipes.clear();
@@ -333,9 +348,14 @@ void NetCommunicationPipeManager::collectPipes() {
         m_passPipes.push_back(m_pipeOrder[(m_nextPipeToPump + i) % count]);
     }
     m_nextPipeToPump = count > 0 ? (m_nextPipeToPump + taken) % count : 0;
+    m_pipesUnattached = false;
+    for (const PipeEntry* entry : m_passPipes) {
+        m_pipesUnattached = m_pipesUnattached || !entry->socket;
+    }
 }
 
 void NetCommunicationPipeManager::pumpPipes() {
+    m_pumpLeftWork = false;
     for (PipeEntry* entry : m_passPipes) {
         if (!entry->socket) {
             continue;
@@ -344,6 +364,7 @@ void NetCommunicationPipeManager::pumpPipes() {
         if (entry->pipe->pumpOutgoing(&sink)) {
             m_moreWork = true;
         }
+        m_pumpLeftWork = m_pumpLeftWork || entry->pipe->leftUnsent();
     }
 }
 
