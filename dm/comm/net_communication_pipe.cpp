@@ -482,6 +482,22 @@ bool NetCommunicationPipe::pumpOutgoing(PacketSink* sink) {
     return moreToSend && !paused;
 }
 
+void NetCommunicationPipe::wakeAfterPass(zu::Event* event) {
+    if (m_owner) {
+        m_owner->wakeAfterPass(event);
+    } else {
+        event->signal();
+    }
+}
+
+void NetCommunicationPipe::callAfterPass(const PipeCallback& callback) {
+    if (m_owner) {
+        m_owner->callAfterPass(callback, this);
+    } else {
+        invoke(callback);
+    }
+}
+
 // The owner learns of the work before the wake: a manager that wakes finds it marked.
 void NetCommunicationPipe::wakeToSend() {
     if (m_owner) {
@@ -574,9 +590,10 @@ bool NetCommunicationPipe::markSent() {
         markSentLocked();
         moreToSend = hasUnsentInWindow();
     }
-    // The threads in respond are woken outside the lock, which each of them takes at once.
+    // The threads in respond are woken outside the lock (after the pass), which each of them
+    // takes at once.
     for (zu::Event* waiter : m_pumpWaiters) {
-        waiter->signal();
+        wakeAfterPass(waiter);
     }
     return moreToSend;
 }

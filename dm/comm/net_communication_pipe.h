@@ -39,6 +39,15 @@ public:
     // A pipe queued something to send (or got a connection to send it on). Called from any
     // thread, before the pipe's wake event is signalled.
     virtual void onOutgoingQueued() {}
+    // From the owner's thread: wakes a caller blocked on `event`, and calls an application
+    // callback, once the owner's current pass is over (so that whoever is woken does not run
+    // into a pass still going on). By default at once.
+    virtual void wakeAfterPass(zu::Event* event) { event->signal(); }
+    virtual void callAfterPass(const PipeCallback& callback, CommunicationPipe* pipe) {
+        if (callback.function) {
+            callback.function(callback.context, pipe);
+        }
+    }
 
 protected:
     virtual ~PipeOwner();
@@ -204,6 +213,8 @@ private:
     bool markSent();
     void markSentLocked();
     bool hasUnsentInWindow() const;
+    void wakeAfterPass(zu::Event* event);
+    void callAfterPass(const PipeCallback& callback);
     void wakeToSend();
     void leaveBlockingCall();
     bool sendCollected(PacketSink& sink);

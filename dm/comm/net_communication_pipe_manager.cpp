@@ -110,8 +110,10 @@ int NetCommunicationPipeManager::run() {
         } catch (const zu::OutOfMemoryException&) {
             // Out of memory inside the runtime (a socket's buffers): the connections and pipes
             // are left as the pass left them, and the next pass tries again a little later.
+            runAfterPass();
             zu::sleepMs(kServerPassMs);
         }
+        runAfterPass();  // a pass that ended early
     }
     t_threadStopFlag = nullptr;
     return 0;

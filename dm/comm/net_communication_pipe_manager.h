@@ -93,6 +93,8 @@ public:
     CommunicationPipeManager* getOwningManager() override { return this; }
     uint32_t getOwnerId() const override { return m_id.load(); }
     void onOutgoingQueued() override { m_outgoingQueued.store(true); }
+    void wakeAfterPass(zu::Event* event) override;
+    void callAfterPass(const PipeCallback& callback, CommunicationPipe* pipe) override;
 
 private:
     struct SocketEntry {
@@ -165,6 +167,7 @@ private:
     void onClientDropped(net::Socket& socket);
     void connectClient(SocketEntry& entry, double now);
     bool pumpIsDue();
+    void runAfterPass();
     void collectPipes();
     void pumpPipes();
     bool addPipeWakeHandles(WaitList& waits);
@@ -232,6 +235,13 @@ private:
     bool m_wasConnected = false;
     // Pumping is skipped while no pipe queued anything and the last pump sent all it took.
     std::atomic<bool> m_outgoingQueued{true};
+    // Manager thread only: wake-ups and callbacks held back until the pass is over.
+    struct DeferredCall {
+        PipeCallback callback;
+        CommunicationPipe* pipe = nullptr;
+    };
+    zu::Vector<zu::Event*> m_wakesAfterPass;
+    zu::Vector<DeferredCall> m_callsAfterPass;
     bool m_pumpLeftWork = false;
     bool m_pipesUnattached = true;  // of the pipes last collected: some wait for their peer
     bool m_moreWork = false;        // the pass left work behind: the next one starts at once

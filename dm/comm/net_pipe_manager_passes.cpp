@@ -85,6 +85,43 @@ bool NetCommunicationPipeManager::WaitList::sawIdle(zu::WaitHandle handle) const
     return false;
 }
 
+// --- Wake-ups after the pass ---
+
+// Held back so that a caller woken in the middle of a pass does not find the manager busy; if
+// there is no memory to hold it, it happens at once.
+void NetCommunicationPipeManager::wakeAfterPass(zu::Event* event) {
+    try {
+        m_wakesAfterPass.push_back(event);
+    } catch (...) {
+        event->signal();
+    }
+}
+
+void NetCommunicationPipeManager::callAfterPass(const PipeCallback& callback,
+                                                CommunicationPipe* pipe) {
+    if (!callback.function) {
+        return;  // a pair with only a context: nothing to call
+    }
+    try {
+        m_callsAfterPass.push_back({callback, pipe});
+    } catch (...) {
+        callback.function(callback.context, pipe);
+    }
+}
+
+// Wakes first: a callback may take its time. Callbacks see the pass's effects complete.
+void NetCommunicationPipeManager::runAfterPass() {
+    for (zu::Event* event : m_wakesAfterPass) {
+        event->signal();
+    }
+    m_wakesAfterPass.clear();
+    for (size_t i = 0; i < m_callsAfterPass.size(); ++i) {
+        const DeferredCall call = m_callsAfterPass[i];
+        call.callback.function(call.callback.context, call.pipe);
+    }
+    m_callsAfterPass.clear();
+}
+
 // --- Server ---
 
 void NetCommunicationPipeManager::serverPass() {
@@ -111,6 +148,7 @@ void NetCommunicationPipeManager::serverPass() {
     }
     // Pipes beyond the list's room are served by the pass's bound.
     addPipeWakeHandles(waits);
+    runAfterPass();
     const int ready = waits.wait(m_moreWork ? 0 : kServerPassMs);
     noteReadableSockets(waits);
     m_mayAccept = listening && (ready == WaitList::kNotWaited || ready == kListenerWaitIndex);
@@ -266,6 +304,7 @@ void NetCommunicationPipeManager::clientPass() {
         const double nextConnect = entry.lastConnectAttempt + kReconnectInterval;
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextConnect, now, timeoutMs));
     }
+    runAfterPass();
     waits.wait(m_moreWork ? 0 : timeoutMs);
     noteReadableSockets(waits);
 }

@@ -85,7 +85,7 @@ void NetCommunicationPipe::onRequest(const pipe_protocol::Message& message) {
         }
         callback = m_requestCallback;
     }
-    invoke(callback);
+    callAfterPass(callback);
 }
 
 // Returns true when the chunk completed its request.
@@ -357,7 +357,7 @@ void NetCommunicationPipe::onResponse(const pipe_protocol::Message& message) {
     }
     // Woken outside the lock, which the waiter takes at once. A late signal to an event that
     // has meanwhile gone to another call only makes that call look at its record once more.
-    waiter->signal();
+    wakeAfterPass(waiter);
 }
 
 // Returns true when the chunk completed the response: it ends the payload and every byte of it
@@ -419,7 +419,7 @@ void NetCommunicationPipe::onNotify(const pipe_protocol::Message& message) {
         }
         callback = m_notifyCallback;
     }
-    invoke(callback);
+    callAfterPass(callback);
 }
 
 // Returns true when the chunk completed its notification. Chunks are appended in the order
