@@ -181,25 +181,6 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
     sender.join();
 }
 
-// Both ends have a request far larger than a socket queues before its sender waits, queued
-// before either end runs: each end's pump must leave room for reading what the other sends.
-TEST_F(PipeLimits, LargeRequestsBothWaysAtOnceBothComplete) {
-    constexpr uint32_t kSize = 48 * kMiB;
-    dmtest::RequestThread fromLeft(&link.left.pipe(), "both", Bytes(kSize, 0x4C), kSize);
-    dmtest::RequestThread fromRight(&link.right.pipe(), "both", Bytes(kSize, 0x52), kSize);
-    EXPECT_TRUE(waitUntil([&] {
-        return link.left.pipe().getStatistics().outgoingRequests == 1 &&
-               link.right.pipe().getStatistics().outgoingRequests == 1;
-    }));
-    dmtest::EchoResponder answers(&link.left.pipe());
-    answers.add(&link.right.pipe());
-    link.start();
-    const auto bothDone = [&] { return fromLeft.done() && fromRight.done(); };
-    EXPECT_TRUE(waitUntil(bothDone, std::chrono::seconds(60)));
-    EXPECT_TRUE(fromLeft.echoed());
-    EXPECT_TRUE(fromRight.echoed());
-}
-
 TEST_F(PipeLimits, RequestCutOffByAReconnectIsSentAgainFromItsStart) {
     constexpr uint32_t kSize = 16 * kMiB;
     dmtest::RequestThread request(&link.left.pipe(), "again", dmtest::patternBytes(kSize, 5),

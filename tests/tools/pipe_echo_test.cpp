@@ -114,20 +114,6 @@ TEST(PipeEchoTool, ServerReportsEmptyTextsAndGoesOnAnswering) {
     EXPECT_TRUE(server.waitForOutput("with an empty text; they get no answer")) << server.output();
 }
 
-TEST(PipeEchoTool, UsageTextNamesEveryArgument) {
-    for (const char* mode : {"server", "client"}) {
-        ChildProcess help(kTool, {mode, "--help"});
-        EXPECT_EQ(0, help.wait()) << mode;
-        const std::string& text = help.output();
-        EXPECT_NE(std::string::npos, text.find("PORT")) << text;
-        EXPECT_NE(std::string::npos, text.find("N ")) << text;
-    }
-    ChildProcess client(kTool, {"client", "--help"});
-    client.wait();
-    EXPECT_NE(std::string::npos, client.output().find("HOST")) << client.output();
-    EXPECT_NE(std::string::npos, client.output().find("--timeout")) << client.output();
-}
-
 TEST(PipeEchoTool, ArgumentsThatDoNotParseAreErrors) {
     const std::vector<std::vector<std::string>> cases = {
         {},
