@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "net/listener.h"
 #include "net/socket.h"
+#include "support/loopback.h"
 #include "support/pipe_wire.h"
 #include "support/test_support.h"
 
@@ -19,14 +19,6 @@ namespace pipewire = dmtest::pipewire;
 
 const std::string kTool = DM_PIPE_ECHO_TOOL;
 
-size_t countOf(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 // The tool with `args`, its error output joined to its standard output.
 std::vector<std::string> withErrors(const std::vector<std::string>& args) {
     std::string command = "'" + kTool + "'";
@@ -34,22 +26,6 @@ std::vector<std::string> withErrors(const std::vector<std::string>& args) {
         command += " '" + arg + "'";
     }
     return {"-c", command + " 2>&1"};
-}
-
-// A port on which nothing listens (it did a moment ago).
-std::string deadPort() {
-    net::Listener listener(0, "127.0.0.1");
-    return std::to_string(listener.getPort());
-}
-
-// Starts `dm-pipe-echo server 0` and reads the port it prints.
-std::string startServer(ChildProcess& server) {
-    if (!server.started() || !server.waitForOutput(" on port ")) {
-        return "";
-    }
-    const std::string& output = server.output();
-    const size_t start = output.find(" on port ") + 9;
-    return output.substr(start, output.find('\n', start) - start);
 }
 
 // A pipe client made of hand-written packets, for what the library itself never sends.
@@ -94,7 +70,7 @@ private:
 
 TEST(PipeEchoTool, ServerReportsEmptyTextsAndGoesOnAnswering) {
     ChildProcess server(kTool, {"server", "0"});
-    const std::string port = startServer(server);
+    const std::string port = server.portAfter(" on port ");
     ASSERT_FALSE(port.empty()) << server.output();
     RawPipeClient client;
     ASSERT_TRUE(client.open(port)) << server.output();
@@ -140,7 +116,8 @@ TEST(PipeEchoTool, ArgumentsThatDoNotParseAreErrors) {
 
 TEST(PipeEchoTool, ClientAtADeadPortSaysSoAtOnce) {
     const auto start = std::chrono::steady_clock::now();
-    ChildProcess client("/bin/sh", withErrors({"client", "127.0.0.1", deadPort()}));
+    ChildProcess client(
+        "/bin/sh", withErrors({"client", "127.0.0.1", std::to_string(dmtest::pickFreePort())}));
     EXPECT_EQ(1, client.wait());
     // Far below the ten seconds it would otherwise wait for the pipe.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
@@ -149,19 +126,19 @@ TEST(PipeEchoTool, ClientAtADeadPortSaysSoAtOnce) {
 
 TEST(PipeEchoTool, ServerPrintsALineForEveryClientThatComesAndGoes) {
     ChildProcess server(kTool, {"server", "0"});
-    const std::string port = startServer(server);
+    const std::string port = server.portAfter(" on port ");
     ASSERT_FALSE(port.empty()) << server.output();
     for (size_t round = 1; round <= 2; ++round) {
         ChildProcess client(kTool, {"client", "127.0.0.1", port, "1"});
         EXPECT_EQ(0, client.wait()) << client.output();
         EXPECT_TRUE(dmtest::waitUntil([&] {
             server.waitForOutput("\n", std::chrono::milliseconds(20));
-            return countOf(server.output(), "disconnected") == round;
+            return dmtest::countOf(server.output(), "disconnected") == round;
         })) << server.output();
     }
-    EXPECT_EQ(2u, countOf(server.output(),
-                          "server: client \"dm-pipe-echo client\" at 127.0.0.1 "
-                          "connected\n"))
+    EXPECT_EQ(2u, dmtest::countOf(server.output(),
+                                  "server: client \"dm-pipe-echo client\" at 127.0.0.1 "
+                                  "connected\n"))
         << server.output();
 }
 
