@@ -155,7 +155,8 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
     EXPECT_GT(link.left.outbox().getQueuedSendBytes(), 0u);
     EXPECT_LT(link.left.outbox().getQueuedSendBytes(), kSize / 2);  // it paused
 
-    // Read and pump in turns: the chunks are those of one send, in order.
+    // Read and pump in turns: the chunks are those of one send, in order, each with the whole
+    // head and the sizes.
     Bytes joined;
     bool consecutive = true;
     waitUntil([&] {
@@ -163,8 +164,9 @@ TEST_F(PipeLimits, LargeRequestGoesOutOverSeveralPumpsWithoutWaitingForThePeer) 
             packet.setPos(0);
             pipewire::Message seen = pipewire::read(packet);
             consecutive = consecutive && seen.kind == pipewire::kRequest && seen.id == 0 &&
-                          seen.text == "bulk" && seen.total == kSize &&
-                          seen.offset == joined.size() && !seen.chunk.empty();
+                          seen.text == "bulk" && seen.value == 1 && seen.total == kSize &&
+                          seen.endsAfterChunk && seen.offset == joined.size() &&
+                          !seen.chunk.empty();
             joined.insert(joined.end(), seen.chunk.begin(), seen.chunk.end());
         }
         link.left.pump();
