@@ -48,20 +48,18 @@ public:
     // The next pipe message of `kind` (others are skipped), positioned behind the kind; null
     // when none comes within the bound.
     net::Packet* next(int32_t kind) {
-        net::Packet* found = nullptr;
-        dmtest::waitUntil([&] {
-            m_socket.update();
-            while (net::Packet* packet = m_socket.pollPacket(nullptr)) {
-                int32_t packetKind = -1;
-                *packet >> packetKind;
-                if (packet->getID() == pipewire::kPacketId && packetKind == kind) {
-                    found = packet;
-                    return true;
-                }
+        for (int skipped = 0; skipped < 1000; ++skipped) {
+            net::Packet* packet = dmtest::nextPacket(m_socket);
+            if (packet == nullptr) {
+                break;
             }
-            return !m_socket.isConnected();
-        });
-        return found;
+            int32_t packetKind = -1;
+            *packet >> packetKind;
+            if (packet->getID() == pipewire::kPacketId && packetKind == kind) {
+                return packet;
+            }
+        }
+        return nullptr;
     }
 
 private:
