@@ -127,7 +127,7 @@ TEST(DmHub, PrintsEachMemberAsItJoinsAndEndsWithItsInput) {
     EXPECT_TRUE(
         second.waitFor("response \"first answers \"ping\"\" with data \"data from first\""));
     hub.closeInput();
-    EXPECT_EQ(hub.wait(), 0);
+    EXPECT_EQ(hub.wait(std::chrono::seconds(30)), 0);  // tears down two members' managers
     EXPECT_NE(hub.output().find("dm-hub: closing with 2 members"), std::string::npos);
 }
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -33,10 +34,25 @@ inline bool isPortFree(int port) {
     return free;
 }
 
+// The lowest port the kernel hands out for outgoing connections and port 0: the ports picked
+// below stay under it, so that no other test's connection can take one between our check and
+// the hub's bind.
+inline int firstEphemeralPort() {
+    int low = 32768;
+    if (std::FILE* range = std::fopen("/proc/sys/net/ipv4/ip_local_port_range", "r")) {
+        if (std::fscanf(range, "%d", &low) != 1) {
+            low = 32768;
+        }
+        std::fclose(range);
+    }
+    return low;
+}
+
 // The first of `count` consecutive ports that are free now: a hub's port and its members'.
 inline int findFreePorts(int count) {
     std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> pick(20000, 60000);
+    const int highest = std::max(10000 + count, firstEphemeralPort() - count - 1);
+    std::uniform_int_distribution<int> pick(10000, highest);
     for (int attempt = 0; attempt < 200; ++attempt) {
         const int base = pick(random);
         bool allFree = true;

@@ -42,10 +42,11 @@ bool isPortFree(int port) {
     return free;
 }
 
-// A port for the hub with the two above it free for its members.
+// A port for the hub with the two above it free for its members, below the range the kernel
+// picks outgoing connections' ports from, so that none of those can take a member's port.
 int pickHubPort() {
     std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> pick(30000, 60000);
+    std::uniform_int_distribution<int> pick(20000, 32000);
     for (int attempt = 0; attempt < 100; ++attempt) {
         const int port = pick(random);
         if (isPortFree(port) && isPortFree(port + 1) && isPortFree(port + 2)) {
