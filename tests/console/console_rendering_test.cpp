@@ -40,6 +40,11 @@ struct RenderingTest : ::testing::Test {
         return window.getPaletteColor(entry);
     }
     void defineAlias(const char* name) { window.accessAliasesMap()[name] = "x"; }
+
+    const std::string plain =
+        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kPlainColor));
+    const std::string alias =
+        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kAliasColor));
 };
 
 // The text of a drawn line, its runs joined.
@@ -157,10 +162,6 @@ TEST_F(RenderingTest, TheCommandLineKeepsTheCursorInView) {
 TEST_F(RenderingTest, ColoursOnlyTheLinesThatCameIntoView) {
     // A line coloured after "foo" became an alias shows it in the alias colour, one coloured
     // before in the plain colour: the colours tell which lines a frame coloured.
-    const std::string plain =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kPlainColor));
-    const std::string alias =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kAliasColor));
     for (int i = 0; i < 5; ++i) {
         window.print("foo %d\n", i);
     }
@@ -185,10 +186,6 @@ TEST_F(RenderingTest, ColoursOnlyTheLinesThatCameIntoView) {
 }
 
 TEST_F(RenderingTest, ScrollingUpColoursTheLinesThatAppearAtTheTop) {
-    const std::string plain =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kPlainColor));
-    const std::string alias =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kAliasColor));
     for (int i = 0; i < 20; ++i) {
         window.print("foo %d\n", i);
     }

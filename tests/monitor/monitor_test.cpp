@@ -15,7 +15,7 @@
 #include "dm/monitor.h"
 #include "net/packet.h"
 #include "net/socket.h"
-#include "support/test_support.h"
+#include "support/loopback.h"
 #include "zu/thread.h"
 
 namespace {
@@ -48,14 +48,8 @@ public:
 
     // The next packet; one with the id -1 when none comes.
     net::Packet receive() {
-        net::Packet received(-1);
-        waitUntil([&] {
-            socket.update();
-            net::Packet* packet = socket.pollPacket(nullptr);
-            received = packet ? *packet : received;
-            return packet != nullptr;
-        });
-        return received;
+        net::Packet* packet = dmtest::nextPacket(socket);
+        return packet ? *packet : net::Packet(-1);
     }
 
     // The next text packet as "<channel>: <text>".
