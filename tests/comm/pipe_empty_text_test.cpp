@@ -2,11 +2,10 @@
 // so a sender refuses them at once and a receiver drops (and counts) those another sender made.
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "dm/log.h"
+#include "support/log_capture.h"
 #include "support/pipe_link.h"
 
 namespace {
@@ -15,35 +14,11 @@ using dmtest::PendingRequest;
 using dmtest::waitUntil;
 namespace pipewire = dmtest::pipewire;
 
-// The library's log lines while it lives.
-class LogLines {
-public:
-    LogLines() { dm::setLogSink(&LogLines::receive, this); }
-    ~LogLines() { dm::setLogSink(nullptr, nullptr); }
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-
-    std::vector<std::string> lines() const {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_lines;
-    }
-
-private:
-    static void receive(void* context, const char* line) {
-        LogLines* self = static_cast<LogLines*>(context);
-        std::lock_guard<std::mutex> guard(self->m_lock);
-        self->m_lines.emplace_back(line);
-    }
-
-    mutable std::mutex m_lock;
-    std::vector<std::string> m_lines;
-};
-
 using EmptyTexts = dmtest::HandWrittenPackets;
 
 TEST_F(EmptyTexts, SenderRefusesThemAtOnceWithALogLine) {
     dm::NetCommunicationPipe& sender = link.left.pipe();
-    LogLines log;
+    dmtest::LogCapture log;
     EXPECT_FALSE(sender.sendNotify("", 0));
     EXPECT_FALSE(sender.sendNotify(nullptr, 7));
     const uint8_t data[16] = {1, 2, 3};

@@ -53,34 +53,6 @@ TEST(PipeMessaging, RequestAndResponseCarryTextValueAndBinaryDataBothWays) {
     EXPECT_EQ(Bytes(16, 0xAB), untouched);
 }
 
-TEST(PipeMessaging, PayloadsSpanningManyPacketsArriveWhole) {
-    // Several times the largest packet payload in each direction.
-    const Bytes request = dmtest::patternBytes(3 * 1024 * 1024 + 17, 2);
-    const Bytes answer = dmtest::patternBytes(5 * 1024 * 1024 + 5, 3);
-    ASSERT_GT(request.size(), 8 * size_t(net::Packet::kMaxPayload));
-
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    link.start();
-    Bytes received;
-    Responder responder(&link.right.pipe(), [&](const std::string&, uint32_t, const Bytes& data,
-                                                std::string& outText, Bytes& outData) {
-        received = data;
-        outText = "big";
-        outData = answer;
-    });
-
-    Bytes response(answer.size());
-    uint32_t responseSize = 0;
-    zu::InplaceString<128> text = link.left.pipe().sendRequest(
-        "upload", 0, response.data(), static_cast<uint32_t>(response.size()), &responseSize,
-        request.data(), static_cast<uint32_t>(request.size()));
-    EXPECT_STREQ("big", text.c_str());
-    EXPECT_TRUE(received == request);
-    EXPECT_EQ(answer.size(), responseSize);
-    EXPECT_TRUE(response == answer);
-}
-
 TEST(PipeMessaging, NotificationLongerThanOnePacketIsDeliveredOnceWhole) {
     std::string longText(2 * net::Packet::kMaxPayload + 1234, ' ');
     for (size_t i = 0; i < longText.size(); ++i) {

@@ -50,39 +50,6 @@ TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
     }
 }
 
-TEST(PipeWire, LargePayloadIsSplitIntoConsecutiveChunksEachWithTheWholeHead) {
-    PipeLink link;
-    ASSERT_TRUE(link.connected);
-    std::vector<uint8_t> data(700 * 1024);
-    for (size_t i = 0; i < data.size(); ++i) {
-        data[i] = static_cast<uint8_t>(i * 7);
-    }
-    std::thread sender([&] {
-        link.left.pipe().sendRequest("bulk", 3, nullptr, 0, nullptr, data.data(),
-                                     static_cast<uint32_t>(data.size()));
-    });
-    // Expectations only until the sender is answered below: it must not be left blocked.
-    EXPECT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
-    link.left.pump();
-    std::vector<net::Packet> packets = link.left.outbox().take();
-    EXPECT_GE(packets.size(), 3u);
-    std::vector<uint8_t> joined;
-    for (net::Packet& packet : packets) {
-        Chunked chunk = decode(packet);
-        EXPECT_EQ("bulk", chunk.text);
-        EXPECT_EQ(3u, chunk.value);
-        EXPECT_EQ(data.size(), chunk.total);
-        EXPECT_EQ(joined.size(), chunk.offset);
-        EXPECT_GT(chunk.chunk.size(), 0u);
-        EXPECT_TRUE(chunk.endsAfterChunk);
-        joined.insert(joined.end(), chunk.chunk.begin(), chunk.chunk.end());
-    }
-    EXPECT_TRUE(joined == data);
-    link.right.send(pipewire::response("link", 0, "", 0, 0, 0, nullptr));
-    link.left.receive();
-    sender.join();
-}
-
 TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
     PipeLink link;
     ASSERT_TRUE(link.connected);

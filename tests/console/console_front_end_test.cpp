@@ -97,18 +97,26 @@ TEST_F(ConsoleTest, TheToggleKeyOpensAndClosesTheConsole) {
 }
 
 TEST_F(ConsoleTest, EnterRunsTheLineAsCommandsEndingWithSemicolons) {
-    run("echo hi");
-    EXPECT_EQ(io.commands, (Commands{"echo hi;"}));
-    EXPECT_EQ(newestLine(), ">echo hi;\n") << "echoed behind the prompt";
-    EXPECT_EQ(window().getText(), "");
-
-    io.commands.clear();
-    run("  a ;  b");
-    EXPECT_EQ(io.commands, (Commands{"a ;", "b;"})) << "leading blanks of each command dropped";
-
-    io.commands.clear();
-    run("one;two;");
-    EXPECT_EQ(io.commands, (Commands{"one;", "two;"}));
+    window().accessAliasesMap()["both"] = "first;second";
+    const struct {
+        const char* line;
+        Commands commands;
+    } cases[] = {
+        {"echo hi", {"echo hi;"}},
+        {"  a ;  b", {"a ;", "b;"}},  // leading blanks of each command dropped
+        {"one;two;", {"one;", "two;"}},
+        {"alias x a;b", {"alias x a;b;"}},  // alias and bind lines stay whole
+        {"BIND k c;d", {"BIND k c;d;"}},
+        {"both;third", {"first;", "second;", "third;"}},  // aliases replaced before the split
+        {"say 100%s %n %% %d", {"say 100%s %n %% %d;"}},
+    };
+    for (const auto& each : cases) {
+        io.commands.clear();
+        run(each.line);
+        EXPECT_EQ(io.commands, each.commands) << each.line;
+        EXPECT_EQ(window().getText(), "");
+    }
+    EXPECT_EQ(newestLine(), ">say 100%s %n %% %d;\n") << "echoed behind the prompt, as typed";
 }
 
 TEST_F(ConsoleTest, EmptyEnterAndAltEnterDoNothing) {
@@ -126,24 +134,6 @@ TEST_F(ConsoleTest, EmptyEnterAndAltEnterDoNothing) {
     EXPECT_EQ(window().getText(), "a");
     enter();
     EXPECT_EQ(io.commands, (Commands{"a;"})) << "Enter runs the line also while closed";
-}
-
-TEST_F(ConsoleTest, AliasAndBindLinesStayWhole) {
-    run("alias x a;b");
-    run("BIND k c;d");
-    EXPECT_EQ(io.commands, (Commands{"alias x a;b;", "BIND k c;d;"}));
-}
-
-TEST_F(ConsoleTest, AliasesAreReplacedBeforeTheLineIsSplit) {
-    window().accessAliasesMap()["both"] = "first;second";
-    run("both;third");
-    EXPECT_EQ(io.commands, (Commands{"first;", "second;", "third;"}));
-}
-
-TEST_F(ConsoleTest, APercentSignIsEchoedAsTyped) {
-    run("say 100%s %n %% %d");
-    EXPECT_EQ(io.commands, (Commands{"say 100%s %n %% %d;"}));
-    EXPECT_EQ(newestLine(), ">say 100%s %n %% %d;\n");
 }
 
 TEST_F(ConsoleTest, WithoutAnIOInterfaceEachCommandPrintsAnError) {

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "console/keyboard.h"
@@ -42,6 +40,11 @@ struct RenderingTest : ::testing::Test {
         return window.getPaletteColor(entry);
     }
     void defineAlias(const char* name) { window.accessAliasesMap()[name] = "x"; }
+
+    const std::string plain =
+        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kPlainColor));
+    const std::string alias =
+        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kAliasColor));
 };
 
 // The text of a drawn line, its runs joined.
@@ -159,10 +162,6 @@ TEST_F(RenderingTest, TheCommandLineKeepsTheCursorInView) {
 TEST_F(RenderingTest, ColoursOnlyTheLinesThatCameIntoView) {
     // A line coloured after "foo" became an alias shows it in the alias colour, one coloured
     // before in the plain colour: the colours tell which lines a frame coloured.
-    const std::string plain =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kPlainColor));
-    const std::string alias =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kAliasColor));
     for (int i = 0; i < 5; ++i) {
         window.print("foo %d\n", i);
     }
@@ -187,10 +186,6 @@ TEST_F(RenderingTest, ColoursOnlyTheLinesThatCameIntoView) {
 }
 
 TEST_F(RenderingTest, ScrollingUpColoursTheLinesThatAppearAtTheTop) {
-    const std::string plain =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kPlainColor));
-    const std::string alias =
-        RecordingShapeEngine::colorText(color(ScrollingTextWindow::kAliasColor));
     for (int i = 0; i < 20; ++i) {
         window.print("foo %d\n", i);
     }
@@ -258,36 +253,6 @@ TEST_F(RenderingTest, TheScrollBarShowsTheShareAndPlaceOfTheView) {
     }
     frame();
     EXPECT_FLOAT_EQ(scrollBarOf(engine).handle.size.y, 0.025f) << "never shorter than its minimum";
-}
-
-// The game draws on its own thread while other threads print: every frame shows whole lines,
-// and once printing stops the screen catches up with the newest lines.
-TEST_F(RenderingTest, DrawsWhileOtherThreadsPrint) {
-    constexpr int kLines = 400;
-    std::atomic<int> finished{0};
-    std::vector<std::thread> printers;
-    for (int thread = 0; thread < 2; ++thread) {
-        printers.emplace_back([&, thread] {
-            for (int line = 0; line < kLines; ++line) {
-                window.print("printer %d line %03d\n", thread, line);
-            }
-            finished.fetch_add(1);
-        });
-    }
-    for (int frames = 0; finished.load() < 2 && frames < 100000; ++frames) {
-        for (const auto& line : frame()) {
-            ASSERT_EQ(textOf(line).rfind("printer ", 0), 0u) << textOf(line);
-            ASSERT_EQ(textOf(line).size(), std::string("printer 0 line 000\n").size());
-        }
-    }
-    for (std::thread& printer : printers) {
-        printer.join();
-    }
-    const Lines lines = frame();
-    ASSERT_EQ(lines.size(), 10u);
-    for (size_t row = 0; row < lines.size(); ++row) {
-        EXPECT_EQ(textOf(lines[row]), std::string(window.getConsoleLine(row).c_str()));
-    }
 }
 
 struct Colouring : RenderingTest {

@@ -128,29 +128,6 @@ std::string generateLine(std::mt19937& random) {
     return line;
 }
 
-bool isWhitespaceWord(const std::string& word) {
-    return dm::scanWhitespace(zu::String(word.c_str()), 0) == static_cast<int>(word.size());
-}
-
-TEST(Tokenizer, JoiningTheWordsGivesTheLineBack) {
-    std::mt19937 random(20240611);
-    for (int lineNumber = 0; lineNumber < 5000; ++lineNumber) {
-        const std::string line = generateLine(random);
-        const Words cut = words(line);
-        std::string joined;
-        for (size_t i = 0; i < cut.size(); ++i) {
-            ASSERT_FALSE(cut[i].empty()) << "line " << lineNumber;
-            // White-space runs are taken whole, so two never follow each other.
-            if (i > 0) {
-                ASSERT_FALSE(isWhitespaceWord(cut[i - 1]) && isWhitespaceWord(cut[i]))
-                    << "line " << lineNumber;
-            }
-            joined += cut[i];
-        }
-        ASSERT_EQ(joined, line) << "line " << lineNumber;
-    }
-}
-
 // The length of the word at `position`, found the slow way: every scanner tried afresh there.
 int wordLengthFromScanners(const zu::String& text, int position) {
     const unsigned char c = static_cast<unsigned char>(text.c_str()[position]);
@@ -171,7 +148,7 @@ int wordLengthFromScanners(const zu::String& text, int position) {
 }
 
 // Tokenizing skips scans that cannot succeed; the words must be exactly those of trying every
-// scanner at every word's start.
+// scanner at every word's start (so they join to the line, and white-space runs are whole).
 TEST(Tokenizer, CutsExactlyWhereTheScannersTriedAtEveryWordSay) {
     std::mt19937 random(20261122);
     for (int lineNumber = 0; lineNumber < 5000; ++lineNumber) {

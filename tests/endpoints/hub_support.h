@@ -93,13 +93,7 @@ public:
     bool waitFor(const std::string& text) { return m_process.waitForOutput(text); }
     // How often `text` occurs in what the member printed so far.
     int count(const std::string& text) const {
-        int found = 0;
-        const std::string& output = m_process.output();
-        for (size_t at = output.find(text); at != std::string::npos;
-             at = output.find(text, at + text.size())) {
-            ++found;
-        }
-        return found;
+        return static_cast<int>(countOf(m_process.output(), text));
     }
     bool command(const std::string& line) { return m_process.writeInput(line + "\n"); }
     int quit() {

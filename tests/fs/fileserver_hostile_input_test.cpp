@@ -251,7 +251,7 @@ TEST_F(HostileListTest, WithNoMappedFoldersEverythingIsLocal) {
     // Only the folder list and the finds ever reached the server; the list once.
     EXPECT_EQ(findAll((local.path() + "/*").c_str()), (Names{"mine.txt", "ok"}));
     EXPECT_TRUE(server->waitForOutput("answered findFiles"));
-    EXPECT_EQ(fstest::countOccurrences(server->output(), "answered getMappedFolders"), 1u);
+    EXPECT_EQ(dmtest::countOf(server->output(), "answered getMappedFolders"), 1u);
 }
 
 }  // namespace

@@ -20,11 +20,7 @@ namespace fstest {
 inline int startServer(std::unique_ptr<dmtest::ChildProcess>& server, const std::string& program,
                        const std::vector<std::string>& args) {
     server = std::make_unique<dmtest::ChildProcess>(program, args);
-    if (!server->waitForOutput("on port ")) {
-        return 0;
-    }
-    const std::string& output = server->output();
-    return std::atoi(output.c_str() + output.find("on port ") + 8);
+    return std::atoi(server->portAfter("on port ").c_str());
 }
 
 // The game side: the only pipe manager of this process, and the file system.
@@ -48,13 +44,5 @@ public:
     dm::NetworkFileSystem* fileSystem = nullptr;
     bool connected = false;
 };
-
-inline size_t countOccurrences(const std::string& text, const std::string& what) {
-    size_t count = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        ++count;
-    }
-    return count;
-}
 
 }  // namespace fstest

@@ -308,7 +308,7 @@ TEST_F(NetworkFileSystemTest, FolderListComesOncePerConnectionAndAgainAfterARest
         fs().fileExists("data/hello.txt");
     }
     ASSERT_TRUE(server->waitForOutput("fileExists \"data/hello.txt\" -> true"));
-    EXPECT_EQ(fstest::countOccurrences(server->output(), "getMappedFolders ->"), 1u);
+    EXPECT_EQ(dmtest::countOf(server->output(), "getMappedFolders ->"), 1u);
 
     // The server comes back on the same port with other folders: the list is fetched anew.
     server.reset();
@@ -322,7 +322,7 @@ TEST_F(NetworkFileSystemTest, FolderListComesOncePerConnectionAndAgainAfterARest
     EXPECT_TRUE(dmtest::waitUntil([&] { return fs().fileExists("snd/song.ogg"); }));
     EXPECT_FALSE(fs().isRemotePath("data/hello.txt"));
     ASSERT_TRUE(server->waitForOutput("fileExists \"snd/song.ogg\" -> true"));
-    EXPECT_EQ(fstest::countOccurrences(server->output(), "getMappedFolders ->"), 1u);
+    EXPECT_EQ(dmtest::countOf(server->output(), "getMappedFolders ->"), 1u);
     EXPECT_EQ(&dm::NetworkFileSystem::getInstance(), game->fileSystem);
     fs().setLocalRoot("game:\\");
     EXPECT_STREQ(fs().getLocalRoot(), "game:\\");

@@ -33,15 +33,6 @@ int runCommand(const std::string& command, std::string& output, seconds bound = 
     return code;
 }
 
-std::string readPort(ChildProcess& game) {
-    if (!game.waitForOutput("pipes on port ")) {
-        return "";
-    }
-    const std::string& output = game.output();
-    const size_t start = output.find("pipes on port ") + 14;
-    return output.substr(start, output.find('\n', start) - start);
-}
-
 TEST(InstalledPackage, ExampleGameBuildsWithFindPackageAndServesTheInstalledTool) {
 #ifdef DM_WITHOUT_TOOLS
     GTEST_SKIP() << "configured without the tools (DM_BUILD_TOOLS=OFF)";
@@ -79,7 +70,7 @@ TEST(InstalledPackage, ExampleGameBuildsWithFindPackageAndServesTheInstalledTool
     // The console keeps its cache in the writable folder, here the temporary one.
     setenv("DM_WRITE_PATH", dir.path().c_str(), 1);
     ChildProcess game(build + "/dm-quickstart", {"60"});
-    const std::string port = readPort(game);
+    const std::string port = game.portAfter("pipes on port ");
     ASSERT_FALSE(port.empty()) << game.output();
     ChildProcess client(prefix + "/bin/dm-pipe-echo", {"client", "127.0.0.1", port, "2"});
     EXPECT_EQ(0, client.wait(seconds(30))) << client.output();

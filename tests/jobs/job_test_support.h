@@ -1,21 +1,16 @@
-// Helpers for the job tests: a job that runs a function, a capture of the library's log lines,
-// and a bounded wait for a batch whose jobs block on pipes.
+// Helpers for the job tests: a job that runs a function, and a bounded wait for a batch whose
+// jobs block on pipes.
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <mutex>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "dm/jobs.h"
-#include "dm/log.h"
+#include "support/log_capture.h"
 #include "support/pipe_responders.h"
 #include "support/test_support.h"
 
@@ -37,38 +32,6 @@ public:
 private:
     std::function<void(const char*)> m_body;
     std::atomic<int>* m_destroyed;
-};
-
-// Collects the library's log lines while it lives.
-class LogCapture {
-public:
-    LogCapture() { dm::setLogSink(&LogCapture::receive, this); }
-    ~LogCapture() { dm::setLogSink(nullptr, nullptr); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    std::vector<std::string> lines() const {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_lines;
-    }
-    int count(const std::string& line) const {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return static_cast<int>(std::count(m_lines.begin(), m_lines.end(), line));
-    }
-    // Waits (bounded) until `line` has been logged at least `times` times.
-    bool waitFor(const std::string& line, int times = 1) const {
-        return waitUntil([&] { return count(line) >= times; });
-    }
-
-private:
-    static void receive(void* context, const char* line) {
-        LogCapture* self = static_cast<LogCapture*>(context);
-        std::lock_guard<std::mutex> guard(self->m_lock);
-        self->m_lines.emplace_back(line);
-    }
-
-    mutable std::mutex m_lock;
-    std::vector<std::string> m_lines;
 };
 
 // Marks the end of a batch: queue it last, run the batch, then wait for it. Jobs that wait on

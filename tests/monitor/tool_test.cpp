@@ -6,8 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "net/listener.h"
-#include "support/test_support.h"
+#include "support/loopback.h"
 
 namespace {
 
@@ -15,28 +14,18 @@ using dmtest::ChildProcess;
 
 const std::string kTool = DM_MONITOR_TOOL;
 
-// Starts the stand-in game and reads the port it listens on.
-std::string startGame(ChildProcess& game) {
-    if (!game.started() || !game.waitForOutput("\n")) {
-        return "";
-    }
-    const std::string& output = game.output();
-    const size_t start = output.find("port ");
-    if (start == std::string::npos) {
-        return "";
-    }
-    const size_t end = output.find('\n', start);
-    return output.substr(start + 5, end - start - 5);
-}
+// A stand-in game in a second process, and the port it listens on.
+struct MonitorToolWithGame : ::testing::Test {
+    void SetUp() override { ASSERT_FALSE(port.empty()) << game.output(); }
+    ChildProcess game{"monitor_fake_game", {}};
+    const std::string port = game.portAfter("port ");
+};
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-TEST(MonitorTool, ShowsWhatTheGameSendsAndSendsCommandsBack) {
-    ChildProcess game("monitor_fake_game", {});
-    const std::string port = startGame(game);
-    ASSERT_FALSE(port.empty()) << game.output();
+TEST_F(MonitorToolWithGame, ShowsWhatTheGameSendsAndSendsCommandsBack) {
     ChildProcess tool(kTool, {"127.0.0.1", port}, true);
     ASSERT_TRUE(tool.started());
 
@@ -68,10 +57,7 @@ TEST(MonitorTool, ShowsWhatTheGameSendsAndSendsCommandsBack) {
     EXPECT_TRUE(contains(game.output(), "game: done\n"));
 }
 
-TEST(MonitorTool, QuitEndsTheRunAndTheGameSeesItLeave) {
-    ChildProcess game("monitor_fake_game", {});
-    const std::string port = startGame(game);
-    ASSERT_FALSE(port.empty());
+TEST_F(MonitorToolWithGame, QuitEndsTheRunAndTheGameSeesItLeave) {
     ChildProcess tool(kTool, {"127.0.0.1", port}, true);
     ASSERT_TRUE(tool.waitForOutput("[0] greeting done"));
     ASSERT_TRUE(tool.writeInput("quit\n"));
@@ -79,10 +65,7 @@ TEST(MonitorTool, QuitEndsTheRunAndTheGameSeesItLeave) {
     EXPECT_EQ(game.wait(), 0) << game.output();
 }
 
-TEST(MonitorTool, CountEndsTheRunAfterThatManyPackets) {
-    ChildProcess game("monitor_fake_game", {});
-    const std::string port = startGame(game);
-    ASSERT_FALSE(port.empty());
+TEST_F(MonitorToolWithGame, CountEndsTheRunAfterThatManyPackets) {
     ChildProcess tool(kTool, {"--count", "2", "127.0.0.1", port}, true);
     tool.closeInput();  // with --count, the end of input does not end the run
     EXPECT_EQ(tool.wait(), 0);
@@ -90,10 +73,7 @@ TEST(MonitorTool, CountEndsTheRunAfterThatManyPackets) {
     EXPECT_EQ(game.wait(), 0) << game.output();
 }
 
-TEST(MonitorTool, TheGameLeavingEndsTheRun) {
-    ChildProcess game("monitor_fake_game", {});
-    const std::string port = startGame(game);
-    ASSERT_FALSE(port.empty());
+TEST_F(MonitorToolWithGame, TheGameLeavingEndsTheRun) {
     ChildProcess tool(kTool, {"127.0.0.1", port}, true);
     ASSERT_TRUE(tool.waitForOutput("[0] greeting done"));
     ASSERT_TRUE(tool.writeInput("data quit\n"));  // the stand-in game ends on this
@@ -103,11 +83,7 @@ TEST(MonitorTool, TheGameLeavingEndsTheRun) {
 
 // Exit codes: 1 when nothing listens, 3 on a time-out before the count, 2 on bad usage.
 TEST(MonitorTool, ExitCodesTellWhatWentWrong) {
-    std::string closedPort;
-    {
-        net::Listener listener(0, "127.0.0.1");
-        closedPort = std::to_string(listener.getPort());
-    }                                          // closed again: the port now refuses connections
+    const std::string closedPort = std::to_string(dmtest::pickFreePort());  // refuses
     net::Listener silentGame(0, "127.0.0.1");  // accepts in the backlog, never sends
     const std::string silentPort = std::to_string(silentGame.getPort());
     const std::vector<std::pair<std::vector<std::string>, int>> runs = {

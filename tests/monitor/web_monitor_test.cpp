@@ -239,18 +239,9 @@ TEST(InPlaceStore, KeepsTheRecentlyUpdatedNamesAndShortHistories) {
 
 using dmtest::ChildProcess;
 
-std::string gamePort(ChildProcess& game) {
-    if (!game.started() || !game.waitForOutput("port ")) {
-        return "";
-    }
-    const std::string& output = game.output();
-    const size_t start = output.find("port ") + 5;
-    return output.substr(start, output.find('\n', start) - start);
-}
-
 TEST(FakeGame, ServesSeveralMonitorsAndKeepsRunningWhenTheyLeave) {
     ChildProcess game(DM_FAKE_GAME_TOOL, {"--port", "0", "--fps", "60"});
-    const std::string port = gamePort(game);
+    const std::string port = game.portAfter("port ");
     ASSERT_FALSE(port.empty()) << game.output();
     for (int round = 0; round < 2; ++round) {
         ChildProcess first(DM_MONITOR_TOOL, {"127.0.0.1", port}, true);
@@ -285,7 +276,7 @@ ChildProcess monitorWithErrors(const std::string& arguments) {
 
 TEST(MonitorTool, WarnsAboutRequestsTheGameIgnoresAndUnknownCommands) {
     ChildProcess game(DM_FAKE_GAME_TOOL, {});
-    const std::string port = gamePort(game);
+    const std::string port = game.portAfter("port ");
     ASSERT_FALSE(port.empty());
     ChildProcess tool = monitorWithErrors("127.0.0.1 " + port);
     ASSERT_TRUE(tool.waitForOutput("connected to"));

@@ -119,6 +119,29 @@ bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseco
         timeout);
 }
 
+size_t countOf(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + part.size())) {
+        ++count;
+    }
+    return count;
+}
+
+std::string ChildProcess::portAfter(const std::string& marker) {
+    size_t at = std::string::npos;
+    waitUntil([&] {
+        readAvailable(10);
+        at = m_output.find(marker);
+        return at != std::string::npos && m_output.find('\n', at) != std::string::npos;
+    });
+    if (at == std::string::npos) {
+        return "";
+    }
+    const size_t start = at + marker.size();
+    return m_output.substr(start, m_output.find_first_not_of("0123456789", start) - start);
+}
+
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
     int status = 0;
     bool exited = m_pid > 0 && waitUntil(

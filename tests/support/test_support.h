@@ -28,6 +28,9 @@ private:
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes);
 
+// How often `part` occurs in `text`, without overlaps.
+size_t countOf(const std::string& text, const std::string& part);
+
 // Polls `condition` until it holds or `timeout` passes; returns its last value.
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
@@ -47,6 +50,9 @@ public:
     // Waits up to `timeout` for a line of output containing `text`; true if seen.
     bool waitForOutput(const std::string& text,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // The number that follows `marker` in the output once its line is whole; "" when it never
+    // came.
+    std::string portAfter(const std::string& marker);
     // All output read so far.
     const std::string& output() const { return m_output; }
     // Waits for the exit (up to `timeout`); the exit code, or -1 on time-out (then killed).
