@@ -1,3 +1,4 @@
+// net::Listener on POSIX systems: accept() with a spare descriptor for a full table.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -8,7 +9,7 @@
 #include <new>
 
 #include "net/listener.h"
-#include "posix/net_posix.h"
+#include "socket_platform.h"
 #include "zu/exception.h"
 
 namespace net {
@@ -16,8 +17,8 @@ namespace {
 
 // Opens a non-blocking listening socket; returns its descriptor and the port it got, or -1.
 int openListeningSocket(uint32_t port, const char* bindAddress, uint32_t* boundPort) {
-    in_addr address{};
-    if (port > 0xFFFF || !posix::resolveIPv4(bindAddress, &address)) {
+    uint32_t address = 0;
+    if (port > 0xFFFF || !platform::resolveIPv4(bindAddress, &address)) {
         return -1;
     }
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -29,9 +30,9 @@ int openListeningSocket(uint32_t port, const char* bindAddress, uint32_t* boundP
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(static_cast<uint16_t>(port));
-    local.sin_addr = address;
+    local.sin_addr.s_addr = address;
     socklen_t localLength = sizeof(local);
-    if (!posix::configureSocket(fd) ||
+    if (!platform::configureSocket(fd) ||
         bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0 ||
         listen(fd, SOMAXCONN) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0) {
