@@ -168,33 +168,40 @@ private:
     static constexpr size_t kInitialQueueRoom = 16;
     static constexpr size_t kMaxSentPerPump = 8;
 
-    // Outgoing side (outgoingLock held).
-    zu::Event* takeEvent();
-    void releaseEvent(zu::Event* event);
-    RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr);
-    ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
+    // Outgoing side. The pump's steps (collectOutgoing, sendCollected, markSent) run on the
+    // manager's thread and take the lock where they need it.
+    zu::Event* takeEvent() ZU_REQUIRES(m_outgoingLock);
+    void releaseEvent(zu::Event* event) ZU_REQUIRES(m_outgoingLock);
+    RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr)
+        ZU_REQUIRES(m_outgoingLock);
+    ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr)
+        ZU_REQUIRES(m_outgoingLock);
     bool collectOutgoing();
     bool markSent();
-    void markSentLocked();
-    bool hasUnsentInWindow() const;
-    void leaveBlockingCall();
+    void markSentLocked() ZU_REQUIRES(m_outgoingLock);
+    bool hasUnsentInWindow() const ZU_REQUIRES(m_outgoingLock);
+    void leaveBlockingCall() ZU_REQUIRES(m_outgoingLock);
     bool sendCollected(PacketSink& sink);
 
-    // Incoming side (incomingLock held).
-    void discardAbortedRequest();
-    void freeIncomingRequests();
-    void dropIncompleteNotifications();
-    RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex);
-    RequestRecord* addIncomingRequest(const pipe_protocol::Message& message);
-    bool roomForUnfinishedRequest(uint32_t dataSize) const;
-    bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const;
-    bool reserveRequestData(RequestRecord& request, uint32_t end);
-    void dropIncomingRequest(size_t index);
-    size_t countIncompleteNotifications() const;
-    NotificationRecord* findPartialNotification(uint32_t id);
-    bool storeRequestChunk(const pipe_protocol::Message& message);
-    bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk);
-    bool storeNotifyChunk(const pipe_protocol::Message& message);
+    // Incoming side.
+    void discardAbortedRequest() ZU_REQUIRES(m_incomingLock);
+    void freeIncomingRequests() ZU_REQUIRES(m_incomingLock);
+    void dropIncompleteNotifications() ZU_REQUIRES(m_incomingLock);
+    RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex) ZU_REQUIRES(m_incomingLock);
+    RequestRecord* addIncomingRequest(const pipe_protocol::Message& message)
+        ZU_REQUIRES(m_incomingLock);
+    bool roomForUnfinishedRequest(uint32_t dataSize) const ZU_REQUIRES(m_incomingLock);
+    bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const
+        ZU_REQUIRES(m_incomingLock);
+    bool reserveRequestData(RequestRecord& request, uint32_t end) ZU_REQUIRES(m_incomingLock);
+    void dropIncomingRequest(size_t index) ZU_REQUIRES(m_incomingLock);
+    size_t countIncompleteNotifications() const ZU_REQUIRES(m_incomingLock);
+    NotificationRecord* findPartialNotification(uint32_t id) ZU_REQUIRES(m_incomingLock);
+    bool storeRequestChunk(const pipe_protocol::Message& message) ZU_REQUIRES(m_incomingLock);
+    // An outgoing request's response.
+    bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk)
+        ZU_REQUIRES(m_outgoingLock);
+    bool storeNotifyChunk(const pipe_protocol::Message& message) ZU_REQUIRES(m_incomingLock);
     bool fitsMessageLimit(uint32_t totalSize) const;
     void invoke(const PipeCallback& callback);
     void onRequest(const pipe_protocol::Message& message);
@@ -205,29 +212,29 @@ private:
     PipeOwner* const m_owner;
     const zu::InplaceString<128> m_name;
 
-    // Guarded by m_incomingLock.
     mutable zu::Mutex m_incomingLock;
-    RequestRecord m_currentRequest;
-    zu::Vector<RequestRecord> m_incomingRequests;
-    zu::Vector<NotificationRecord> m_incomingNotifications;
-    uint32_t m_lastCompletedRequestId = kNoId;
-    uint32_t m_lastCompletedNotifyId = kNoId;
-    PipeCallback m_connectionCallback;
-    PipeCallback m_notifyCallback;
-    PipeCallback m_requestCallback;
+    RequestRecord m_currentRequest ZU_GUARDED_BY(m_incomingLock);
+    zu::Vector<RequestRecord> m_incomingRequests ZU_GUARDED_BY(m_incomingLock);
+    zu::Vector<NotificationRecord> m_incomingNotifications ZU_GUARDED_BY(m_incomingLock);
+    uint32_t m_lastCompletedRequestId ZU_GUARDED_BY(m_incomingLock) = kNoId;
+    uint32_t m_lastCompletedNotifyId ZU_GUARDED_BY(m_incomingLock) = kNoId;
+    PipeCallback m_connectionCallback ZU_GUARDED_BY(m_incomingLock);
+    PipeCallback m_notifyCallback ZU_GUARDED_BY(m_incomingLock);
+    PipeCallback m_requestCallback ZU_GUARDED_BY(m_incomingLock);
 
-    // Guarded by m_outgoingLock.
     mutable zu::Mutex m_outgoingLock;
-    zu::Vector<RequestRecord> m_outgoingRequests;
-    zu::Vector<NotificationRecord> m_outgoingNotifications;
-    zu::Vector<ResponseRecord> m_outgoingResponses;
-    zu::Vector<zu::Event*> m_spareEvents;  // reused by blocking calls, so none is made per call
-    uint32_t m_nextRequestId = 0;
-    uint32_t m_nextNotifyId = 0;
-    uint32_t m_nextResponseSerial = 0;
-    zu::InplaceString<128> m_connectedIP;
-    bool m_closed = false;
-    uint32_t m_blockedCallers = 0;  // threads inside sendRequest or respond
+    zu::Vector<RequestRecord> m_outgoingRequests ZU_GUARDED_BY(m_outgoingLock);
+    zu::Vector<NotificationRecord> m_outgoingNotifications ZU_GUARDED_BY(m_outgoingLock);
+    zu::Vector<ResponseRecord> m_outgoingResponses ZU_GUARDED_BY(m_outgoingLock);
+    // Reused by blocking calls, so none is made per call.
+    zu::Vector<zu::Event*> m_spareEvents ZU_GUARDED_BY(m_outgoingLock);
+    uint32_t m_nextRequestId ZU_GUARDED_BY(m_outgoingLock) = 0;
+    uint32_t m_nextNotifyId ZU_GUARDED_BY(m_outgoingLock) = 0;
+    uint32_t m_nextResponseSerial ZU_GUARDED_BY(m_outgoingLock) = 0;
+    zu::InplaceString<128> m_connectedIP ZU_GUARDED_BY(m_outgoingLock);
+    bool m_closed ZU_GUARDED_BY(m_outgoingLock) = false;
+    // Threads inside sendRequest or respond.
+    uint32_t m_blockedCallers ZU_GUARDED_BY(m_outgoingLock) = 0;
     std::condition_variable_any m_blockedCallersLeft;
 
     std::atomic<net::Socket*> m_socket{nullptr};

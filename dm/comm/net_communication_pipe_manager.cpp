@@ -120,9 +120,15 @@ int NetCommunicationPipeManager::run() {
 
 // --- Operations for application threads ---
 
+// The pointer outlives the lock: see the contract of getName.
 const char* NetCommunicationPipeManager::getName() const {
     zu::ScopedLock lock(m_addressLock);
     return m_name.c_str();
+}
+
+zu::InplaceString<128> NetCommunicationPipeManager::copyName() const {
+    zu::ScopedLock lock(m_addressLock);
+    return m_name;
 }
 
 void NetCommunicationPipeManager::setName(const char* name) {
@@ -185,6 +191,14 @@ const char* NetCommunicationPipeManager::getHost(uint32_t* outPort) {
         *outPort = m_port;
     }
     return m_host.c_str();
+}
+
+zu::InplaceString<128> NetCommunicationPipeManager::copyHost(uint32_t* outPort) {
+    zu::ScopedLock lock(m_addressLock);
+    if (outPort) {
+        *outPort = m_port;
+    }
+    return m_host;
 }
 
 void NetCommunicationPipeManager::setHost(const char* host, uint32_t port) {
@@ -419,11 +433,6 @@ NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() 
     address.redirectHost = m_redirectHost;
     address.redirectPort = m_redirectPort;
     return address;
-}
-
-zu::InplaceString<128> NetCommunicationPipeManager::copyName() {
-    zu::ScopedLock lock(m_addressLock);
-    return m_name;
 }
 
 void NetCommunicationPipeManager::callClientConnectionCallback() {

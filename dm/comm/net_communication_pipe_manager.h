@@ -63,11 +63,13 @@ public:
     bool isClient() const override { return !m_isServer; }
     bool isServer() const override { return m_isServer; }
     const char* getName() const override;
+    zu::InplaceString<128> copyName() const override;
     void setName(const char* name) override;
     const char* getRemoteName() const override;
     uint32_t getID() const override { return m_id.load(); }
     CommunicationPipe* getPipe(const char* pipeName) override;
     const char* getHost(uint32_t* outPort) override;
+    zu::InplaceString<128> copyHost(uint32_t* outPort) override;
     void setHost(const char* host, uint32_t port) override;
     void setRedirect(const char* host, uint32_t port) override;
     void setClientConnectionCallback(ClientConnectionCallback callback) override;
@@ -143,12 +145,12 @@ private:
     void detachPipesFrom(const net::Socket* socket);
 
     // --- Helpers ---
-    PipeEntry* findEntry(const char* pipeName);             // pipesLock held
-    PipeEntry* createEntry(const char* pipeName);           // pipesLock held
-    PipeEntry* createRequestedEntry(const char* pipeName);  // pipesLock held; null if refused
+    PipeEntry* findEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
+    PipeEntry* createEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
+    // Null if refused.
+    PipeEntry* createRequestedEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
     void deliverToPipe(const net::Socket& socket, const pipe_protocol::Message& message);
     Address copyAddress();
-    zu::InplaceString<128> copyName();
     void setRemoteName(const char* name);
     void callClientConnectionCallback();
     void callPipeCreateCallback(NetCommunicationPipe* pipe);
@@ -160,14 +162,13 @@ private:
     std::atomic<uint32_t> m_id;
     zu::Event m_wakeEvent;  // wakes the thread: a new pipe, an address change, the end
 
-    // Guarded by m_addressLock, like the name.
     mutable zu::Mutex m_addressLock;
-    zu::InplaceString<128> m_name;
-    zu::InplaceString<128> m_host;
-    uint32_t m_port = 0;
-    zu::InplaceString<128> m_redirectHost;
-    uint32_t m_redirectPort = 0;
-    bool m_redirectPending = false;
+    zu::InplaceString<128> m_name ZU_GUARDED_BY(m_addressLock);
+    zu::InplaceString<128> m_host ZU_GUARDED_BY(m_addressLock);
+    uint32_t m_port ZU_GUARDED_BY(m_addressLock) = 0;
+    zu::InplaceString<128> m_redirectHost ZU_GUARDED_BY(m_addressLock);
+    uint32_t m_redirectPort ZU_GUARDED_BY(m_addressLock) = 0;
+    bool m_redirectPending ZU_GUARDED_BY(m_addressLock) = false;
 
     // Every remote name seen, each kept unchanged until destruction, so that a pointer handed
     // out by getRemoteName stays valid and its text never changes under a reader. Written on
@@ -176,16 +177,17 @@ private:
     std::atomic<const char*> m_remoteName{""};
 
     mutable zu::Mutex m_callbackLock;
-    ClientConnectionCallback m_clientConnectionCallback;
-    PipeCreateCallback m_pipeCreateCallback;
+    ClientConnectionCallback m_clientConnectionCallback ZU_GUARDED_BY(m_callbackLock);
+    PipeCreateCallback m_pipeCreateCallback ZU_GUARDED_BY(m_callbackLock);
 
-    // Guarded by m_pipesLock. Entries are never removed before destruction; m_pipeOrder holds
-    // them in creation order, for pumping in turns.
-    mutable zu::Mutex m_pipesLock;
-    PipeMap m_pipes;
-    zu::Vector<PipeEntry*> m_pipeOrder;
-    size_t m_pipesCreatedOnRequest = 0;
-    bool m_loggedPipeLimit = false;
+    // Entries are never removed before destruction; m_pipeOrder holds them in creation order,
+    // for pumping in turns. Re-entrant: getPipe announces a new pipe to the pipe-create
+    // callback with it held, and the callback may ask this manager for pipes again.
+    mutable zu::RecursiveMutex m_pipesLock;
+    PipeMap m_pipes ZU_GUARDED_BY(m_pipesLock);
+    zu::Vector<PipeEntry*> m_pipeOrder ZU_GUARDED_BY(m_pipesLock);
+    size_t m_pipesCreatedOnRequest ZU_GUARDED_BY(m_pipesLock) = 0;
+    bool m_loggedPipeLimit ZU_GUARDED_BY(m_pipesLock) = false;
     std::atomic<size_t> m_maxPipesCreatedOnRequest{kDefaultMaxPipesCreatedOnRequest};
 
     // Manager thread only (and construction / destruction).

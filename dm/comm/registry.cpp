@@ -1,6 +1,8 @@
 // The process-wide registry of pipe managers, keyed by name (letter case ignored).
 //
-// One re-entrant lock guards the map; managers are created and destroyed under it. The sole
+// One re-entrant lock guards the map; managers are created and destroyed under it. Re-entry is
+// part of the design: registry functions call each other under it (a client's init looks the
+// name up through getCommunicationPipeManager). The sole
 // manager (the only one, when exactly one is registered) and whether the map is empty are also
 // kept in atomics, for the lookups that read them without the lock.
 //
@@ -30,8 +32,8 @@ using ManagerMap =
              zu::Allocator<std::pair<const zu::InplaceString<128>, CommunicationPipeManager*>>>;
 
 struct Registry {
-    zu::Mutex lock;  // re-entrant
-    ManagerMap managers;
+    zu::RecursiveMutex lock;  // see the file comment
+    ManagerMap managers ZU_GUARDED_BY(lock);
     std::atomic<CommunicationPipeManager*> soleManager{nullptr};
     std::atomic<bool> empty{true};
 };
@@ -42,10 +44,12 @@ Registry& registry() {
     return *instance;
 }
 
-class RegistryLock {
+// Holds the registry lock unless isLocked() says otherwise; the analysis takes it as held, and
+// every holder returns at once when it is not.
+class ZU_SCOPED_CAPABILITY RegistryLock {
 public:
-    RegistryLock() : m_locked(acquire()) {}
-    ~RegistryLock() {
+    RegistryLock() ZU_ACQUIRE(registry().lock) : m_locked(acquire()) {}
+    ~RegistryLock() ZU_RELEASE() {
         if (m_locked) {
             registry().lock.unlock();
         }
@@ -57,8 +61,8 @@ public:
     bool isLocked() const { return m_locked; }
 
 private:
-    static bool acquire() {
-        zu::Mutex& lock = registry().lock;
+    static bool acquire() ZU_NO_THREAD_SAFETY_ANALYSIS {
+        zu::RecursiveMutex& lock = registry().lock;
         if (!NetCommunicationPipeManager::isManagerThread()) {
             lock.lock();
             return true;
@@ -79,22 +83,21 @@ const char* orEmpty(const char* text) {
     return text ? text : "";
 }
 
-// Lock held.
-CommunicationPipeManager* findManager(const char* name) {
+CommunicationPipeManager* findManager(const char* name) ZU_REQUIRES(registry().lock) {
     ManagerMap& managers = registry().managers;
     auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
     return found == managers.end() ? nullptr : found->second;
 }
 
-// Lock held.
-void updateSoleManager() {
-    Registry& reg = registry();
-    reg.soleManager.store(reg.managers.size() == 1 ? reg.managers.begin()->second : nullptr);
-    reg.empty.store(reg.managers.empty());
+void updateSoleManager() ZU_REQUIRES(registry().lock) {
+    ManagerMap& managers = registry().managers;
+    registry().soleManager.store(managers.size() == 1 ? managers.begin()->second : nullptr);
+    registry().empty.store(managers.empty());
 }
 
-// Lock held. A manager stored under the name before is left running, as it is.
-void storeManager(const char* name, CommunicationPipeManager* manager) {
+// A manager stored under the name before is left running, as it is.
+void storeManager(const char* name, CommunicationPipeManager* manager)
+    ZU_REQUIRES(registry().lock) {
     try {
         registry().managers[zu::InplaceString<128>(orEmpty(name))] = manager;
     } catch (...) {
@@ -209,10 +212,9 @@ void deinitCommunicationManagers() {
     if (!lock.isLocked()) {
         return;
     }
-    Registry& reg = registry();
     ManagerMap managers;
-    managers.swap(reg.managers);
-    reg.empty.store(true);  // the sole-manager pointer is left as it was
+    managers.swap(registry().managers);
+    registry().empty.store(true);  // the sole-manager pointer is left as it was
     for (auto& entry : managers) {
         delete entry.second;
     }

@@ -350,6 +350,10 @@ void ScrollingTextWindow::emptyFormattedLines() {
 
 int ScrollingTextWindow::scroll(int lines) {
     zu::ScopedLock lock(state->mutex);
+    return scrollLocked(lines);
+}
+
+int ScrollingTextWindow::scrollLocked(int lines) {
     const int64_t old = state->scrollOffset;
     const int64_t upmost = getUpmostShownConsoleLine();
     int64_t offset = old + lines;

@@ -344,8 +344,12 @@ private:
     void moveViewLine(int64_t lines);
     void emptyFormattedLines();
 
-    // Scrolls the text and moves viewLine along, so that drawing colours what comes into view.
+    // scroll with the lock held.
+    int scrollLocked(int lines);
+    // Scrolls the text and moves viewLine along, so that drawing colours what comes into view;
+    // the Locked form with the lock held.
     void scrollView(int64_t lines);
+    void scrollViewLocked(int64_t lines);
     void scrollCommands(int delta);
     void loadCacheOrKeepDefaults();
     // `depth` counts how many aliases the words lie inside.

@@ -94,8 +94,10 @@ private:
     static void destroyJob(Job* job);
 
     zu::InplaceString<128> m_name;
-    mutable zu::Mutex m_queueLock;  // guards m_jobs; held by the thread for a whole batch
-    zu::Vector<Job*> m_jobs;
+    // Held by the thread for a whole batch. Re-entrant: a job may queue another on its own
+    // manager, which then runs in the same batch.
+    mutable zu::RecursiveMutex m_queueLock;
+    zu::Vector<Job*> m_jobs ZU_GUARDED_BY(m_queueLock);
     zu::Event m_startedEvent;        // signalled by the thread once it holds m_queueLock
     mutable zu::Mutex m_threadLock;  // serialises starting and joining the thread
 };
