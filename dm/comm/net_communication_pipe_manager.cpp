@@ -49,11 +49,11 @@ NetCommunicationPipeManager::NetCommunicationPipeManager(
       m_pipeCreateCallback(pipeCreateCallback) {
     m_passPipes.reserve(kMaxPipesPerPass);
     if (m_isServer) {
-        m_listener = zu::newObject<net::Listener>(port);
+        m_listener = zu::makeUnique<net::Listener>(port);
         m_port = m_listener->getPort();  // the one chosen for port 0; 0 when listening failed
     } else {
         SocketEntry& entry = m_sockets.emplace_back();
-        entry.socket = new net::Socket();
+        entry.socket = zu::makeUnique<net::Socket>();
     }
     startThread();
 }
@@ -66,23 +66,8 @@ NetCommunicationPipeManager::~NetCommunicationPipeManager() {
     for (PipeEntry* entry : m_pipeOrder) {
         entry->pipe->close();
     }
-    zu::deleteObject(m_listener);
-    for (SocketEntry& entry : m_sockets) {
-        delete entry.socket;
-    }
-    for (PipeEntry* entry : m_pipeOrder) {
-        zu::deleteObject(entry->pipe);
-        zu::deleteObject(entry);
-    }
-    for (zu::InplaceString<128>* name : m_remoteNames) {
-        zu::deleteObject(name);
-    }
-}
-
-void* NetCommunicationPipeManager::operator new(size_t size) {
-    return zu::allocateMemory(size, alignof(NetCommunicationPipeManager) > zu::kDefaultAlignment
-                                        ? alignof(NetCommunicationPipeManager)
-                                        : zu::kDefaultAlignment);
+    // The members go in reverse order of declaration: the sockets and the listener, then the
+    // pipes, then the remote names they may have handed out.
 }
 
 void NetCommunicationPipeManager::operator delete(void* memory) {
@@ -150,7 +135,7 @@ void NetCommunicationPipeManager::setRemoteName(const char* name) {
     if (cut == m_remoteName.load(std::memory_order_relaxed)) {
         return;
     }
-    for (const zu::InplaceString<128>* known : m_remoteNames) {
+    for (const zu::UniquePtr<zu::InplaceString<128>>& known : m_remoteNames) {
         if (*known == cut) {
             m_remoteName.store(known->c_str(), std::memory_order_release);
             return;
@@ -159,15 +144,12 @@ void NetCommunicationPipeManager::setRemoteName(const char* name) {
     if (m_remoteNames.size() == kMaxRemoteNames) {
         return;  // a peer that keeps changing its name does not make this grow
     }
-    zu::InplaceString<128>* kept = nullptr;
     try {
-        kept = zu::newObject<zu::InplaceString<128>>(cut);
-        m_remoteNames.push_back(kept);
+        m_remoteNames.push_back(zu::makeUnique<zu::InplaceString<128>>(cut));
     } catch (const zu::OutOfMemoryException&) {
-        zu::deleteObject(kept);
         return;  // the name stays as it was
     }
-    m_remoteName.store(kept->c_str(), std::memory_order_release);
+    m_remoteName.store(m_remoteNames.back()->c_str(), std::memory_order_release);
 }
 
 CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {
@@ -176,9 +158,9 @@ CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {
     {
         zu::ScopedLock lock(m_pipesLock);
         if (PipeEntry* entry = findEntry(pipeName)) {
-            return entry->pipe;
+            return entry->pipe.get();
         }
-        pipe = createEntry(pipeName)->pipe;
+        pipe = createEntry(pipeName)->pipe.get();
         callPipeCreateCallback(pipe);
     }
     m_wakeEvent.signal();  // a client asks the server for it at once
@@ -285,7 +267,7 @@ void NetCommunicationPipeManager::deliverToPipe(const net::Socket& socket,
     {
         zu::ScopedLock lock(m_pipesLock);
         if (PipeEntry* entry = findEntry(message.pipeName)) {
-            pipe = entry->pipe;
+            pipe = entry->pipe.get();
             attachedHere = entry->socket == &socket;
         }
     }
@@ -332,7 +314,7 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
         PipeEntry* entry = findEntry(pipeName);
         if (!entry && m_createPipesOnRequest) {
             entry = createRequestedEntry(pipeName);
-            created = entry ? entry->pipe : nullptr;
+            created = entry ? entry->pipe.get() : nullptr;
         }
         if (!entry) {
             pipe_protocol::sendPipeRefused(socket, pipeName);
@@ -341,7 +323,7 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
         if (entry->socket != &socket) {
             takenOver = entry->socket != nullptr;
             entry->socket = &socket;
-            toAttach = entry->pipe;
+            toAttach = entry->pipe.get();
         }
     }
     if (takenOver) {
@@ -375,7 +357,7 @@ void NetCommunicationPipeManager::detachPipesFrom(const net::Socket* socket) {
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
     const char* pipeName) {
     auto found = m_pipes.find(zu::InplaceString<128>(pipeName));
-    return found == m_pipes.end() ? nullptr : found->second;
+    return found == m_pipes.end() ? nullptr : found->second.get();
 }
 
 // A pipe that a peer asks for. Refused (null) beyond the limit, and when making it fails for
@@ -406,23 +388,17 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createReque
 
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry(
     const char* pipeName) {
-    // Each step may run out of memory; what was made before it is given back.
-    PipeEntry* entry = zu::newObject<PipeEntry>();
-    try {
-        entry->pipe = zu::newObject<NetCommunicationPipe>(this, pipeName);
-        m_pipeOrder.push_back(entry);
-        try {
-            m_pipes.emplace(zu::InplaceString<128>(pipeName), entry);
-        } catch (...) {
-            m_pipeOrder.pop_back();
-            throw;
-        }
-    } catch (...) {
-        zu::deleteObject(entry->pipe);
-        zu::deleteObject(entry);
-        throw;
+    // Each step may run out of memory and leaves the tables as they were: what was made goes
+    // with `entry`, and the order has room before the map takes the entry.
+    zu::UniquePtr<PipeEntry> entry = zu::makeUnique<PipeEntry>();
+    entry->pipe = zu::makeUnique<NetCommunicationPipe>(this, pipeName);
+    if (m_pipeOrder.size() == m_pipeOrder.capacity()) {
+        m_pipeOrder.reserve(zu::Vector<PipeEntry*>::grownCapacity(m_pipeOrder.capacity()));
     }
-    return entry;
+    PipeEntry* made = entry.get();
+    m_pipes.emplace(zu::InplaceString<128>(pipeName), std::move(entry));
+    m_pipeOrder.push_back(made);
+    return made;
 }
 
 NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() {

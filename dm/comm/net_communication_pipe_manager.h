@@ -49,8 +49,8 @@ public:
     // NetCommunicationPipe::close), then destroys the pipes and sockets.
     ~NetCommunicationPipeManager() override;
 
-    // On the runtime's heap; `delete` through a CommunicationPipeManager* works.
-    static void* operator new(size_t size);
+    // Made with zu::makeUnique (on the runtime's heap). Holders the registry let go of may
+    // `delete` a manager through a CommunicationPipeManager*, which gives the memory back there.
     static void operator delete(void* memory);
 
     // True on a manager's thread whose manager is being destroyed: the registry uses it so that
@@ -88,16 +88,17 @@ public:
 
 private:
     struct SocketEntry {
-        net::Socket* socket = nullptr;
+        zu::UniquePtr<net::Socket> socket;
         double lastConnectAttempt = -1000.0;
     };
     struct PipeEntry {
         net::Socket* socket = nullptr;  // the connection the pipe is attached to, or null
-        NetCommunicationPipe* pipe = nullptr;
+        zu::UniquePtr<NetCommunicationPipe> pipe;
         double lastOpenPipeSent = 0.0;
     };
-    using PipeMap = std::map<zu::InplaceString<128>, PipeEntry*, zu::LessNoCase,
-                             zu::Allocator<std::pair<const zu::InplaceString<128>, PipeEntry*>>>;
+    using PipeMap =
+        std::map<zu::InplaceString<128>, zu::UniquePtr<PipeEntry>, zu::LessNoCase,
+                 zu::Allocator<std::pair<const zu::InplaceString<128>, zu::UniquePtr<PipeEntry>>>>;
     // A copy of the addresses a client connects to, taken under the address lock.
     struct Address {
         zu::InplaceString<128> host;
@@ -173,16 +174,16 @@ private:
     // Every remote name seen, each kept unchanged until destruction, so that a pointer handed
     // out by getRemoteName stays valid and its text never changes under a reader. Written on
     // the manager thread only.
-    zu::Vector<zu::InplaceString<128>*> m_remoteNames;
+    zu::Vector<zu::UniquePtr<zu::InplaceString<128>>> m_remoteNames;
     std::atomic<const char*> m_remoteName{""};
 
     mutable zu::Mutex m_callbackLock;
     ClientConnectionCallback m_clientConnectionCallback ZU_GUARDED_BY(m_callbackLock);
     PipeCreateCallback m_pipeCreateCallback ZU_GUARDED_BY(m_callbackLock);
 
-    // Entries are never removed before destruction; m_pipeOrder holds them in creation order,
-    // for pumping in turns. Re-entrant: getPipe announces a new pipe to the pipe-create
-    // callback with it held, and the callback may ask this manager for pipes again.
+    // The map owns the entries, which are never removed before destruction; m_pipeOrder holds
+    // them in creation order, for pumping in turns. Re-entrant: getPipe announces a new pipe to the
+    // pipe-create callback with it held, and the callback may ask this manager for pipes again.
     mutable zu::RecursiveMutex m_pipesLock;
     PipeMap m_pipes ZU_GUARDED_BY(m_pipesLock);
     zu::Vector<PipeEntry*> m_pipeOrder ZU_GUARDED_BY(m_pipesLock);
@@ -191,7 +192,7 @@ private:
     std::atomic<size_t> m_maxPipesCreatedOnRequest{kDefaultMaxPipesCreatedOnRequest};
 
     // Manager thread only (and construction / destruction).
-    net::Listener* m_listener = nullptr;
+    zu::UniquePtr<net::Listener> m_listener;
     zu::Vector<SocketEntry> m_sockets;
     uint32_t m_nextConnectionId = 0;
     bool m_wasConnected = false;

@@ -27,9 +27,10 @@ constexpr const char* kServerHost = "127.0.0.1";
 // How often a manager's thread tries again for a registry lock held by another thread.
 constexpr uint32_t kLockRetryMicroseconds = 200;
 
-using ManagerMap =
-    std::map<zu::InplaceString<128>, CommunicationPipeManager*, zu::LessNoCase,
-             zu::Allocator<std::pair<const zu::InplaceString<128>, CommunicationPipeManager*>>>;
+using ManagerPtr = zu::UniquePtr<CommunicationPipeManager>;
+// The map owns its managers.
+using ManagerMap = std::map<zu::InplaceString<128>, ManagerPtr, zu::LessNoCase,
+                            zu::Allocator<std::pair<const zu::InplaceString<128>, ManagerPtr>>>;
 
 struct Registry {
     zu::RecursiveMutex lock;  // see the file comment
@@ -86,25 +87,23 @@ const char* orEmpty(const char* text) {
 CommunicationPipeManager* findManager(const char* name) ZU_REQUIRES(registry().lock) {
     ManagerMap& managers = registry().managers;
     auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
-    return found == managers.end() ? nullptr : found->second;
+    return found == managers.end() ? nullptr : found->second.get();
 }
 
 void updateSoleManager() ZU_REQUIRES(registry().lock) {
     ManagerMap& managers = registry().managers;
-    registry().soleManager.store(managers.size() == 1 ? managers.begin()->second : nullptr);
+    registry().soleManager.store(managers.size() == 1 ? managers.begin()->second.get() : nullptr);
     registry().empty.store(managers.empty());
 }
 
-// A manager stored under the name before is left running, as it is.
-void storeManager(const char* name, CommunicationPipeManager* manager)
+// A manager stored under the name before is left running, as it is: the map lets go of it.
+CommunicationPipeManager* storeManager(const char* name, ManagerPtr manager)
     ZU_REQUIRES(registry().lock) {
-    try {
-        registry().managers[zu::InplaceString<128>(orEmpty(name))] = manager;
-    } catch (...) {
-        delete manager;
-        throw;
-    }
+    ManagerPtr& slot = registry().managers[zu::InplaceString<128>(orEmpty(name))];
+    (void)slot.release();
+    slot = std::move(manager);
     updateSoleManager();
+    return slot.get();
 }
 
 // The sole manager; null when the map is empty, also after deinitCommunicationManagers, which
@@ -128,11 +127,10 @@ CommunicationPipeManager* initCommunicationManagerAsServer(
     if (!lock.isLocked()) {
         return nullptr;
     }
-    auto* manager = new NetCommunicationPipeManager(name, true, static_cast<uint32_t>(port),
-                                                    kServerHost, id, createPipesOnRequest,
-                                                    clientConnectionCallback, pipeCreateCallback);
-    storeManager(name, manager);
-    return manager;
+    return storeManager(
+        name, zu::makeUnique<NetCommunicationPipeManager>(
+                  name, true, static_cast<uint32_t>(port), kServerHost, id, createPipesOnRequest,
+                  clientConnectionCallback, pipeCreateCallback));
 }
 
 CommunicationPipeManager* initCommunicationManagerAsClient(const char* name, const char* host,
@@ -144,10 +142,9 @@ CommunicationPipeManager* initCommunicationManagerAsClient(const char* name, con
     if (CommunicationPipeManager* existing = getCommunicationPipeManager(name)) {
         return existing;  // host and port are not applied
     }
-    auto* manager = new NetCommunicationPipeManager(name, false, static_cast<uint32_t>(port),
-                                                    orEmpty(host), 0, true);
-    storeManager(name, manager);
-    return manager;
+    return storeManager(
+        name, zu::makeUnique<NetCommunicationPipeManager>(name, false, static_cast<uint32_t>(port),
+                                                          orEmpty(host), 0, true));
 }
 
 CommunicationPipeManager* getCommunicationPipeManager(const char* name) {
@@ -197,14 +194,14 @@ void deinitCommunicationManager(const char* name) {
     }
     ManagerMap& managers = registry().managers;
     auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
-    CommunicationPipeManager* manager = nullptr;
+    ManagerPtr manager;
     if (found != managers.end()) {
-        manager = found->second;
+        manager = std::move(found->second);
         managers.erase(found);
     }
     // Out of the map before it goes, so that lookups without the lock no longer find it.
     updateSoleManager();
-    delete manager;
+    manager.reset();
 }
 
 void deinitCommunicationManagers() {
@@ -215,9 +212,7 @@ void deinitCommunicationManagers() {
     ManagerMap managers;
     managers.swap(registry().managers);
     registry().empty.store(true);  // the sole-manager pointer is left as it was
-    for (auto& entry : managers) {
-        delete entry.second;
-    }
+    managers.clear();
 }
 
 }  // namespace dm

@@ -48,21 +48,17 @@ struct MonitorLink {
     MonitorLink& operator=(const MonitorLink&) = delete;
 
     void closeAll() ZU_REQUIRES(lock) {
-        zu::deleteObject(listener);
-        listener = nullptr;
-        for (net::Socket* connection : connections) {
-            zu::deleteObject(connection);
-        }
+        listener.reset();
         connections.clear();
         nextTurn = 0;
     }
 
     zu::RecursiveMutex lock;
     bool initialised ZU_GUARDED_BY(lock) = false;
-    net::Listener* listener ZU_GUARDED_BY(lock) = nullptr;
+    zu::UniquePtr<net::Listener> listener ZU_GUARDED_BY(lock);
     DataParserCallback* dataParserCallback ZU_GUARDED_BY(lock) = nullptr;
     bool requestFlags[kRequestCount] ZU_GUARDED_BY(lock) = {};
-    zu::Vector<net::Socket*> connections ZU_GUARDED_BY(lock);
+    zu::Vector<zu::UniquePtr<net::Socket>> connections ZU_GUARDED_BY(lock);
     // The monitor whose turn comes first in the next update: the one after where the last
     // update ran out of budget, so that no monitor is left without turns.
     size_t nextTurn ZU_GUARDED_BY(lock) = 0;
@@ -107,14 +103,14 @@ void acceptMonitors() ZU_REQUIRES(g_link.lock) {
     g_link.listener->update();
     const uint32_t refusedBefore = g_link.listener->getRefusedCount();
     for (int accepted = 0; accepted < kMaxAcceptsPerUpdate; ++accepted) {
-        net::Socket* connection = g_link.listener->pollConnect();
+        zu::UniquePtr<net::Socket> connection = g_link.listener->pollConnect();
         if (!connection) {
             break;
         }
         try {
-            g_link.connections.push_back(connection);
+            g_link.connections.push_back(std::move(connection));
         } catch (const zu::OutOfMemoryException&) {
-            zu::deleteObject(connection);  // turn the monitor away; it may try again
+            // The monitor is turned away (its socket is closed); it may try again.
             logLine("dm: a monitor connection turned away: out of memory\n");
             break;
         }
@@ -171,11 +167,9 @@ int takeTurn(net::Socket* connection, int quantum, uint32_t generation) ZU_REQUI
 
 void dropClosedMonitors() ZU_REQUIRES(g_link.lock) {
     for (size_t index = 0; index < g_link.connections.size();) {
-        net::Socket* connection = g_link.connections[index];
-        if (connection->isConnected()) {
+        if (g_link.connections[index]->isConnected()) {
             ++index;
         } else {
-            zu::deleteObject(connection);
             g_link.connections.erase(index);
         }
     }
@@ -186,7 +180,7 @@ void dropClosedMonitors() ZU_REQUIRES(g_link.lock) {
 void pollMonitors() ZU_REQUIRES(g_link.lock) {
     const uint32_t generation = g_link.generation;
     const size_t count = g_link.connections.size();
-    for (net::Socket* connection : g_link.connections) {
+    for (zu::UniquePtr<net::Socket>& connection : g_link.connections) {
         connection->update();
     }
     const size_t first = g_link.nextTurn < count ? g_link.nextTurn : 0;
@@ -197,7 +191,7 @@ void pollMonitors() ZU_REQUIRES(g_link.lock) {
         for (size_t turn = 0; turn < count && budget > 0; ++turn) {
             const size_t index = (first + turn) % count;
             const int quantum = std::min(kPacketsPerTurn, budget);
-            const int taken = takeTurn(g_link.connections[index], quantum, generation);
+            const int taken = takeTurn(g_link.connections[index].get(), quantum, generation);
             if (taken < 0) {
                 return;
             }
@@ -216,7 +210,7 @@ void pollMonitors() ZU_REQUIRES(g_link.lock) {
 constexpr uint32_t kMaxQueuedPerMonitor = 4 * 1024 * 1024;
 
 void sendToAll(const net::Packet& packet) ZU_REQUIRES(g_link.lock) {
-    for (net::Socket* connection : g_link.connections) {
+    for (zu::UniquePtr<net::Socket>& connection : g_link.connections) {
         if (connection->getQueuedSendBytes() < kMaxQueuedPerMonitor) {
             connection->sendPacket(packet);
         }
@@ -270,9 +264,9 @@ void init(int port) {
     zu::ScopedLock guard(g_link.lock);
     g_link.closeAll();
     try {
-        g_link.listener = zu::newObject<net::Listener>(static_cast<uint32_t>(port));
+        g_link.listener = zu::makeUnique<net::Listener>(static_cast<uint32_t>(port));
     } catch (...) {
-        g_link.listener = nullptr;  // no monitors this run; the game goes on
+        g_link.listener.reset();  // no monitors this run; the game goes on
     }
     g_link.initialised = true;
     for (bool& flag : g_link.requestFlags) {

@@ -27,10 +27,6 @@ constexpr uint32_t kMaxSendCapacity = Socket::kMaxQueuedSend + wire::kMaxFrameSi
 
 static_assert(kReceiveCapacity >= 2 * wire::kMaxFrameSize, "see kReceiveCapacity");
 
-uint8_t* allocateBuffer(uint32_t size) {
-    return static_cast<uint8_t*>(zu::allocateMemory(size, kBufferAlignment));
-}
-
 using Clock = std::chrono::steady_clock;
 
 uint32_t millisecondsSince(Clock::time_point start) {
@@ -40,18 +36,27 @@ uint32_t millisecondsSince(Clock::time_point start) {
 
 }  // namespace
 
-void* Socket::operator new(size_t size) {
-    return zu::allocateMemory(
-        size, alignof(Socket) > zu::kDefaultAlignment ? alignof(Socket) : zu::kDefaultAlignment);
-}
-
-void Socket::operator delete(void* memory) {
-    zu::deleteMemory(memory);
-}
-
 Socket::Socket() = default;
 
+zu::UniquePtr<Socket> Socket::adopt(zu::NativeHandle connected) {
+    zu::UniquePtr<Socket> socket;
+    try {
+        socket = zu::makeUnique<Socket>();
+    } catch (...) {
+        if (connected != zu::kInvalidHandle) {
+            platform::closeSocket(connected);
+        }
+        throw;
+    }
+    socket->adoptHandle(connected);
+    return socket;
+}
+
 Socket::Socket(zu::NativeHandle connected) {
+    adoptHandle(connected);
+}
+
+void Socket::adoptHandle(zu::NativeHandle connected) {
     if (connected == zu::kInvalidHandle) {
         return;
     }
@@ -72,8 +77,6 @@ Socket::Socket(zu::NativeHandle connected) {
 
 Socket::~Socket() {
     close();
-    zu::deleteMemory(m_sendBuffer);
-    zu::deleteMemory(m_receiveBuffer);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -107,9 +110,8 @@ bool Socket::connect(const char* host, uint32_t port) {
 
 void Socket::becomeConnected() {
     m_state = State::Connected;
-    if (!m_receiveBuffer) {
-        m_receiveBuffer = allocateBuffer(kReceiveCapacity);
-        m_receiveCapacity = kReceiveCapacity;
+    if (m_receiveBuffer.empty()) {
+        m_receiveBuffer = zu::Buffer(kReceiveCapacity, kBufferAlignment);
     }
     m_receiveBegin = 0;
     m_receiveEnd = 0;
@@ -285,27 +287,26 @@ bool Socket::waitForSendRoom(uint32_t frameSize) {
 }
 
 void Socket::reserveSendRoom(uint32_t length) {
-    if (m_sendCapacity - m_sendQueued >= length) {
+    if (sendCapacity() - m_sendQueued >= length) {
         return;
     }
     uint64_t needed = static_cast<uint64_t>(m_sendQueued) + length;
     uint64_t capacity =
-        m_sendCapacity * 2ull > kInitialSendCapacity ? m_sendCapacity * 2ull : kInitialSendCapacity;
+        sendCapacity() * 2ull > kInitialSendCapacity ? sendCapacity() * 2ull : kInitialSendCapacity;
     capacity = capacity < kMaxSendCapacity ? capacity : kMaxSendCapacity;
     capacity = capacity > needed ? capacity : needed;
-    uint8_t* buffer = allocateBuffer(static_cast<uint32_t>(capacity));
+    zu::Buffer grown(static_cast<size_t>(capacity), kBufferAlignment);
+    uint8_t* buffer = grown.data();
     // Unwrap the queued bytes to the front of the new ring.
-    uint32_t first = m_sendCapacity - m_sendBegin;
+    uint32_t first = sendCapacity() - m_sendBegin;
     first = first < m_sendQueued ? first : m_sendQueued;
     if (first > 0) {
-        std::memcpy(buffer, m_sendBuffer + m_sendBegin, first);
+        std::memcpy(buffer, m_sendBuffer.data() + m_sendBegin, first);
     }
     if (m_sendQueued > first) {
-        std::memcpy(buffer + first, m_sendBuffer, m_sendQueued - first);
+        std::memcpy(buffer + first, m_sendBuffer.data(), m_sendQueued - first);
     }
-    zu::deleteMemory(m_sendBuffer);
-    m_sendBuffer = buffer;
-    m_sendCapacity = static_cast<uint32_t>(capacity);
+    m_sendBuffer = std::move(grown);
     m_sendBegin = 0;
 }
 
@@ -315,14 +316,14 @@ void Socket::appendToSendQueue(const uint8_t* bytes, uint32_t length) {
         return;
     }
     uint32_t tail = m_sendBegin + m_sendQueued;
-    if (tail >= m_sendCapacity) {
-        tail -= m_sendCapacity;
+    if (tail >= sendCapacity()) {
+        tail -= sendCapacity();
     }
-    uint32_t first = m_sendCapacity - tail;
+    uint32_t first = sendCapacity() - tail;
     first = first < length ? first : length;
-    std::memcpy(m_sendBuffer + tail, bytes, first);
+    std::memcpy(m_sendBuffer.data() + tail, bytes, first);
     if (length > first) {
-        std::memcpy(m_sendBuffer, bytes + first, length - first);
+        std::memcpy(m_sendBuffer.data(), bytes + first, length - first);
     }
     m_sendQueued += length;
 }
@@ -330,8 +331,8 @@ void Socket::appendToSendQueue(const uint8_t* bytes, uint32_t length) {
 void Socket::consumeSendQueue(uint32_t length) {
     m_sendQueued -= length;
     m_sendBegin += length;
-    if (m_sendBegin >= m_sendCapacity) {
-        m_sendBegin -= m_sendCapacity;
+    if (m_sendBegin >= sendCapacity()) {
+        m_sendBegin -= sendCapacity();
     }
     if (m_sendQueued == 0) {
         m_sendBegin = 0;
@@ -341,10 +342,10 @@ void Socket::consumeSendQueue(uint32_t length) {
 // Hands queued bytes to the OS until it takes no more. False when the connection broke.
 bool Socket::flushSends() {
     while (m_sendQueued > 0) {
-        uint32_t first = m_sendCapacity - m_sendBegin;
+        uint32_t first = sendCapacity() - m_sendBegin;
         first = first < m_sendQueued ? first : m_sendQueued;
-        const platform::ConstBytes pieces[2] = {{m_sendBuffer + m_sendBegin, first},
-                                                {m_sendBuffer, m_sendQueued - first}};
+        const platform::ConstBytes pieces[2] = {{m_sendBuffer.data() + m_sendBegin, first},
+                                                {m_sendBuffer.data(), m_sendQueued - first}};
         const platform::IoResult sent =
             platform::send(m_handle, pieces, m_sendQueued > first ? 2 : 1);
         if (sent.status == platform::IoStatus::WouldBlock) {
@@ -366,12 +367,12 @@ bool Socket::flushSends() {
 void Socket::receive() {
     for (;;) {
         prepareReceiveRoom();
-        uint32_t room = m_receiveCapacity - m_receiveEnd;
+        uint32_t room = receiveCapacity() - m_receiveEnd;
         if (room == 0) {
             return;  // full of frames nobody polled yet: let TCP hold the peer back
         }
         const platform::IoResult got =
-            platform::receive(m_handle, m_receiveBuffer + m_receiveEnd, room);
+            platform::receive(m_handle, m_receiveBuffer.data() + m_receiveEnd, room);
         if (got.status == platform::IoStatus::Done) {
             m_receiveEnd += got.bytes;
             if (got.bytes < room) {
@@ -395,8 +396,8 @@ void Socket::prepareReceiveRoom() {
     }
     // Move only when it copies no more than was consumed, so moving costs at most one copy of
     // the stream in the worst case and usually far less.
-    if (m_receiveCapacity - m_receiveEnd < kMinReceiveSpace && m_receiveBegin >= pending) {
-        std::memmove(m_receiveBuffer, m_receiveBuffer + m_receiveBegin, pending);
+    if (receiveCapacity() - m_receiveEnd < kMinReceiveSpace && m_receiveBegin >= pending) {
+        std::memmove(m_receiveBuffer.data(), m_receiveBuffer.data() + m_receiveBegin, pending);
         m_receiveBegin = 0;
         m_receiveEnd = pending;
     }
@@ -404,13 +405,13 @@ void Socket::prepareReceiveRoom() {
 
 uint32_t Socket::wholeFrameSize() const {
     uint32_t frameSize = 0;
-    const wire::FrameCheck check = wire::checkFrame(m_receiveBuffer + m_receiveBegin,
+    const wire::FrameCheck check = wire::checkFrame(m_receiveBuffer.data() + m_receiveBegin,
                                                     m_receiveEnd - m_receiveBegin, &frameSize);
     return check == wire::FrameCheck::Whole ? frameSize : 0;
 }
 
 bool Socket::extractPacket(uint32_t* outSize) {
-    const uint8_t* frame = m_receiveBuffer + m_receiveBegin;
+    const uint8_t* frame = m_receiveBuffer.data() + m_receiveBegin;
     uint32_t frameSize = 0;
     switch (wire::checkFrame(frame, m_receiveEnd - m_receiveBegin, &frameSize)) {
         case wire::FrameCheck::Incomplete:

@@ -94,7 +94,7 @@ Listener::~Listener() {
     closeDescriptor(m_spare);
 }
 
-Socket* Listener::pollConnect() {
+zu::UniquePtr<Socket> Listener::pollConnect() {
     if (!isListening() || isBackingOff()) {
         return nullptr;
     }
@@ -105,7 +105,7 @@ Socket* Listener::pollConnect() {
     }
     const int error = errno;
     if (isOutOfDescriptors(error)) {
-        if (Socket* socket = turnAwayWaiting()) {
+        if (zu::UniquePtr<Socket> socket = turnAwayWaiting()) {
             return socket;
         }
         startBackoff();
@@ -129,30 +129,16 @@ bool Listener::isBackingOff() const {
 
 // Makes a socket of an accepted descriptor. The descriptor is closed when that fails: a
 // connection the caller never sees must not keep a descriptor.
-Socket* Listener::adopt(int fd) {
-    void* memory = nullptr;
+zu::UniquePtr<Socket> Listener::adopt(int fd) {
+    zu::UniquePtr<Socket> socket;
     try {
-        memory = Socket::operator new(sizeof(Socket));
-    } catch (const zu::OutOfMemoryException&) {
-        refuse(fd);
-        startBackoff();
-        return nullptr;
-    } catch (const std::bad_alloc&) {
-        refuse(fd);
-        startBackoff();
-        return nullptr;
-    }
-    Socket* socket = nullptr;
-    try {
-        socket = new (memory) Socket(fd);  // closes the descriptor when it throws
+        socket = Socket::adopt(fd);  // closes the descriptor when it throws
     } catch (...) {
-        Socket::operator delete(memory);
         m_refused.fetch_add(1, std::memory_order_relaxed);
         startBackoff();
         return nullptr;
     }
     if (!socket->isConnected()) {
-        delete socket;
         return nullptr;
     }
     m_backoffMs = 0;
@@ -166,7 +152,7 @@ Socket* Listener::adopt(int fd) {
 // and close it at once, so that the peers are told and the listener stops being readable. When
 // the spare can be had back while an accepted connection is still open, descriptors have been
 // freed meanwhile: that connection is kept and returned.
-Socket* Listener::turnAwayWaiting() {
+zu::UniquePtr<Socket> Listener::turnAwayWaiting() {
     for (uint32_t shed = 0; shed < kMaxShedPerPoll; ++shed) {
         if (m_spare == zu::kInvalidHandle) {
             m_spare = openSpareDescriptor();
