@@ -25,14 +25,14 @@ constexpr uint32_t kChunk = net::Packet::kMaxPayload;
 struct Pair {
     net::Listener listener{0, "127.0.0.1"};
     net::Socket client;
-    std::unique_ptr<net::Socket> server;
+    zu::UniquePtr<net::Socket> server;
 
     Pair() {
         client.connect("127.0.0.1", listener.getPort());
         for (int attempt = 0; attempt < 5000 && !(server && client.isConnected()); ++attempt) {
             client.update();
             if (!server) {
-                server.reset(listener.pollConnect());
+                server = listener.pollConnect();
             }
             usleep(1000);
         }

@@ -14,6 +14,15 @@ else()
                                                  $<$<BOOL:${DM_WERROR}>:-Werror>)
 endif()
 
+# Clang's thread-safety analysis checks the locking rules written into the code with the
+# annotations of zu/thread_annotations.h (preset clang-tsa).
+if(DM_THREAD_SAFETY_ANALYSIS)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "DM_THREAD_SAFETY_ANALYSIS needs clang: configure with the preset clang-tsa")
+    endif()
+    target_compile_options(dm_warnings INTERFACE -Wthread-safety)
+endif()
+
 if(DM_SANITIZE)
     add_compile_options(-fsanitize=${DM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${DM_SANITIZE})

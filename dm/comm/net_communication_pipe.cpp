@@ -333,7 +333,8 @@ void NetCommunicationPipe::close() {
     m_outgoingResponses.clear();
     m_outgoingNotifications.clear();
     m_outgoingNotificationBytes = 0;
-    m_blockedCallersLeft.wait(m_outgoingLock, [this] { return m_blockedCallers == 0; });
+    m_blockedCallersLeft.wait(
+        m_outgoingLock, [this]() ZU_REQUIRES(m_outgoingLock) { return m_blockedCallers == 0; });
 }
 
 PipeStatistics getPipeStatistics(const CommunicationPipe* pipe) {

@@ -199,53 +199,63 @@ private:
     static constexpr size_t kInitialQueueRoom = 16;
     static constexpr size_t kMaxSentPerPump = 8;
 
-    // Outgoing side (outgoingLock held).
-    zu::Event* takeEvent();
-    void releaseEvent(zu::Event* event);
+    // Outgoing side. The pump's steps (collectOutgoing, sendCollected, markSent) run on the
+    // manager's thread and take the lock where they need it.
+    zu::Event* takeEvent() ZU_REQUIRES(m_outgoingLock);
+    void releaseEvent(zu::Event* event) ZU_REQUIRES(m_outgoingLock);
     static uint32_t idOf(const RequestRecord& record) { return record.id; }
     static uint32_t idOf(const ResponseRecord& record) { return record.serial; }
     static uint32_t idOf(const NotificationRecord& record) { return record.id; }
     template <typename Record>
     static Record* findById(RecordQueue<Record>& queue, uint32_t id, size_t* outIndex = nullptr);
-    RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr);
-    ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr);
+    RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr)
+        ZU_REQUIRES(m_outgoingLock);
+    ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr)
+        ZU_REQUIRES(m_outgoingLock);
     bool collectOutgoing();
     bool markSent();
-    void markSentLocked();
-    bool hasUnsentInWindow() const;
+    void markSentLocked() ZU_REQUIRES(m_outgoingLock);
+    bool hasUnsentInWindow() const ZU_REQUIRES(m_outgoingLock);
     void wakeAfterPass(zu::Event* event);
     void callAfterPass(const PipeCallback& callback);
     void wakeToSend();
-    void leaveBlockingCall();
+    void leaveBlockingCall() ZU_REQUIRES(m_outgoingLock);
     bool sendCollected(PacketSink& sink);
 
-    // Incoming side (incomingLock held).
-    void discardAbortedRequest();
-    void freeIncomingRequests();
-    void dropIncompleteNotifications();
-    RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex);
-    RequestRecord* addIncomingRequest(const pipe_protocol::Message& message);
-    bool roomForUnfinishedRequest(uint32_t dataSize) const;
-    bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const;
-    bool reserveRequestData(RequestRecord& request, uint32_t end, Drop* refusal);
-    void dropPartialRequest(size_t index);
-    void completeRequest(size_t index);
-    bool oldestRequestWaitsForChunks() const;
-    NotificationRecord* findPartialNotification(uint32_t id, size_t* outIndex);
-    void dropPartialNotification(size_t index);
-    bool oldestNotificationWaitsForChunks() const;
-    bool discardsRestOf(uint32_t* discardedId, const pipe_protocol::Message& message);
+    // Incoming side.
+    void discardAbortedRequest() ZU_REQUIRES(m_incomingLock);
+    void freeIncomingRequests() ZU_REQUIRES(m_incomingLock);
+    void dropIncompleteNotifications() ZU_REQUIRES(m_incomingLock);
+    RequestRecord* findPartialRequest(uint32_t id, size_t* outIndex) ZU_REQUIRES(m_incomingLock);
+    RequestRecord* addIncomingRequest(const pipe_protocol::Message& message)
+        ZU_REQUIRES(m_incomingLock);
+    bool roomForUnfinishedRequest(uint32_t dataSize) const ZU_REQUIRES(m_incomingLock);
+    bool justifiedByArrivedBytes(const RequestRecord& request, const Chunk& chunk) const
+        ZU_REQUIRES(m_incomingLock);
+    bool reserveRequestData(RequestRecord& request, uint32_t end, Drop* refusal)
+        ZU_REQUIRES(m_incomingLock);
+    void dropPartialRequest(size_t index) ZU_REQUIRES(m_incomingLock);
+    void completeRequest(size_t index) ZU_REQUIRES(m_incomingLock);
+    bool oldestRequestWaitsForChunks() const ZU_REQUIRES(m_incomingLock);
+    NotificationRecord* findPartialNotification(uint32_t id, size_t* outIndex)
+        ZU_REQUIRES(m_incomingLock);
+    void dropPartialNotification(size_t index) ZU_REQUIRES(m_incomingLock);
+    bool oldestNotificationWaitsForChunks() const ZU_REQUIRES(m_incomingLock);
+    bool discardsRestOf(uint32_t* discardedId, const pipe_protocol::Message& message)
+        ZU_REQUIRES(m_incomingLock);
     // Bytes held for incoming messages, counted against the connection's budget.
-    bool chargeUnfinished(uint64_t bytes);
-    void releaseUnfinished(uint64_t bytes);
-    void chargeQueued(uint64_t bytes);
-    void releaseQueued(uint64_t bytes);
-    void leaveBudget();
+    bool chargeUnfinished(uint64_t bytes) ZU_REQUIRES(m_incomingLock);
+    void releaseUnfinished(uint64_t bytes) ZU_REQUIRES(m_incomingLock);
+    void chargeQueued(uint64_t bytes) ZU_REQUIRES(m_incomingLock);
+    void releaseQueued(uint64_t bytes) ZU_REQUIRES(m_incomingLock);
+    void leaveBudget() ZU_EXCLUDES(m_incomingLock);
     static uint64_t queuedCharge(const RequestRecord& request);
     static uint64_t queuedCharge(const NotificationRecord& notification);
-    bool storeRequestChunk(const pipe_protocol::Message& message);
-    bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk);
-    bool storeNotifyChunk(const pipe_protocol::Message& message);
+    bool storeRequestChunk(const pipe_protocol::Message& message) ZU_REQUIRES(m_incomingLock);
+    // An outgoing request's response.
+    bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk)
+        ZU_REQUIRES(m_outgoingLock);
+    bool storeNotifyChunk(const pipe_protocol::Message& message) ZU_REQUIRES(m_incomingLock);
     bool fitsMessageLimit(uint32_t totalSize) const;
     void invoke(const PipeCallback& callback);
     void onRequest(const pipe_protocol::Message& message);
@@ -256,42 +266,43 @@ private:
     PipeOwner* const m_owner;
     const zu::InplaceString<128> m_name;
 
-    // Guarded by m_incomingLock.
     mutable zu::Mutex m_incomingLock;
-    RequestRecord m_currentRequest;
+    RequestRecord m_currentRequest ZU_GUARDED_BY(m_incomingLock);
     // Whole messages in the order their first chunks came, and those still arriving (at most
     // kMaxUnfinishedIncoming each), which hold back whole ones that came after them.
-    RecordQueue<RequestRecord> m_incomingRequests;
-    RecordQueue<NotificationRecord> m_incomingNotifications;
-    zu::Vector<RequestRecord> m_partialRequests;
-    zu::Vector<NotificationRecord> m_partialNotifications;
-    uint64_t m_nextArrival = 0;
+    RecordQueue<RequestRecord> m_incomingRequests ZU_GUARDED_BY(m_incomingLock);
+    RecordQueue<NotificationRecord> m_incomingNotifications ZU_GUARDED_BY(m_incomingLock);
+    zu::Vector<RequestRecord> m_partialRequests ZU_GUARDED_BY(m_incomingLock);
+    zu::Vector<NotificationRecord> m_partialNotifications ZU_GUARDED_BY(m_incomingLock);
+    uint64_t m_nextArrival ZU_GUARDED_BY(m_incomingLock) = 0;
     // A message dropped part-way: its later chunks are dropped too, up to its last.
-    uint32_t m_discardedRequestId = kNoId;
-    Drop m_discardedRequestReason = Drop::kOverLimit;
-    uint32_t m_discardedNotifyId = kNoId;
-    ConnectionBudget* m_budget = nullptr;
-    uint64_t m_unfinishedCharge = 0;  // held for partial messages
-    uint64_t m_queuedCharge = 0;      // held for whole messages not yet taken
-    uint32_t m_lastCompletedRequestId = kNoId;
-    uint32_t m_lastCompletedNotifyId = kNoId;
-    PipeCallback m_connectionCallback;
-    PipeCallback m_notifyCallback;
-    PipeCallback m_requestCallback;
+    uint32_t m_discardedRequestId ZU_GUARDED_BY(m_incomingLock) = kNoId;
+    Drop m_discardedRequestReason ZU_GUARDED_BY(m_incomingLock) = Drop::kOverLimit;
+    uint32_t m_discardedNotifyId ZU_GUARDED_BY(m_incomingLock) = kNoId;
+    ConnectionBudget* m_budget ZU_GUARDED_BY(m_incomingLock) = nullptr;
+    // Held for partial messages, and for whole messages not yet taken.
+    uint64_t m_unfinishedCharge ZU_GUARDED_BY(m_incomingLock) = 0;
+    uint64_t m_queuedCharge ZU_GUARDED_BY(m_incomingLock) = 0;
+    uint32_t m_lastCompletedRequestId ZU_GUARDED_BY(m_incomingLock) = kNoId;
+    uint32_t m_lastCompletedNotifyId ZU_GUARDED_BY(m_incomingLock) = kNoId;
+    PipeCallback m_connectionCallback ZU_GUARDED_BY(m_incomingLock);
+    PipeCallback m_notifyCallback ZU_GUARDED_BY(m_incomingLock);
+    PipeCallback m_requestCallback ZU_GUARDED_BY(m_incomingLock);
 
-    // Guarded by m_outgoingLock.
     mutable zu::Mutex m_outgoingLock;
-    RecordQueue<RequestRecord> m_outgoingRequests;
-    RecordQueue<NotificationRecord> m_outgoingNotifications;
-    RecordQueue<ResponseRecord> m_outgoingResponses;
-    uint64_t m_outgoingNotificationBytes = 0;
-    zu::Vector<zu::Event*> m_spareEvents;  // reused by blocking calls, so none is made per call
-    uint32_t m_nextRequestId = 0;
-    uint32_t m_nextNotifyId = 0;
-    uint32_t m_nextResponseSerial = 0;
-    zu::InplaceString<128> m_connectedIP;
-    bool m_closed = false;
-    uint32_t m_blockedCallers = 0;  // threads inside sendRequest or respond
+    RecordQueue<RequestRecord> m_outgoingRequests ZU_GUARDED_BY(m_outgoingLock);
+    RecordQueue<NotificationRecord> m_outgoingNotifications ZU_GUARDED_BY(m_outgoingLock);
+    RecordQueue<ResponseRecord> m_outgoingResponses ZU_GUARDED_BY(m_outgoingLock);
+    uint64_t m_outgoingNotificationBytes ZU_GUARDED_BY(m_outgoingLock) = 0;
+    // Reused by blocking calls, so none is made per call.
+    zu::Vector<zu::Event*> m_spareEvents ZU_GUARDED_BY(m_outgoingLock);
+    uint32_t m_nextRequestId ZU_GUARDED_BY(m_outgoingLock) = 0;
+    uint32_t m_nextNotifyId ZU_GUARDED_BY(m_outgoingLock) = 0;
+    uint32_t m_nextResponseSerial ZU_GUARDED_BY(m_outgoingLock) = 0;
+    zu::InplaceString<128> m_connectedIP ZU_GUARDED_BY(m_outgoingLock);
+    bool m_closed ZU_GUARDED_BY(m_outgoingLock) = false;
+    // Threads inside sendRequest or respond.
+    uint32_t m_blockedCallers ZU_GUARDED_BY(m_outgoingLock) = 0;
     std::condition_variable_any m_blockedCallersLeft;
 
     std::atomic<net::Socket*> m_socket{nullptr};

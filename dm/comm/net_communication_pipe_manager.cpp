@@ -49,10 +49,10 @@ NetCommunicationPipeManager::NetCommunicationPipeManager(
       m_pipeCreateCallback(pipeCreateCallback) {
     m_passPipes.reserve(kMaxPipesPerPass);
     if (m_isServer) {
-        m_listener = zu::newObject<net::Listener>(port);
+        m_listener = zu::makeUnique<net::Listener>(port);
         m_port = m_listener->getPort();  // the one chosen for port 0; 0 when listening failed
     } else {
-        m_sockets.push_back(makeEntry(new net::Socket()));
+        m_sockets.push_back(makeEntry(zu::makeUnique<net::Socket>()));
     }
     startThread();
 }
@@ -65,23 +65,8 @@ NetCommunicationPipeManager::~NetCommunicationPipeManager() {
     for (PipeEntry* entry : m_pipeOrder) {
         entry->pipe->close();
     }
-    zu::deleteObject(m_listener);
-    for (SocketEntry& entry : m_sockets) {
-        destroyEntry(entry);
-    }
-    for (PipeEntry* entry : m_pipeOrder) {
-        zu::deleteObject(entry->pipe);
-        zu::deleteObject(entry);
-    }
-    for (zu::InplaceString<128>* name : m_remoteNames) {
-        zu::deleteObject(name);
-    }
-}
-
-void* NetCommunicationPipeManager::operator new(size_t size) {
-    return zu::allocateMemory(size, alignof(NetCommunicationPipeManager) > zu::kDefaultAlignment
-                                        ? alignof(NetCommunicationPipeManager)
-                                        : zu::kDefaultAlignment);
+    // The members go in reverse order of declaration: the sockets with their budgets and the
+    // listener, then the pipes, then the remote names they may have handed out.
 }
 
 void NetCommunicationPipeManager::operator delete(void* memory) {
@@ -121,9 +106,15 @@ int NetCommunicationPipeManager::run() {
 
 // --- Operations for application threads ---
 
+// The pointer outlives the lock: see the contract of getName.
 const char* NetCommunicationPipeManager::getName() const {
     zu::ScopedLock lock(m_addressLock);
     return m_name.c_str();
+}
+
+zu::InplaceString<128> NetCommunicationPipeManager::copyName() const {
+    zu::ScopedLock lock(m_addressLock);
+    return m_name;
 }
 
 void NetCommunicationPipeManager::setName(const char* name) {
@@ -145,7 +136,7 @@ void NetCommunicationPipeManager::setRemoteName(const char* name) {
     if (cut == m_remoteName.load(std::memory_order_relaxed)) {
         return;
     }
-    for (const zu::InplaceString<128>* known : m_remoteNames) {
+    for (const zu::UniquePtr<zu::InplaceString<128>>& known : m_remoteNames) {
         if (*known == cut) {
             m_remoteName.store(known->c_str(), std::memory_order_release);
             return;
@@ -154,15 +145,12 @@ void NetCommunicationPipeManager::setRemoteName(const char* name) {
     if (m_remoteNames.size() == kMaxRemoteNames) {
         return;  // a peer that keeps changing its name does not make this grow
     }
-    zu::InplaceString<128>* kept = nullptr;
     try {
-        kept = zu::newObject<zu::InplaceString<128>>(cut);
-        m_remoteNames.push_back(kept);
+        m_remoteNames.push_back(zu::makeUnique<zu::InplaceString<128>>(cut));
     } catch (const zu::OutOfMemoryException&) {
-        zu::deleteObject(kept);
         return;  // the name stays as it was
     }
-    m_remoteName.store(kept->c_str(), std::memory_order_release);
+    m_remoteName.store(m_remoteNames.back()->c_str(), std::memory_order_release);
 }
 
 CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {
@@ -171,9 +159,9 @@ CommunicationPipe* NetCommunicationPipeManager::getPipe(const char* pipeName) {
     {
         zu::ScopedLock lock(m_pipesLock);
         if (PipeEntry* entry = findEntry(pipeName)) {
-            return entry->pipe;
+            return entry->pipe.get();
         }
-        pipe = createEntry(pipeName)->pipe;
+        pipe = createEntry(pipeName)->pipe.get();
         callPipeCreateCallback(pipe);
     }
     m_wakeEvent.signal();  // a client asks the server for it at once
@@ -186,6 +174,14 @@ const char* NetCommunicationPipeManager::getHost(uint32_t* outPort) {
         *outPort = m_port;
     }
     return m_host.c_str();
+}
+
+zu::InplaceString<128> NetCommunicationPipeManager::copyHost(uint32_t* outPort) {
+    zu::ScopedLock lock(m_addressLock);
+    if (outPort) {
+        *outPort = m_port;
+    }
+    return m_host;
 }
 
 void NetCommunicationPipeManager::setHost(const char* host, uint32_t port) {
@@ -272,7 +268,7 @@ void NetCommunicationPipeManager::deliverToPipe(const net::Socket& socket,
     {
         zu::ScopedLock lock(m_pipesLock);
         if (PipeEntry* entry = findEntry(message.pipeName)) {
-            pipe = entry->pipe;
+            pipe = entry->pipe.get();
             attachedHere = entry->socket == &socket;
         }
     }
@@ -319,7 +315,7 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
         PipeEntry* entry = findEntry(pipeName);
         if (!entry && m_createPipesOnRequest) {
             entry = createRequestedEntry(pipeName);
-            created = entry ? entry->pipe : nullptr;
+            created = entry ? entry->pipe.get() : nullptr;
         }
         if (!entry) {
             pipe_protocol::sendPipeRefused(socket, pipeName);
@@ -328,7 +324,7 @@ void NetCommunicationPipeManager::openPipe(net::Socket& socket, const char* pipe
         if (entry->socket != &socket) {
             takenOver = entry->socket != nullptr;
             entry->socket = &socket;
-            toAttach = entry->pipe;
+            toAttach = entry->pipe.get();
         }
     }
     if (takenOver) {
@@ -362,7 +358,7 @@ void NetCommunicationPipeManager::detachPipesFrom(const net::Socket* socket) {
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::findEntry(
     const char* pipeName) {
     auto found = m_pipes.find(pipeName);
-    return found == m_pipes.end() ? nullptr : found->second;
+    return found == m_pipes.end() ? nullptr : found->second.get();
 }
 
 // A pipe that a peer asks for. Refused (null) beyond the limit, and when making it fails for
@@ -393,53 +389,35 @@ NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createReque
 
 NetCommunicationPipeManager::PipeEntry* NetCommunicationPipeManager::createEntry(
     const char* pipeName) {
-    // Each step may run out of memory; what was made before it is given back.
-    PipeEntry* entry = zu::newObject<PipeEntry>();
-    try {
-        entry->pipe = zu::newObject<NetCommunicationPipe>(this, pipeName);
-        m_pipeOrder.push_back(entry);
-        m_outgoingQueued.store(true);  // collected by the next pass
-        try {
-            m_pipes.emplace(zu::InplaceString<128>(pipeName), entry);
-        } catch (...) {
-            m_pipeOrder.pop_back();
-            throw;
-        }
-    } catch (...) {
-        zu::deleteObject(entry->pipe);
-        zu::deleteObject(entry);
-        throw;
+    // Each step may run out of memory and leaves the tables as they were: what was made goes
+    // with `entry`, and the order has room before the map takes the entry.
+    zu::UniquePtr<PipeEntry> entry = zu::makeUnique<PipeEntry>();
+    entry->pipe = zu::makeUnique<NetCommunicationPipe>(this, pipeName);
+    if (m_pipeOrder.size() == m_pipeOrder.capacity()) {
+        m_pipeOrder.reserve(zu::Vector<PipeEntry*>::grownCapacity(m_pipeOrder.capacity()));
     }
-    return entry;
+    PipeEntry* made = entry.get();
+    m_pipes.emplace(zu::InplaceString<128>(pipeName), std::move(entry));
+    m_pipeOrder.push_back(made);
+    m_outgoingQueued.store(true);  // collected by the next pass
+    return made;
 }
 
-// A connection's entry with its budget; the socket is destroyed when making it fails.
+// A connection's entry with its budget; the socket goes with `socket` when making it fails.
 NetCommunicationPipeManager::SocketEntry NetCommunicationPipeManager::makeEntry(
-    net::Socket* socket) {
+    zu::UniquePtr<net::Socket> socket) {
     SocketEntry entry;
-    entry.socket = socket;
+    entry.budget =
+        zu::makeUnique<ConnectionBudget>(m_maxUnfinishedPerConnection, m_maxQueuedPerConnection);
     socket->setReadsOnlyWhenReady(true);  // its readiness is reported by the manager's waits
-    try {
-        entry.budget =
-            zu::newObject<ConnectionBudget>(m_maxUnfinishedPerConnection, m_maxQueuedPerConnection);
-    } catch (...) {
-        delete socket;
-        throw;
-    }
+    entry.socket = std::move(socket);
     return entry;
-}
-
-void NetCommunicationPipeManager::destroyEntry(SocketEntry& entry) {
-    delete entry.socket;
-    zu::deleteObject(entry.budget);
-    entry.socket = nullptr;
-    entry.budget = nullptr;
 }
 
 ConnectionBudget* NetCommunicationPipeManager::budgetOf(const net::Socket* socket) {
     for (const SocketEntry& entry : m_sockets) {
-        if (entry.socket == socket) {
-            return entry.budget;
+        if (entry.socket.get() == socket) {
+            return entry.budget.get();
         }
     }
     return nullptr;
@@ -453,11 +431,6 @@ NetCommunicationPipeManager::Address NetCommunicationPipeManager::copyAddress() 
     address.redirectHost = m_redirectHost;
     address.redirectPort = m_redirectPort;
     return address;
-}
-
-zu::InplaceString<128> NetCommunicationPipeManager::copyName() {
-    zu::ScopedLock lock(m_addressLock);
-    return m_name;
 }
 
 void NetCommunicationPipeManager::callClientConnectionCallback() {

@@ -50,8 +50,8 @@ public:
     // NetCommunicationPipe::close), then destroys the pipes and sockets.
     ~NetCommunicationPipeManager() override;
 
-    // On the runtime's heap; `delete` through a CommunicationPipeManager* works.
-    static void* operator new(size_t size);
+    // Made with zu::makeUnique (on the runtime's heap). Holders the registry let go of may
+    // `delete` a manager through a CommunicationPipeManager*, which gives the memory back there.
     static void operator delete(void* memory);
 
     // True on a manager's thread whose manager is being destroyed: the registry uses it so that
@@ -64,11 +64,13 @@ public:
     bool isClient() const override { return !m_isServer; }
     bool isServer() const override { return m_isServer; }
     const char* getName() const override;
+    zu::InplaceString<128> copyName() const override;
     void setName(const char* name) override;
     const char* getRemoteName() const override;
     uint32_t getID() const override { return m_id.load(); }
     CommunicationPipe* getPipe(const char* pipeName) override;
     const char* getHost(uint32_t* outPort) override;
+    zu::InplaceString<128> copyHost(uint32_t* outPort) override;
     void setHost(const char* host, uint32_t port) override;
     void setRedirect(const char* host, uint32_t port) override;
     void setClientConnectionCallback(ClientConnectionCallback callback) override;
@@ -98,13 +100,13 @@ public:
 
 private:
     struct SocketEntry {
-        net::Socket* socket = nullptr;
-        ConnectionBudget* budget = nullptr;  // owned, like the socket
+        zu::UniquePtr<net::Socket> socket;
+        zu::UniquePtr<ConnectionBudget> budget;
         double lastConnectAttempt = -1000.0;
     };
     struct PipeEntry {
         net::Socket* socket = nullptr;  // the connection the pipe is attached to, or null
-        NetCommunicationPipe* pipe = nullptr;
+        zu::UniquePtr<NetCommunicationPipe> pipe;
         double lastOpenPipeSent = 0.0;
     };
     // Case-insensitive, and found by a received name in place, without copying it.
@@ -120,8 +122,9 @@ private:
             return zu::stricmp(a, b.c_str()) < 0;
         }
     };
-    using PipeMap = std::map<zu::InplaceString<128>, PipeEntry*, PipeNameLess,
-                             zu::Allocator<std::pair<const zu::InplaceString<128>, PipeEntry*>>>;
+    using PipeMap =
+        std::map<zu::InplaceString<128>, zu::UniquePtr<PipeEntry>, PipeNameLess,
+                 zu::Allocator<std::pair<const zu::InplaceString<128>, zu::UniquePtr<PipeEntry>>>>;
     // A copy of the addresses a client connects to, taken under the address lock.
     struct Address {
         zu::InplaceString<128> host;
@@ -158,8 +161,7 @@ private:
     void pollPackets(SocketEntry& entry);
     static zu::WaitHandle waitHandleOf(const SocketEntry& entry);
     void noteReadableSockets(const WaitList& waits);
-    SocketEntry makeEntry(net::Socket* socket);
-    static void destroyEntry(SocketEntry& entry);
+    SocketEntry makeEntry(zu::UniquePtr<net::Socket> socket);
     ConnectionBudget* budgetOf(const net::Socket* socket);
     void clientPass();
     void sendOpenPipes(net::Socket& socket);
@@ -181,12 +183,12 @@ private:
     void detachPipesFrom(const net::Socket* socket);
 
     // --- Helpers ---
-    PipeEntry* findEntry(const char* pipeName);             // pipesLock held
-    PipeEntry* createEntry(const char* pipeName);           // pipesLock held
-    PipeEntry* createRequestedEntry(const char* pipeName);  // pipesLock held; null if refused
+    PipeEntry* findEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
+    PipeEntry* createEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
+    // Null if refused.
+    PipeEntry* createRequestedEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
     void deliverToPipe(const net::Socket& socket, const pipe_protocol::Message& message);
     Address copyAddress();
-    zu::InplaceString<128> copyName();
     void setRemoteName(const char* name);
     void callClientConnectionCallback();
     void callPipeCreateCallback(NetCommunicationPipe* pipe);
@@ -198,38 +200,38 @@ private:
     std::atomic<uint32_t> m_id;
     zu::Event m_wakeEvent;  // wakes the thread: a new pipe, an address change, the end
 
-    // Guarded by m_addressLock, like the name.
     mutable zu::Mutex m_addressLock;
-    zu::InplaceString<128> m_name;
-    zu::InplaceString<128> m_host;
-    uint32_t m_port = 0;
-    zu::InplaceString<128> m_redirectHost;
-    uint32_t m_redirectPort = 0;
-    bool m_redirectPending = false;
+    zu::InplaceString<128> m_name ZU_GUARDED_BY(m_addressLock);
+    zu::InplaceString<128> m_host ZU_GUARDED_BY(m_addressLock);
+    uint32_t m_port ZU_GUARDED_BY(m_addressLock) = 0;
+    zu::InplaceString<128> m_redirectHost ZU_GUARDED_BY(m_addressLock);
+    uint32_t m_redirectPort ZU_GUARDED_BY(m_addressLock) = 0;
+    bool m_redirectPending ZU_GUARDED_BY(m_addressLock) = false;
 
     // Every remote name seen, each kept unchanged until destruction, so that a pointer handed
     // out by getRemoteName stays valid and its text never changes under a reader. Written on
     // the manager thread only.
-    zu::Vector<zu::InplaceString<128>*> m_remoteNames;
+    zu::Vector<zu::UniquePtr<zu::InplaceString<128>>> m_remoteNames;
     std::atomic<const char*> m_remoteName{""};
 
     mutable zu::Mutex m_callbackLock;
-    ClientConnectionCallback m_clientConnectionCallback;
-    PipeCreateCallback m_pipeCreateCallback;
+    ClientConnectionCallback m_clientConnectionCallback ZU_GUARDED_BY(m_callbackLock);
+    PipeCreateCallback m_pipeCreateCallback ZU_GUARDED_BY(m_callbackLock);
 
-    // Guarded by m_pipesLock. Entries are never removed before destruction; m_pipeOrder holds
-    // them in creation order, for pumping in turns.
-    mutable zu::Mutex m_pipesLock;
-    PipeMap m_pipes;
-    zu::Vector<PipeEntry*> m_pipeOrder;
-    size_t m_pipesCreatedOnRequest = 0;
-    bool m_loggedPipeLimit = false;
+    // The map owns the entries, which are never removed before destruction; m_pipeOrder holds
+    // them in creation order, for pumping in turns. Re-entrant: getPipe announces a new pipe to the
+    // pipe-create callback with it held, and the callback may ask this manager for pipes again.
+    mutable zu::RecursiveMutex m_pipesLock;
+    PipeMap m_pipes ZU_GUARDED_BY(m_pipesLock);
+    zu::Vector<PipeEntry*> m_pipeOrder ZU_GUARDED_BY(m_pipesLock);
+    size_t m_pipesCreatedOnRequest ZU_GUARDED_BY(m_pipesLock) = 0;
+    bool m_loggedPipeLimit ZU_GUARDED_BY(m_pipesLock) = false;
     std::atomic<size_t> m_maxPipesCreatedOnRequest{kDefaultMaxPipesCreatedOnRequest};
     std::atomic<uint64_t> m_maxUnfinishedPerConnection{ConnectionBudget::kDefaultMaxUnfinished};
     std::atomic<uint64_t> m_maxQueuedPerConnection{ConnectionBudget::kDefaultMaxQueued};
 
     // Manager thread only (and construction / destruction).
-    net::Listener* m_listener = nullptr;
+    zu::UniquePtr<net::Listener> m_listener;
     zu::Vector<SocketEntry> m_sockets;
     uint32_t m_nextConnectionId = 0;
     bool m_wasConnected = false;

@@ -156,14 +156,16 @@ void NetCommunicationPipeManager::serverPass() {
 
 // Accepts one waiting connection and welcomes it. True when it was redirected elsewhere.
 bool NetCommunicationPipeManager::acceptClient() {
-    net::Socket* socket = m_listener->pollConnect();
+    zu::UniquePtr<net::Socket> accepted = m_listener->pollConnect();
+    net::Socket* socket = accepted.get();
     if (!socket) {
         return false;
     }
     try {
-        m_sockets.push_back(makeEntry(socket));
+        m_sockets.push_back(makeEntry(std::move(accepted)));
     } catch (const zu::OutOfMemoryException&) {
-        return false;  // turned away (makeEntry destroyed the socket); it may try again
+        // Turned away (closed with `accepted`); it may try again.
+        return false;
     }
     pipe_protocol::sendWelcome(*socket, m_nextConnectionId++, copyName().c_str());
     ClientConnectionCallback callback;
@@ -190,7 +192,7 @@ bool NetCommunicationPipeManager::acceptClient() {
 // Reads and dispatches what arrived on the connection at `index`; a connection that has gone is
 // destroyed with its entry. False when it was.
 bool NetCommunicationPipeManager::serveSocket(size_t index) {
-    net::Socket* socket = m_sockets[index].socket;
+    net::Socket* socket = m_sockets[index].socket.get();
     updateSocket(*socket);
     if (socket->isConnected()) {
         pollPackets(m_sockets[index]);
@@ -206,7 +208,6 @@ bool NetCommunicationPipeManager::serveSocket(size_t index) {
         m_redirectPort = 0;
     }
     detachPipesFrom(socket);
-    destroyEntry(m_sockets[index]);
     m_sockets.erase(index);
     return false;
 }

@@ -1,6 +1,8 @@
 // The process-wide registry of pipe managers, keyed by name (letter case ignored).
 //
-// One re-entrant lock guards the map; managers are created and destroyed under it. The sole
+// One re-entrant lock guards the map; managers are created and destroyed under it. Re-entry is
+// part of the design: registry functions call each other under it (a client's init looks the
+// name up through getCommunicationPipeManager). The sole
 // manager (the only one, when exactly one is registered) and whether the map is empty are also
 // kept in atomics, for the lookups that read them without the lock.
 //
@@ -25,13 +27,14 @@ constexpr const char* kServerHost = "127.0.0.1";
 // How often a manager's thread tries again for a registry lock held by another thread.
 constexpr uint32_t kLockRetryMicroseconds = 200;
 
-using ManagerMap =
-    std::map<zu::InplaceString<128>, CommunicationPipeManager*, zu::LessNoCase,
-             zu::Allocator<std::pair<const zu::InplaceString<128>, CommunicationPipeManager*>>>;
+using ManagerPtr = zu::UniquePtr<CommunicationPipeManager>;
+// The map owns its managers.
+using ManagerMap = std::map<zu::InplaceString<128>, ManagerPtr, zu::LessNoCase,
+                            zu::Allocator<std::pair<const zu::InplaceString<128>, ManagerPtr>>>;
 
 struct Registry {
-    zu::Mutex lock;  // re-entrant
-    ManagerMap managers;
+    zu::RecursiveMutex lock;  // see the file comment
+    ManagerMap managers ZU_GUARDED_BY(lock);
     std::atomic<CommunicationPipeManager*> soleManager{nullptr};
     std::atomic<bool> empty{true};
 };
@@ -42,10 +45,12 @@ Registry& registry() {
     return *instance;
 }
 
-class RegistryLock {
+// Holds the registry lock unless isLocked() says otherwise; the analysis takes it as held, and
+// every holder returns at once when it is not.
+class ZU_SCOPED_CAPABILITY RegistryLock {
 public:
-    RegistryLock() : m_locked(acquire()) {}
-    ~RegistryLock() {
+    RegistryLock() ZU_ACQUIRE(registry().lock) : m_locked(acquire()) {}
+    ~RegistryLock() ZU_RELEASE() {
         if (m_locked) {
             registry().lock.unlock();
         }
@@ -57,8 +62,8 @@ public:
     bool isLocked() const { return m_locked; }
 
 private:
-    static bool acquire() {
-        zu::Mutex& lock = registry().lock;
+    static bool acquire() ZU_NO_THREAD_SAFETY_ANALYSIS {
+        zu::RecursiveMutex& lock = registry().lock;
         if (!NetCommunicationPipeManager::isManagerThread()) {
             lock.lock();
             return true;
@@ -79,29 +84,26 @@ const char* orEmpty(const char* text) {
     return text ? text : "";
 }
 
-// Lock held.
-CommunicationPipeManager* findManager(const char* name) {
+CommunicationPipeManager* findManager(const char* name) ZU_REQUIRES(registry().lock) {
     ManagerMap& managers = registry().managers;
     auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
-    return found == managers.end() ? nullptr : found->second;
+    return found == managers.end() ? nullptr : found->second.get();
 }
 
-// Lock held.
-void updateSoleManager() {
-    Registry& reg = registry();
-    reg.soleManager.store(reg.managers.size() == 1 ? reg.managers.begin()->second : nullptr);
-    reg.empty.store(reg.managers.empty());
+void updateSoleManager() ZU_REQUIRES(registry().lock) {
+    ManagerMap& managers = registry().managers;
+    registry().soleManager.store(managers.size() == 1 ? managers.begin()->second.get() : nullptr);
+    registry().empty.store(managers.empty());
 }
 
-// Lock held. A manager stored under the name before is left running, as it is.
-void storeManager(const char* name, CommunicationPipeManager* manager) {
-    try {
-        registry().managers[zu::InplaceString<128>(orEmpty(name))] = manager;
-    } catch (...) {
-        delete manager;
-        throw;
-    }
+// A manager stored under the name before is left running, as it is: the map lets go of it.
+CommunicationPipeManager* storeManager(const char* name, ManagerPtr manager)
+    ZU_REQUIRES(registry().lock) {
+    ManagerPtr& slot = registry().managers[zu::InplaceString<128>(orEmpty(name))];
+    (void)slot.release();
+    slot = std::move(manager);
     updateSoleManager();
+    return slot.get();
 }
 
 // The sole manager; null when the map is empty, also after deinitCommunicationManagers, which
@@ -125,11 +127,10 @@ CommunicationPipeManager* initCommunicationManagerAsServer(
     if (!lock.isLocked()) {
         return nullptr;
     }
-    auto* manager = new NetCommunicationPipeManager(name, true, static_cast<uint32_t>(port),
-                                                    kServerHost, id, createPipesOnRequest,
-                                                    clientConnectionCallback, pipeCreateCallback);
-    storeManager(name, manager);
-    return manager;
+    return storeManager(
+        name, zu::makeUnique<NetCommunicationPipeManager>(
+                  name, true, static_cast<uint32_t>(port), kServerHost, id, createPipesOnRequest,
+                  clientConnectionCallback, pipeCreateCallback));
 }
 
 CommunicationPipeManager* initCommunicationManagerAsClient(const char* name, const char* host,
@@ -141,10 +142,9 @@ CommunicationPipeManager* initCommunicationManagerAsClient(const char* name, con
     if (CommunicationPipeManager* existing = getCommunicationPipeManager(name)) {
         return existing;  // host and port are not applied
     }
-    auto* manager = new NetCommunicationPipeManager(name, false, static_cast<uint32_t>(port),
-                                                    orEmpty(host), 0, true);
-    storeManager(name, manager);
-    return manager;
+    return storeManager(
+        name, zu::makeUnique<NetCommunicationPipeManager>(name, false, static_cast<uint32_t>(port),
+                                                          orEmpty(host), 0, true));
 }
 
 CommunicationPipeManager* getCommunicationPipeManager(const char* name) {
@@ -194,14 +194,14 @@ void deinitCommunicationManager(const char* name) {
     }
     ManagerMap& managers = registry().managers;
     auto found = managers.find(zu::InplaceString<128>(orEmpty(name)));
-    CommunicationPipeManager* manager = nullptr;
+    ManagerPtr manager;
     if (found != managers.end()) {
-        manager = found->second;
+        manager = std::move(found->second);
         managers.erase(found);
     }
     // Out of the map before it goes, so that lookups without the lock no longer find it.
     updateSoleManager();
-    delete manager;
+    manager.reset();
 }
 
 void deinitCommunicationManagers() {
@@ -209,13 +209,10 @@ void deinitCommunicationManagers() {
     if (!lock.isLocked()) {
         return;
     }
-    Registry& reg = registry();
     ManagerMap managers;
-    managers.swap(reg.managers);
-    reg.empty.store(true);  // the sole-manager pointer is left as it was
-    for (auto& entry : managers) {
-        delete entry.second;
-    }
+    managers.swap(registry().managers);
+    registry().empty.store(true);  // the sole-manager pointer is left as it was
+    managers.clear();
 }
 
 }  // namespace dm

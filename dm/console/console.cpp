@@ -33,17 +33,15 @@ Console* Console::sm_pInstance = nullptr;
 Console::Console(ShapeEngineInterface* shapeEngine, float margin) {
     saveTimer.restart();
     bindings.clear();
-    scrollingTextWindow = nullptr;
     visible = false;
     ioInterface = nullptr;
     sm_pInstance = this;
-    scrollingTextWindow = zu::newObject<ScrollingTextWindow>(shapeEngine, margin);
+    scrollingTextWindow = zu::makeUnique<ScrollingTextWindow>(shapeEngine, margin);
     scrollingTextWindow->setVisibility(visible);
 }
 
 Console::~Console() {
-    zu::deleteObject(scrollingTextWindow);
-    scrollingTextWindow = nullptr;
+    scrollingTextWindow.reset();
     visible = false;
     ioInterface = nullptr;
     if (sm_pInstance == this) {

@@ -47,7 +47,7 @@ void ScrollingTextWindow::renderVisibleText() {
     const float lineHeight = state->shapeEngine->getLineHeight();
     drawCommandLine();
     // Printing threads change the lines and viewLine, and clear() empties the cache, under the
-    // lock; the recursive lock lets the scroll bar read the counts under it again.
+    // lock.
     zu::ScopedLock lock(state->mutex);
     updateFormattedLines();
     drawFormattedLines(lineHeight);

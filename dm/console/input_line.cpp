@@ -115,8 +115,8 @@ void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool co
             if (control) {
                 // The count under the lock: printing threads add lines meanwhile.
                 zu::ScopedLock lock(state->mutex);
-                const int64_t storedLines = static_cast<int64_t>(getConsoleLineCount());
-                scrollView(key == InputLine::KeyEnd ? -storedLines : storedLines);
+                const int64_t storedLines = static_cast<int64_t>(state->consoleLines.count());
+                scrollViewLocked(key == InputLine::KeyEnd ? -storedLines : storedLines);
             } else {
                 state->inputLine->handleKey(key, character, true);
             }
@@ -136,11 +136,15 @@ void ScrollingTextWindow::appendInput(int key, char character, bool alt, bool co
 }
 
 void ScrollingTextWindow::scrollView(int64_t lines) {
-    constexpr int64_t kIntMax = 0x7fffffff;
-    const int64_t clamped = lines < -kIntMax ? -kIntMax : (lines > kIntMax ? kIntMax : lines);
     // Under the lock, since printing threads move viewLine too.
     zu::ScopedLock lock(state->mutex);
-    moveViewLine(scroll(static_cast<int>(clamped)));
+    scrollViewLocked(lines);
+}
+
+void ScrollingTextWindow::scrollViewLocked(int64_t lines) {
+    constexpr int64_t kIntMax = 0x7fffffff;
+    const int64_t clamped = lines < -kIntMax ? -kIntMax : (lines > kIntMax ? kIntMax : lines);
+    moveViewLine(scrollLocked(static_cast<int>(clamped)));
 }
 
 const zu::String& ScrollingTextWindow::getText() const {

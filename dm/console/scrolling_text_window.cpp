@@ -8,6 +8,7 @@
 #include "console/input_line.h"
 #include "console/scrolling_text_window_state.h"
 #include "dm/console.h"
+#include "zu/buffer.h"
 
 namespace dm {
 
@@ -52,7 +53,7 @@ ScrollingTextWindow::ScrollingTextWindow(ShapeEngineInterface* engine, float mar
     if (engine == nullptr) {
         throw ScrollingTextWindowException("ScrollingTextWindow: %s", "no shape engine given");
     }
-    state = zu::newObject<ScrollingTextWindowState>();
+    state = zu::makeUnique<ScrollingTextWindowState>();
     initializeMembers();
     state->shapeEngine = engine;
     state->consoleLines.maxLines = kMaxConsoleLines;
@@ -67,16 +68,13 @@ ScrollingTextWindow::ScrollingTextWindow(ShapeEngineInterface* engine, float mar
     // The command line sits on the last text line above the bottom margin, under the window.
     state->commandLinePosition = {margin, 1.0f - (lineHeight + margin)};
     state->commandLineWidth = 1.0f - 2.0f * margin;
-    state->inputLine = zu::newObject<InputLine>();
+    state->inputLine = zu::makeUnique<InputLine>();
     // The lines and history of the previous run replace the empty stores; a cache that cannot
     // be loaded leaves them empty and does not fail the construction.
     loadCacheOrKeepDefaults();
 }
 
-ScrollingTextWindow::~ScrollingTextWindow() {
-    zu::deleteObject(state->inputLine);
-    zu::deleteObject(state);
-}
+ScrollingTextWindow::~ScrollingTextWindow() = default;
 
 void ScrollingTextWindow::setWindowPosition(const m::Vector2Template<float>& position) {
     state->windowPosition = position;
@@ -316,7 +314,8 @@ void ScrollingTextWindow::dumpToFile(const char* fileName) {
         total += state->consoleLines.line(k).length();
     }
     const size_t size = total > kDumpBufferMinimum ? total : kDumpBufferMinimum;
-    char* text = static_cast<char*>(zu::allocateMemory(size));
+    zu::Buffer dump(size);
+    char* text = dump.chars();
     size_t used = 0;
     for (uint64_t k = count; k-- > 0;) {
         const ConsoleLine& line = state->consoleLines.line(k);
@@ -324,7 +323,6 @@ void ScrollingTextWindow::dumpToFile(const char* fileName) {
         used += line.length();
     }
     text[used] = 0;
-    zu::deleteMemory(text);
 }
 
 void ScrollingTextWindow::setWindowSize(const m::Vector2Template<float>& size) {
@@ -350,6 +348,10 @@ void ScrollingTextWindow::emptyFormattedLines() {
 
 int ScrollingTextWindow::scroll(int lines) {
     zu::ScopedLock lock(state->mutex);
+    return scrollLocked(lines);
+}
+
+int ScrollingTextWindow::scrollLocked(int lines) {
     const int64_t old = state->scrollOffset;
     const int64_t upmost = getUpmostShownConsoleLine();
     int64_t offset = old + lines;

@@ -6,6 +6,7 @@
 
 #include "console/bounded_line_store.h"
 #include "dm/console.h"
+#include "zu/memory.h"
 #include "zu/mutex.h"
 
 namespace dm {
@@ -25,7 +26,7 @@ struct ScrollingTextWindowState {
     int32_t scrollOffset = 0;
     BoundedLineStore<zu::InplaceString<256>> commandStack;
     int32_t commandStackIndex = -1;
-    InputLine* inputLine = nullptr;
+    zu::UniquePtr<InputLine> inputLine;
     int32_t commandLineScroll = 0;
     ConsoleLine pendingLine;
     int32_t lastKey = -1;

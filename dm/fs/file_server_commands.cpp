@@ -13,11 +13,11 @@ namespace fileserver {
 
 namespace {
 
-// The one buffer every list answer lands in, with room for a terminating zero behind the
-// largest answer, so that even an answer without any zero byte ends inside it.
-char s_listBuffer[kListBufferSize + 1];
 // Serialises the use of s_listBuffer, from sending the request until the list is parsed.
 zu::Mutex s_listLock;
+// The one buffer every list answer lands in, with room for a terminating zero behind the
+// largest answer, so that even an answer without any zero byte ends inside it.
+char s_listBuffer[kListBufferSize + 1] ZU_GUARDED_BY(s_listLock);
 
 // Longest name or path taken from one entry; longer ones are cut here.
 constexpr int kMaxEntryText = 511;
@@ -62,8 +62,8 @@ size_t plausibleCount(const char* data, uint32_t size) {
     return static_cast<size_t>(count) < mostThatFit ? static_cast<size_t>(count) : mostThatFit;
 }
 
-// Sends a list command with the answer going to s_listBuffer; the caller holds s_listLock.
-uint32_t receiveList(const char* command) {
+// Sends a list command with the answer going to s_listBuffer.
+uint32_t receiveList(const char* command) ZU_REQUIRES(s_listLock) {
     uint32_t received = 0;
     send(command, s_listBuffer, kListBufferSize, &received);
     if (received > kListBufferSize) {

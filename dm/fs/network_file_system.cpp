@@ -155,9 +155,10 @@ zu::FileHandle* NetworkFileSystem::openFile(const char* path, zu::BaseFile::Mode
     if (mode == zu::BaseFile::ModeWrite) {
         deleteFile(path);  // so that the file starts empty; it need not exist
     }
-    NetworkFileHandle* handle = zu::newObject<NetworkFileHandle>(*this, path, mode, nullptr);
+    zu::UniquePtr<NetworkFileHandle> handle =
+        zu::makeUnique<NetworkFileHandle>(*this, path, mode, nullptr);
     handle->size = remoteFileSize(path);
-    return handle;
+    return handle.release();  // the caller's until closeFile
 }
 
 bool NetworkFileSystem::closeFile(zu::FileHandle* file) {
@@ -399,7 +400,7 @@ zu::FindFileHandle* NetworkFileSystem::findFirstFile(const char* pattern) {
     if (pattern == nullptr) {
         return nullptr;
     }
-    NetworkFindHandle* find = zu::newObject<NetworkFindHandle>(*this, pattern);
+    zu::UniquePtr<NetworkFindHandle> find = zu::makeUnique<NetworkFindHandle>(*this, pattern);
     fileserver::findFiles(pattern, find->entries);
     if (!isRemotePath(pattern)) {
         for (zu::FindFileHandle* local = m_localFileSystem.findFirstFile(pattern); local != nullptr;
@@ -428,10 +429,9 @@ zu::FindFileHandle* NetworkFileSystem::findFirstFile(const char* pattern) {
         }
     }
     if (entries.empty()) {
-        zu::deleteObject(find);
         return nullptr;
     }
-    return find;
+    return find.release();  // the caller's until findNextFile ends the walk or findClose
 }
 
 zu::FindFileHandle* NetworkFileSystem::findNextFile(zu::FindFileHandle* find) {

@@ -192,7 +192,7 @@ void BroadcastServer::Hub::addClientMember(CommunicationPipeManager& mainManager
     manager->setPipeCreateCallback({this, onPipeCreated});
     fillMember(id, manager);
     createKnownPipes(*manager);
-    logLine("Server \"%s\" was connected by a client\n", manager->getName());
+    logLine("Server \"%s\" was connected by a client\n", manager->copyName().c_str());
     uint32_t listening = 0;
     manager->getHost(&listening);
     if (listening == 0) {
@@ -286,7 +286,7 @@ void BroadcastServer::Hub::onPipeCreated(void* context, CommunicationPipeManager
     pipe->setNotifyCallback({&hub, onNotify});
     pipe->setRequestCallback({&hub, onRequest});
     hub.learnPipeName(pipe->getName());
-    logLine("Manager \"%s\" created a pipe \"%s\"\n", manager->getName(), pipe->getName());
+    logLine("Manager \"%s\" created a pipe \"%s\"\n", manager->copyName().c_str(), pipe->getName());
 }
 
 void BroadcastServer::Hub::learnPipeName(const char* pipeName) {

@@ -137,8 +137,8 @@ private:
     bool m_waitEnabled = true;
 
     mutable zu::Mutex m_lock;  // guards m_members and m_pipeNames; see the file comment
-    zu::Vector<Member> m_members;
-    zu::Vector<zu::InplaceString<128>> m_pipeNames;
+    zu::Vector<Member> m_members ZU_GUARDED_BY(m_lock);
+    zu::Vector<zu::InplaceString<128>> m_pipeNames ZU_GUARDED_BY(m_lock);
 
     std::mutex m_gateLock;  // guards the four below
     std::condition_variable m_gateIdle;

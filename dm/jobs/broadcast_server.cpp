@@ -5,20 +5,19 @@
 namespace dm {
 
 BroadcastServer::BroadcastServer(const char* name, int port)
-    : BroadcastServer(name, port, zu::newObject<Hub>(name)) {}
+    : BroadcastServer(name, port, zu::makeUnique<Hub>(name)) {}
 
-// The hub exists before the manager, which calls back into it from its first client on.
-BroadcastServer::BroadcastServer(const char* name, int port, Hub* hub) try
-    : Server(name, port, Hub::clientConnectionCallback(hub), Hub::pipeCreateCallback(hub)),
-      m_hub(hub) {
+// The hub exists before the manager, which calls back into it from its first client on. When
+// making the manager fails, the hub goes with `hub`: no manager calls back into it.
+BroadcastServer::BroadcastServer(const char* name, int port, zu::UniquePtr<Hub> hub)
+    : Server(name, port, Hub::clientConnectionCallback(hub.get()),
+             Hub::pipeCreateCallback(hub.get())),
+      m_hub(std::move(hub)) {
     m_hub->attach(*this);
-} catch (...) {
-    zu::deleteObject(hub);  // no manager calls back into it: none was made
 }
 
-BroadcastServer::~BroadcastServer() {
-    zu::deleteObject(m_hub);
-}
+// The hub goes before the Server part and its manager.
+BroadcastServer::~BroadcastServer() = default;
 
 void BroadcastServer::connect(Server* server) {
     m_hub->connect(server);

@@ -16,23 +16,14 @@ JobManager::~JobManager() {
         zu::ScopedLock threadGuard(m_threadLock);
         joinThread();
     }
-    // Queued jobs were handed over to this manager; they go unrun but are not leaked.
-    zu::ScopedLock queueGuard(m_queueLock);
-    for (Job* job : m_jobs) {
-        destroyJob(job);
-    }
-    m_jobs.clear();
+    // Queued jobs were handed over to this manager; they go unrun with m_jobs.
 }
 
 void JobManager::addJob(Job* job) {
+    // The job is ours from the call on: when the queue cannot grow, it goes with `owned`.
+    zu::UniquePtr<Job> owned(job);
     zu::ScopedLock guard(m_queueLock);
-    try {
-        m_jobs.push_back(job);
-    } catch (...) {
-        // The job is ours from the call on: losing it here would leak it.
-        destroyJob(job);
-        throw;
-    }
+    m_jobs.push_back(std::move(owned));
 }
 
 void JobManager::runJobs(bool waitForCompletion) {
@@ -70,7 +61,7 @@ int JobManager::run() {
     // By index, re-reading the size: a job may queue another on its own manager (the lock is
     // re-entrant), which then runs in this batch.
     for (size_t i = 0; i < m_jobs.size(); ++i) {
-        runJob(m_jobs[i]);
+        runJob(i);
     }
     m_jobs.clear();  // the storage is kept for the next batch
     return 0;
@@ -81,7 +72,8 @@ void JobManager::nameThread() const {
     zu::setThreadName(zu::getCurrentThreadId(), threadName.c_str());
 }
 
-void JobManager::runJob(Job* job) {
+void JobManager::runJob(size_t index) {
+    Job* job = m_jobs[index].get();
     // An exception must not end the thread (that would end the process) nor skip the jobs
     // behind this one.
     try {
@@ -91,14 +83,9 @@ void JobManager::runJob(Job* job) {
     } catch (...) {
         logLine("JobManager \"%s\": a job failed\n", m_name.c_str());
     }
-    destroyJob(job);
-}
-
-void JobManager::destroyJob(Job* job) {
-    // The memory starts at the most derived object, which is not always where the Job part is.
-    void* memory = dynamic_cast<void*>(job);
-    job->~Job();
-    zu::deleteMemory(memory);
+    // Each job goes once it has run, before the next one starts. By index again: the job may
+    // have queued others, which can move the queue's storage.
+    m_jobs[index].reset();
 }
 
 }  // namespace dm

@@ -3,6 +3,7 @@
 #include "dm/jobs.h"
 #include "jobs/job_forward_request.h"
 #include "log_output.h"
+#include "zu/buffer.h"
 
 namespace dm {
 namespace {
@@ -31,19 +32,7 @@ zu::InplaceString<128> waitForNotify(CommunicationPipe& pipe, uint32_t* outValue
     return text;
 }
 
-// Frees the buffer of a forwarded response however the forwarding ends.
-class ForwardBuffer {
-public:
-    ForwardBuffer() : m_memory(zu::allocateMemory(JobForwardRequest::kBufferSize, 0x10000)) {}
-    ~ForwardBuffer() { zu::deleteMemory(m_memory); }
-    ForwardBuffer(const ForwardBuffer&) = delete;
-    ForwardBuffer& operator=(const ForwardBuffer&) = delete;
-
-    void* get() const { return m_memory; }
-
-private:
-    void* m_memory;
-};
+constexpr size_t kForwardBufferAlignment = 0x10000;
 
 }  // namespace
 
@@ -163,14 +152,14 @@ JobForwardRequest::JobForwardRequest(CommunicationPipe* replyPipe, Communication
 JobForwardRequest::~JobForwardRequest() = default;
 
 void JobForwardRequest::run(const char*) {
-    ForwardBuffer buffer;
+    zu::Buffer buffer(kBufferSize, kForwardBufferAlignment);
     uint32_t responseSize = 0;
     const zu::InplaceString<128> response = m_targetPipe->sendRequest(
-        m_request.c_str(), 0, buffer.get(), kBufferSize, &responseSize, nullptr, 0);
+        m_request.c_str(), 0, buffer.data(), kBufferSize, &responseSize, nullptr, 0);
     // The size reported is that of the whole answer, which may exceed the buffer; only what
     // the buffer holds is passed on.
     const uint32_t forwardedSize = responseSize < kBufferSize ? responseSize : kBufferSize;
-    m_replyPipe->respond(response.c_str(), buffer.get(), forwardedSize);
+    m_replyPipe->respond(response.c_str(), buffer.data(), forwardedSize);
 }
 
 }  // namespace dm

@@ -33,7 +33,7 @@ void Server::registerPipe(const char* pipeName) {
         return;
     }
     m_manager->getPipe(pipeName);
-    logLine("Server: \"%s\" registered pipe: \"%s\".\n", m_manager->getName(), pipeName);
+    logLine("Server: \"%s\" registered pipe: \"%s\".\n", m_manager->copyName().c_str(), pipeName);
 }
 
 CommunicationPipe* Server::getPipe(const char* pipeName) {

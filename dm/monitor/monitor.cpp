@@ -1,5 +1,6 @@
 // The debug-monitor link: one listener, the accepted monitor connections in acceptance order,
-// and the packets exchanged with them. All state sits behind one recursive lock.
+// and the packets exchanged with them. All state sits behind one recursive lock: update calls the
+// data callback with it held, and the callback may call any function here again.
 #include "dm/monitor.h"
 
 #include <algorithm>
@@ -42,56 +43,52 @@ constexpr size_t kTextBufferSize = 256;
 
 struct MonitorLink {
     MonitorLink() = default;
-    ~MonitorLink() { closeAll(); }
+    ~MonitorLink() ZU_NO_THREAD_SAFETY_ANALYSIS { closeAll(); }  // no other thread is left
     MonitorLink(const MonitorLink&) = delete;
     MonitorLink& operator=(const MonitorLink&) = delete;
 
-    void closeAll() {
-        zu::deleteObject(listener);
-        listener = nullptr;
-        for (net::Socket* connection : connections) {
-            zu::deleteObject(connection);
-        }
+    void closeAll() ZU_REQUIRES(lock) {
+        listener.reset();
         connections.clear();
         nextTurn = 0;
     }
 
-    zu::Mutex lock;
-    bool initialised = false;
-    net::Listener* listener = nullptr;
-    DataParserCallback* dataParserCallback = nullptr;
-    bool requestFlags[kRequestCount] = {};
-    zu::Vector<net::Socket*> connections;
+    zu::RecursiveMutex lock;
+    bool initialised ZU_GUARDED_BY(lock) = false;
+    zu::UniquePtr<net::Listener> listener ZU_GUARDED_BY(lock);
+    DataParserCallback* dataParserCallback ZU_GUARDED_BY(lock) = nullptr;
+    bool requestFlags[kRequestCount] ZU_GUARDED_BY(lock) = {};
+    zu::Vector<zu::UniquePtr<net::Socket>> connections ZU_GUARDED_BY(lock);
     // The monitor whose turn comes first in the next update: the one after where the last
     // update ran out of budget, so that no monitor is left without turns.
-    size_t nextTurn = 0;
+    size_t nextTurn ZU_GUARDED_BY(lock) = 0;
 
     // One packet per outgoing kind, reused so that sending allocates nothing once warm.
-    net::Packet textPacket{kTextPacketId};
-    net::Packet inPlacePacket{kInPlacePacketId};
-    net::Packet profilePacket{kProfilePacketId};
+    net::Packet textPacket ZU_GUARDED_BY(lock){kTextPacketId};
+    net::Packet inPlacePacket ZU_GUARDED_BY(lock){kInPlacePacketId};
+    net::Packet profilePacket ZU_GUARDED_BY(lock){kProfilePacketId};
 
     // Changed by init and deinit: an update whose data callback called either stops walking
     // the connections it no longer owns.
-    uint32_t generation = 0;
+    uint32_t generation ZU_GUARDED_BY(lock) = 0;
     // Set while update runs, so that a callback calling update again does not walk the
     // connections underneath the outer walk.
-    bool updating = false;
+    bool updating ZU_GUARDED_BY(lock) = false;
 };
 
 MonitorLink g_link;
 
 class UpdatingFlag {
 public:
-    UpdatingFlag() { g_link.updating = true; }
-    ~UpdatingFlag() { g_link.updating = false; }
+    UpdatingFlag() ZU_REQUIRES(g_link.lock) { g_link.updating = true; }
+    ~UpdatingFlag() ZU_REQUIRES(g_link.lock) { g_link.updating = false; }
     UpdatingFlag(const UpdatingFlag&) = delete;
     UpdatingFlag& operator=(const UpdatingFlag&) = delete;
 };
 
 // Tells once per update how many monitors the listener had to turn away (no descriptor or no
 // memory for them), so that a full descriptor table shows in the log rather than as silence.
-void reportRefusedMonitors(uint32_t refusedBefore) {
+void reportRefusedMonitors(uint32_t refusedBefore) ZU_REQUIRES(g_link.lock) {
     const uint32_t refused = g_link.listener->getRefusedCount() - refusedBefore;
     if (refused > 0) {
         logLine("dm: %u monitor connection(s) turned away: no descriptor or memory for them\n",
@@ -99,21 +96,21 @@ void reportRefusedMonitors(uint32_t refusedBefore) {
     }
 }
 
-void acceptMonitors() {
+void acceptMonitors() ZU_REQUIRES(g_link.lock) {
     if (!g_link.listener) {
         return;
     }
     g_link.listener->update();
     const uint32_t refusedBefore = g_link.listener->getRefusedCount();
     for (int accepted = 0; accepted < kMaxAcceptsPerUpdate; ++accepted) {
-        net::Socket* connection = g_link.listener->pollConnect();
+        zu::UniquePtr<net::Socket> connection = g_link.listener->pollConnect();
         if (!connection) {
             break;
         }
         try {
-            g_link.connections.push_back(connection);
+            g_link.connections.push_back(std::move(connection));
         } catch (const zu::OutOfMemoryException&) {
-            zu::deleteObject(connection);  // turn the monitor away; it may try again
+            // The monitor is turned away (its socket is closed); it may try again.
             logLine("dm: a monitor connection turned away: out of memory\n");
             break;
         }
@@ -121,7 +118,7 @@ void acceptMonitors() {
     reportRefusedMonitors(refusedBefore);
 }
 
-void receiveData(net::Packet& packet) {
+void receiveData(net::Packet& packet) ZU_REQUIRES(g_link.lock) {
     const char* data = nullptr;
     packet >> data;
     if (!packet.hasError() && g_link.dataParserCallback) {
@@ -129,7 +126,7 @@ void receiveData(net::Packet& packet) {
     }
 }
 
-void receiveRequest(net::Packet& packet) {
+void receiveRequest(net::Packet& packet) ZU_REQUIRES(g_link.lock) {
     int32_t request = -1;
     packet >> request;
     if (!packet.hasError() && request >= 0 && request < kRequestCount) {
@@ -137,7 +134,7 @@ void receiveRequest(net::Packet& packet) {
     }
 }
 
-void dispatchPacket(net::Packet& packet) {
+void dispatchPacket(net::Packet& packet) ZU_REQUIRES(g_link.lock) {
     switch (packet.getID()) {
         case kDataPacketId:
             receiveData(packet);
@@ -152,7 +149,7 @@ void dispatchPacket(net::Packet& packet) {
 
 // Dispatches up to `quantum` packets that `connection` sent; how many it dispatched, or -1 when
 // a data callback re-initialised or closed the link.
-int takeTurn(net::Socket* connection, int quantum, uint32_t generation) {
+int takeTurn(net::Socket* connection, int quantum, uint32_t generation) ZU_REQUIRES(g_link.lock) {
     int taken = 0;
     while (taken < quantum) {
         net::Packet* packet = connection->pollPacket(nullptr);
@@ -168,13 +165,11 @@ int takeTurn(net::Socket* connection, int quantum, uint32_t generation) {
     return taken;
 }
 
-void dropClosedMonitors() {
+void dropClosedMonitors() ZU_REQUIRES(g_link.lock) {
     for (size_t index = 0; index < g_link.connections.size();) {
-        net::Socket* connection = g_link.connections[index];
-        if (connection->isConnected()) {
+        if (g_link.connections[index]->isConnected()) {
             ++index;
         } else {
-            zu::deleteObject(connection);
             g_link.connections.erase(index);
         }
     }
@@ -182,10 +177,10 @@ void dropClosedMonitors() {
 
 // Dispatches what the monitors sent, in turns, within one update's budget, and drops the ones
 // that are gone. A data callback that re-initialises or closes the link ends the walk.
-void pollMonitors() {
+void pollMonitors() ZU_REQUIRES(g_link.lock) {
     const uint32_t generation = g_link.generation;
     const size_t count = g_link.connections.size();
-    for (net::Socket* connection : g_link.connections) {
+    for (zu::UniquePtr<net::Socket>& connection : g_link.connections) {
         connection->update();
     }
     const size_t first = g_link.nextTurn < count ? g_link.nextTurn : 0;
@@ -196,7 +191,7 @@ void pollMonitors() {
         for (size_t turn = 0; turn < count && budget > 0; ++turn) {
             const size_t index = (first + turn) % count;
             const int quantum = std::min(kPacketsPerTurn, budget);
-            const int taken = takeTurn(g_link.connections[index], quantum, generation);
+            const int taken = takeTurn(g_link.connections[index].get(), quantum, generation);
             if (taken < 0) {
                 return;
             }
@@ -214,8 +209,8 @@ void pollMonitors() {
 // once this much waits for it, its packets are dropped until it catches up.
 constexpr uint32_t kMaxQueuedPerMonitor = 4 * 1024 * 1024;
 
-void sendToAll(const net::Packet& packet) {
-    for (net::Socket* connection : g_link.connections) {
+void sendToAll(const net::Packet& packet) ZU_REQUIRES(g_link.lock) {
+    for (zu::UniquePtr<net::Socket>& connection : g_link.connections) {
         if (connection->getQueuedSendBytes() < kMaxQueuedPerMonitor) {
             connection->sendPacket(packet);
         }
@@ -224,7 +219,7 @@ void sendToAll(const net::Packet& packet) {
 
 // A field that did not fit (a name beyond the packet's limit) would leave monitors a packet
 // they cannot read; such a packet is not sent.
-void sendToAllIfWhole(const net::Packet& packet) {
+void sendToAllIfWhole(const net::Packet& packet) ZU_REQUIRES(g_link.lock) {
     if (!packet.hasError()) {
         sendToAll(packet);
     }
@@ -269,9 +264,9 @@ void init(int port) {
     zu::ScopedLock guard(g_link.lock);
     g_link.closeAll();
     try {
-        g_link.listener = zu::newObject<net::Listener>(static_cast<uint32_t>(port));
+        g_link.listener = zu::makeUnique<net::Listener>(static_cast<uint32_t>(port));
     } catch (...) {
-        g_link.listener = nullptr;  // no monitors this run; the game goes on
+        g_link.listener.reset();  // no monitors this run; the game goes on
     }
     g_link.initialised = true;
     for (bool& flag : g_link.requestFlags) {

@@ -168,7 +168,7 @@ TEST_F(ManagerConnectionTest, AWelcomeOfAnotherVersionDropsTheConnection) {
     dm::CommunicationPipe* pipe = client->getPipe("p");
 
     for (int attempt = 1; attempt <= 2; ++attempt) {
-        std::unique_ptr<net::Socket> socket = acceptOne(listener);
+        zu::UniquePtr<net::Socket> socket = acceptOne(listener);
         ASSERT_NE(socket, nullptr);
         socket->sendPacket(pipewire::welcome(3, 0, "future server"));
         socket->sendPacket(pipewire::pipeMessage(pipewire::kPipeOpened, "p"));

@@ -192,7 +192,7 @@ TEST_F(ManagerExchangeTest, ClientHandshakeOnTheWire) {
     dm::CommunicationPipeManager* client = dm::initCommunicationManagerAsClient(
         "wire-client", "127.0.0.1", static_cast<int>(listener.getPort()));
     dm::CommunicationPipe* pipe = client->getPipe("p");
-    std::unique_ptr<net::Socket> socket = acceptOne(listener);
+    zu::UniquePtr<net::Socket> socket = acceptOne(listener);
     ASSERT_NE(socket, nullptr);
     socket->sendPacket(pipewire::welcome(2, 41, "raw server"));
 
@@ -274,7 +274,7 @@ TEST(ManagerClock, AsksAgainForPipesAndReconnectsOnlyOnceItsIntervalsHavePassed)
     dm::NetCommunicationPipeManager client("clocked", false, listener.getPort(), "127.0.0.1", 0,
                                            true, {}, {}, clock);
     client.getPipe("p");
-    std::unique_ptr<net::Socket> socket = acceptOne(listener);
+    zu::UniquePtr<net::Socket> socket = acceptOne(listener);
     ASSERT_NE(socket, nullptr);
     socket->sendPacket(pipewire::welcome(2, 1, "server"));
     ASSERT_TRUE(packetWithin(*socket, std::chrono::seconds(10)));  // the first OpenPipe

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 #include "comm/manager_support.h"
 #include "net/socket.h"
@@ -142,6 +143,63 @@ TEST_F(RegistryTest, ACallbackUsingTheRegistryDoesNotHoldUpItsManagersDestructio
     dm::deinitCommunicationManager("doomed");  // joins the thread that waits for the lock
     EXPECT_TRUE(lookup.returned.load());
     EXPECT_EQ(lookup.found, nullptr);
+}
+
+// The pipe-create callback runs with the manager's pipe table locked, on the thread that called
+// getPipe; asking the same manager for pipes from there must work.
+struct CompanionMaker {
+    static void onPipeCreated(void* context, dm::CommunicationPipeManager* manager,
+                              dm::CommunicationPipe* pipe) {
+        auto* maker = static_cast<CompanionMaker*>(context);
+        const std::string name = pipe->getName();
+        if (name.rfind("companion of ", 0) == 0) {
+            return;
+        }
+        maker->existedBefore = manager->pipeExists(("companion of " + name).c_str());
+        maker->companion = manager->getPipe(("companion of " + name).c_str());
+        maker->sameAgain = manager->getPipe(name.c_str()) == pipe;
+    }
+    dm::CommunicationPipe* companion = nullptr;
+    bool existedBefore = true;
+    bool sameAgain = false;
+};
+
+TEST_F(RegistryTest, APipeCreateCallbackMayAskItsOwnManagerForPipes) {
+    CompanionMaker maker;
+    dm::CommunicationPipeManager* server = dm::initCommunicationManagerAsServer(
+        "maker", 0, 1, true, {}, {&maker, CompanionMaker::onPipeCreated});
+    ASSERT_NE(server, nullptr);
+    dm::CommunicationPipe* pipe = server->getPipe("assets");
+    ASSERT_NE(pipe, nullptr);
+    EXPECT_FALSE(maker.existedBefore);
+    EXPECT_TRUE(maker.sameAgain);
+    ASSERT_NE(maker.companion, nullptr);
+    EXPECT_EQ(server->getPipe("companion of assets"), maker.companion);
+    server->setPipeCreateCallback({});
+}
+
+// copyName and copyHost hand out whole names while another thread renames the manager.
+TEST_F(RegistryTest, CopiesOfNameAndHostStayWholeWhileAnotherThreadChangesThem) {
+    dm::CommunicationPipeManager* client =
+        dm::initCommunicationManagerAsClient("renamed", "127.0.0.1", 1);
+    ASSERT_NE(client, nullptr);
+    std::atomic<bool> done{false};
+    std::thread renamer([&] {
+        for (int i = 0; i < 2000; ++i) {
+            client->setName(i % 2 ? "a name that is rather long" : "short");
+            client->setHost(i % 2 ? "localhost" : "127.0.0.1", 1);
+        }
+        done = true;
+    });
+    int torn = 0;
+    for (int i = 0; i < 200000 && !done.load(); ++i) {
+        const std::string name = client->copyName().c_str();
+        const std::string host = client->copyHost(nullptr).c_str();
+        torn += name != "renamed" && name != "short" && name != "a name that is rather long";
+        torn += host != "localhost" && host != "127.0.0.1";
+    }
+    renamer.join();
+    EXPECT_EQ(torn, 0);
 }
 
 }  // namespace

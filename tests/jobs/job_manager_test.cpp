@@ -201,3 +201,22 @@ TEST(JobManager, FreesJobsWhoseJobPartIsNotAtTheirStart) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(JobManager, AJobMayQueueAnotherOnItsOwnManagerWhichRunsInTheSameBatch) {
+    dm::JobManager manager("chain");
+    std::vector<int> order;
+    manager.addNewJob<FunctionJob>([&](const char*) {
+        order.push_back(1);
+        manager.addNewJob<FunctionJob>([&](const char*) {
+            order.push_back(2);
+            manager.addNewJob<FunctionJob>([&](const char*) { order.push_back(3); });
+        });
+    });
+    manager.runJobs(true);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+    EXPECT_FALSE(manager.isBatchStarted());
+}
+
+}  // namespace

@@ -63,11 +63,11 @@ inline int rawConnect(uint32_t port) {
 struct RawPeer {
     net::Listener listener{0, "127.0.0.1"};
     int fd = -1;
-    std::unique_ptr<net::Socket> server;
+    zu::UniquePtr<net::Socket> server;
 
     RawPeer() : fd(rawConnect(listener.getPort())) {
         dmtest::waitUntil([&] {
-            server.reset(fd >= 0 ? listener.pollConnect() : nullptr);
+            server = fd >= 0 ? listener.pollConnect() : nullptr;
             return server != nullptr || fd < 0;
         });
     }

@@ -107,9 +107,9 @@ TEST(SocketFailure, PeerKilledMidFrameEndsTheConnection) {
     dmtest::ChildProcess child("net_half_frame_peer", {std::to_string(listener.getPort())});
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.waitForOutput("sent"));
-    std::unique_ptr<Socket> server;
+    zu::UniquePtr<Socket> server;
     ASSERT_TRUE(dmtest::waitUntil([&] {
-        server.reset(listener.pollConnect());
+        server = listener.pollConnect();
         return server != nullptr;
     }));
     uint32_t size = 0;

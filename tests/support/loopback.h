@@ -14,8 +14,8 @@
 namespace dmtest {
 
 struct SocketPair {
-    std::unique_ptr<net::Socket> client;  // the connecting side
-    std::unique_ptr<net::Socket> server;  // the accepted side
+    zu::UniquePtr<net::Socket> client;  // the connecting side
+    zu::UniquePtr<net::Socket> server;  // the accepted side
     bool connected() const {
         return client && server && client->isConnected() && server->isConnected();
     }
@@ -25,15 +25,15 @@ struct SocketPair {
 inline SocketPair connectLoopback() {
     net::Listener listener(0, "127.0.0.1");
     SocketPair pair;
-    auto client = std::make_unique<net::Socket>();
+    auto client = zu::makeUnique<net::Socket>();
     if (!listener.isListening() || !client->connect("127.0.0.1", listener.getPort())) {
         return pair;
     }
-    std::unique_ptr<net::Socket> accepted;
+    zu::UniquePtr<net::Socket> accepted;
     const bool done = waitUntil([&] {
         client->update();
         if (!accepted) {
-            accepted.reset(listener.pollConnect());
+            accepted = listener.pollConnect();
         }
         return accepted && client->isConnected();
     });
@@ -66,10 +66,10 @@ inline net::Packet* nextPacket(net::Socket& socket, uint32_t* outSize = nullptr)
 }
 
 // Accepts one connection on `listener` (at most 10 seconds); null if none came.
-inline std::unique_ptr<net::Socket> acceptOne(net::Listener& listener) {
-    std::unique_ptr<net::Socket> socket;
+inline zu::UniquePtr<net::Socket> acceptOne(net::Listener& listener) {
+    zu::UniquePtr<net::Socket> socket;
     waitUntil([&] {
-        socket.reset(listener.pollConnect());
+        socket = listener.pollConnect();
         if (!socket) {
             const zu::WaitHandle handle = listener.getWaitHandle();
             zu::waitForAny(&handle, 1, 5);

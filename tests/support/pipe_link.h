@@ -98,7 +98,7 @@ struct PacketCounts {
 // One end of a connection with one pipe on it.
 class PipeEndpoint {
 public:
-    PipeEndpoint(const char* pipeName, uint32_t ownerId, std::unique_ptr<net::Socket> socket)
+    PipeEndpoint(const char* pipeName, uint32_t ownerId, zu::UniquePtr<net::Socket> socket)
         : m_owner(ownerId), m_pipe(&m_owner, pipeName), m_socket(std::move(socket)) {}
     ~PipeEndpoint() { stop(); }
     PipeEndpoint(const PipeEndpoint&) = delete;
@@ -122,7 +122,7 @@ public:
         });
     }
     // Moves to a new connection: what was sent and not yet taken is lost with the old one.
-    void reconnect(std::unique_ptr<net::Socket> socket) {
+    void reconnect(zu::UniquePtr<net::Socket> socket) {
         onPumpThread([this, &socket] {
             m_pipe.detachSocket();
             m_outbox.take();
@@ -206,7 +206,7 @@ private:
 
     TestPipeOwner m_owner;
     dm::NetCommunicationPipe m_pipe;
-    std::unique_ptr<net::Socket> m_socket;
+    zu::UniquePtr<net::Socket> m_socket;
     Outbox m_outbox;
     PipeEndpoint* m_peer = nullptr;
     bool m_attached = false;  // touched on the pumping thread only (or the test's, unstarted)
@@ -292,7 +292,7 @@ struct PipeLink {
         if (loopback) {
             return connectLoopback();
         }
-        return {std::make_unique<net::Socket>(), std::make_unique<net::Socket>()};
+        return {zu::makeUnique<net::Socket>(), zu::makeUnique<net::Socket>()};
     }
 
     const bool loopback;

@@ -39,7 +39,7 @@ public:
 
     int run() override {
         zu::setThreadName(zu::getCurrentThreadId(), "dm-demo server");
-        net::Socket* client = acceptOne();
+        zu::UniquePtr<net::Socket> client = acceptOne();
         if (!client) {
             return 1;
         }
@@ -56,15 +56,14 @@ public:
             }
         }
         client->update();
-        delete client;
         return answered == kRoundTrips ? 0 : 1;
     }
 
 private:
-    net::Socket* acceptOne() {
+    zu::UniquePtr<net::Socket> acceptOne() {
         zu::Timer timer;
         while (timer.getElapsedSeconds() < 5.0) {
-            if (net::Socket* socket = m_listener.pollConnect()) {
+            if (zu::UniquePtr<net::Socket> socket = m_listener.pollConnect()) {
                 return socket;
             }
             zu::WaitHandle handle = m_listener.getWaitHandle();

@@ -32,10 +32,6 @@ uint64_t maxLoadSize() {
 
 }  // namespace
 
-BufferedMemoryFile::~BufferedMemoryFile() {
-    deleteMemory(m_data);
-}
-
 bool BufferedMemoryFile::load(const char* path, FileSystem* fileSystem) {
     clear();
     FileSystem& source = fileSystem != nullptr ? *fileSystem : getFileSystem();
@@ -64,7 +60,7 @@ bool BufferedMemoryFile::load(FileSystem& fileSystem, FileHandle* file) {
     } catch (const OutOfMemoryException&) {
         return false;
     }
-    if (fileSystem.readFile(file, m_data, remaining) != remaining) {
+    if (fileSystem.readFile(file, m_data.data(), remaining) != remaining) {
         clear();
         return false;
     }
@@ -81,20 +77,19 @@ void BufferedMemoryFile::append(const void* data, uint64_t size) {
                                    static_cast<unsigned long long>(size));
     }
     uint64_t needed = m_size + size;
-    if (needed > m_capacity) {
+    const uint64_t capacity = m_data.size();
+    if (needed > capacity) {
         // Doubling keeps a run of small appends linear.
-        uint64_t doubled = m_capacity > UINT64_MAX / 2 ? UINT64_MAX : m_capacity * 2;
+        uint64_t doubled = capacity > UINT64_MAX / 2 ? UINT64_MAX : capacity * 2;
         reserve(needed > doubled ? needed : doubled);
     }
-    std::memcpy(m_data + m_size, data, static_cast<size_t>(size));
+    std::memcpy(m_data.data() + m_size, data, static_cast<size_t>(size));
     m_size = needed;
 }
 
 void BufferedMemoryFile::clear() {
-    deleteMemory(m_data);
-    m_data = nullptr;
+    m_data.reset();
     m_size = 0;
-    m_capacity = 0;
     m_position = 0;
 }
 
@@ -104,27 +99,25 @@ uint64_t BufferedMemoryFile::read(void* buffer, uint64_t count) {
     if (taken == 0 || buffer == nullptr) {
         return 0;
     }
-    std::memcpy(buffer, m_data + m_position, static_cast<size_t>(taken));
+    std::memcpy(buffer, m_data.data() + m_position, static_cast<size_t>(taken));
     m_position += taken;
     return taken;
 }
 
 // Grows the buffer to hold `size` bytes, keeping its contents; throws OutOfMemoryException.
 void BufferedMemoryFile::reserve(uint64_t size) {
-    if (size <= m_capacity) {
+    if (size <= m_data.size()) {
         return;
     }
     if (size > static_cast<uint64_t>(SIZE_MAX)) {
         throw OutOfMemoryException("BufferedMemoryFile: %llu bytes do not fit in memory",
                                    static_cast<unsigned long long>(size));
     }
-    uint8_t* grown = static_cast<uint8_t*>(allocateMemory(static_cast<size_t>(size)));
+    Buffer grown(static_cast<size_t>(size));
     if (m_size > 0) {
-        std::memcpy(grown, m_data, static_cast<size_t>(m_size));
+        std::memcpy(grown.data(), m_data.data(), static_cast<size_t>(m_size));
     }
-    deleteMemory(m_data);
-    m_data = grown;
-    m_capacity = size;
+    m_data = std::move(grown);
 }
 
 }  // namespace zu

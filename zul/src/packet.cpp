@@ -25,9 +25,7 @@ const char kEmptyText[] = "";
 
 Packet::Packet(int id) : m_id(id) {}
 
-Packet::~Packet() {
-    zu::deleteMemory(m_storage);
-}
+Packet::~Packet() = default;
 
 Packet::Packet(const Packet& other) {
     *this = other;
@@ -38,7 +36,7 @@ Packet& Packet::operator=(const Packet& other) {
         reset(other.m_id);
         reserve(other.m_size);
         if (other.m_size > 0) {
-            std::memcpy(m_storage, other.m_data, other.m_size);
+            std::memcpy(m_storage.data(), other.m_data, other.m_size);
         }
         m_size = other.m_size;
         m_pos = other.m_pos;
@@ -49,7 +47,7 @@ Packet& Packet::operator=(const Packet& other) {
 
 void Packet::reset(int id) {
     m_id = id;
-    m_data = m_storage;
+    m_data = m_storage.data();
     m_size = 0;
     m_pos = 0;
     m_error = false;
@@ -72,26 +70,24 @@ bool Packet::reserve(uint32_t size) {
     if (size > kMaxPayload) {
         return false;
     }
-    if (size <= m_capacity) {
+    if (size <= storageCapacity()) {
         if (isView()) {
             if (m_size > 0) {
-                std::memcpy(m_storage, m_data, m_size);
+                std::memcpy(m_storage.data(), m_data, m_size);
             }
-            m_data = m_storage;
+            m_data = m_storage.data();
         }
         return true;
     }
-    uint32_t capacity = m_capacity * 2 > kMinCapacity ? m_capacity * 2 : kMinCapacity;
+    uint32_t capacity = storageCapacity() * 2 > kMinCapacity ? storageCapacity() * 2 : kMinCapacity;
     capacity = roundUpToAlignment(capacity > size ? capacity : size);
     capacity = capacity < kMaxPayload ? capacity : kMaxPayload;
-    uint8_t* storage = static_cast<uint8_t*>(zu::allocateMemory(capacity, kStorageAlignment));
+    zu::Buffer storage(capacity, kStorageAlignment);
     if (m_size > 0) {
-        std::memcpy(storage, m_data, m_size);
+        std::memcpy(storage.data(), m_data, m_size);
     }
-    zu::deleteMemory(m_storage);
-    m_storage = storage;
-    m_data = storage;
-    m_capacity = capacity;
+    m_storage = std::move(storage);
+    m_data = m_storage.data();
     return true;
 }
 
@@ -107,7 +103,7 @@ bool Packet::prepareWrite(uint64_t length) {
 
 void Packet::put(const void* data, uint32_t length) {
     if (length > 0) {
-        std::memcpy(m_storage + m_pos, data, length);
+        std::memcpy(m_storage.data() + m_pos, data, length);
     }
     m_pos += length;
     if (m_pos > m_size) {
@@ -224,7 +220,7 @@ bool Packet::assign(int id, const void* payload, uint32_t size) {
     }
     reserve(size);
     if (size > 0) {
-        std::memcpy(m_storage, payload, size);
+        std::memcpy(m_storage.data(), payload, size);
     }
     m_size = size;
     return true;

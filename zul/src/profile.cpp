@@ -100,7 +100,8 @@ private:
 class Registry {
 public:
     static Registry& instance() {
-        static Registry* registry = new Registry;
+        // Made once and never destroyed: threads may still record while statics go.
+        static Registry* registry = zu::newObject<Registry>();
         return *registry;
     }
 
@@ -136,10 +137,10 @@ thread_local ThreadBuffer* t_buffer = nullptr;
 thread_local bool t_threadEnding = false;
 
 struct BufferOwner {
-    ThreadBuffer* buffer = nullptr;
+    zu::UniquePtr<ThreadBuffer> buffer;
     ~BufferOwner() {
-        Registry::instance().remove(buffer);
-        zu::deleteObject(buffer);
+        Registry::instance().remove(buffer.get());
+        buffer.reset();
         t_buffer = nullptr;
         t_threadEnding = true;  // scopes run by later thread-exit code are not recorded
     }
@@ -148,17 +149,15 @@ struct BufferOwner {
 // Null when memory runs out: the profiler then records nothing rather than fail the caller.
 ThreadBuffer* createBuffer() {
     static thread_local BufferOwner owner;
-    ThreadBuffer* buffer = nullptr;
     try {
-        buffer = zu::newObject<ThreadBuffer>(zu::getCurrentThreadId());
-        Registry::instance().add(buffer);
+        zu::UniquePtr<ThreadBuffer> buffer = zu::makeUnique<ThreadBuffer>(zu::getCurrentThreadId());
+        Registry::instance().add(buffer.get());
+        owner.buffer = std::move(buffer);
     } catch (...) {
-        zu::deleteObject(buffer);
         return nullptr;
     }
-    owner.buffer = buffer;
-    t_buffer = buffer;
-    return buffer;
+    t_buffer = owner.buffer.get();
+    return t_buffer;
 }
 
 ThreadBuffer* currentBuffer() {

@@ -167,8 +167,10 @@ public:
     int run() override = 0;
     virtual bool isClient() const = 0;
     virtual bool isServer() const = 0;
-    // Valid until the next setName.
+    // Valid until the next setName, whose text it shares: a thread that may run while another
+    // calls setName takes copyName instead.
     virtual const char* getName() const = 0;
+    virtual zu::InplaceString<128> copyName() const = 0;
     virtual void setName(const char* name) = 0;
     // The name of the manager at the other end ("" until learned; a server takes it from the
     // last pipe a client opened), cut to 127 characters. The text behind a pointer returned
@@ -183,7 +185,9 @@ public:
     virtual CommunicationPipe* getPipe(const char* pipeName) = 0;
     // The configured host, valid until the next setHost; its port goes to `outPort` when
     // non-null. A server reports the port it listens on (0 when it could not listen).
+    // Like getName, a thread that may run while another calls setHost takes copyHost instead.
     virtual const char* getHost(uint32_t* outPort) = 0;
+    virtual zu::InplaceString<128> copyHost(uint32_t* outPort) = 0;
     // Client: where to connect from the next connection on.
     virtual void setHost(const char* host, uint32_t port) = 0;
     // Server: the next accepted client is sent to host:port (only while a client-connection

@@ -344,8 +344,12 @@ private:
     void moveViewLine(int64_t lines);
     void emptyFormattedLines();
 
-    // Scrolls the text and moves viewLine along, so that drawing colours what comes into view.
+    // scroll with the lock held.
+    int scrollLocked(int lines);
+    // Scrolls the text and moves viewLine along, so that drawing colours what comes into view;
+    // the Locked form with the lock held.
     void scrollView(int64_t lines);
+    void scrollViewLocked(int64_t lines);
     void scrollCommands(int delta);
     void loadCacheOrKeepDefaults();
     // `depth` counts how many aliases the words lie inside.
@@ -360,7 +364,7 @@ private:
     void applyCompletion();
 
     // Everything the window holds (scrolling_text_window_state.h); owned, never null.
-    ScrollingTextWindowState* state = nullptr;
+    zu::UniquePtr<ScrollingTextWindowState> state;
 
     // Colouring and drawing (syntax_colouring.cpp, console_rendering.cpp).
 public:
@@ -480,7 +484,7 @@ public:
     bool isVisible() const { return visible; }
     // Replaces the command line's text, cursor at its end.
     void setText(const zu::InplaceString<128>& text);
-    ScrollingTextWindow* getScrollingTextWindow() { return scrollingTextWindow; }
+    ScrollingTextWindow* getScrollingTextWindow() { return scrollingTextWindow.get(); }
 
 private:
     // Makes the last word of a non-empty list end with ";", so that the last command ends too.
@@ -489,7 +493,7 @@ private:
     void runCurrentCommand(bool echo);
     void echoCommand();
 
-    ScrollingTextWindow* scrollingTextWindow = nullptr;
+    zu::UniquePtr<ScrollingTextWindow> scrollingTextWindow;
     bool visible = false;
     IOInterface* ioInterface = nullptr;
     zu::Timer saveTimer;

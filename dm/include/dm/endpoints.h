@@ -17,6 +17,7 @@
 #include "dm/comm.h"
 #include "dm/export.h"
 #include "dm/jobs.h"
+#include "zu/memory.h"
 
 namespace dm {
 
@@ -142,9 +143,9 @@ public:
 
 private:
     class Hub;
-    BroadcastServer(const char* name, int port, Hub* hub);
+    BroadcastServer(const char* name, int port, zu::UniquePtr<Hub> hub);
 
-    Hub* m_hub;
+    zu::UniquePtr<Hub> m_hub;
 };
 
 }  // namespace dm

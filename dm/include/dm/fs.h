@@ -95,10 +95,10 @@ private:
 
     zu::FileSystem& m_localFileSystem;
     zu::InplaceString<128> m_localRoot;
-    zu::Vector<zu::InplaceString<128>> m_mappedFolders;  // guarded by m_foldersLock
+    zu::Mutex m_foldersLock;
+    zu::Vector<zu::InplaceString<128>> m_mappedFolders ZU_GUARDED_BY(m_foldersLock);
     std::atomic<bool> m_mappedFoldersLoaded{false};
     std::atomic<bool> m_pipeAcquired{false};
-    zu::Mutex m_foldersLock;
 
     static std::atomic<NetworkFileSystem*> s_pNetworkInstance;
 };

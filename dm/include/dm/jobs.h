@@ -90,12 +90,14 @@ private:
     // The thread body: one batch.
     int run() override;
     void nameThread() const;
-    void runJob(Job* job);
-    static void destroyJob(Job* job);
+    // Runs the job at `index` of the queue and destroys it.
+    void runJob(size_t index) ZU_REQUIRES(m_queueLock);
 
     zu::InplaceString<128> m_name;
-    mutable zu::Mutex m_queueLock;  // guards m_jobs; held by the thread for a whole batch
-    zu::Vector<Job*> m_jobs;
+    // Held by the thread for a whole batch. Re-entrant: a job may queue another on its own
+    // manager, which then runs in the same batch.
+    mutable zu::RecursiveMutex m_queueLock;
+    zu::Vector<zu::UniquePtr<Job>> m_jobs ZU_GUARDED_BY(m_queueLock);
     zu::Event m_startedEvent;        // signalled by the thread once it holds m_queueLock
     mutable zu::Mutex m_threadLock;  // serialises starting and joining the thread
 };

@@ -150,7 +150,7 @@ int serveListener(Commands& commands) {
     net::Listener listener(0, "127.0.0.1");
     report("port %u", listener.getPort());
     commands.startStarving();
-    std::vector<std::unique_ptr<net::Socket>> accepted;
+    std::vector<zu::UniquePtr<net::Socket>> accepted;
     const zu::WaitHandle input{zu::WaitHandle::SocketRead, STDIN_FILENO};
     for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
         const zu::WaitHandle handles[2] = {listener.getWaitHandle(), input};
@@ -158,9 +158,9 @@ int serveListener(Commands& commands) {
         if (!commands.handleInput(0)) {
             return 0;
         }
-        if (net::Socket* socket = listener.pollConnect()) {
+        if (zu::UniquePtr<net::Socket> socket = listener.pollConnect()) {
             socket->sendPacket(net::Packet(kGreetingPacketId));
-            accepted.emplace_back(socket);
+            accepted.push_back(std::move(socket));
         }
     }
     return 2;

@@ -13,6 +13,7 @@
 #include "net/socket.h"
 #include "zu/event.h"
 #include "zu/export.h"
+#include "zu/memory.h"
 
 namespace net {
 
@@ -38,11 +39,11 @@ public:
 
     // Present for symmetry with Socket::update; accepting happens in pollConnect.
     void update() {}
-    // Accepts one waiting connection: a new connected socket owned by the caller (destroy it
-    // with delete or zu::deleteObject), or null. Never throws: a connection for which there is
-    // no descriptor or no memory is closed at once and counted (getRefusedCount), and the
-    // listener backs off. While backing off it returns null without asking the OS.
-    Socket* pollConnect();
+    // Accepts one waiting connection: a new connected socket owned by the caller, or null. Never
+    // throws: a connection for which there is no descriptor or no memory is closed at once and
+    // counted (getRefusedCount), and the listener backs off. While backing off it returns null
+    // without asking the OS.
+    zu::UniquePtr<Socket> pollConnect();
 
     // Readable when a connection waits to be accepted. While backing off, a handle of kind
     // None: a caller that waits on it sleeps for its own bound instead of waking at once for
@@ -55,8 +56,8 @@ public:
     bool isBackingOff() const;
 
 private:
-    Socket* adopt(int fd);
-    Socket* turnAwayWaiting();
+    zu::UniquePtr<Socket> adopt(int fd);
+    zu::UniquePtr<Socket> turnAwayWaiting();
     void startBackoff();
     void refuse(int fd);
 

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 
+#include "zu/buffer.h"
 #include "zu/export.h"
 
 namespace net {
@@ -66,7 +67,8 @@ private:
     // Points the packet at a received frame's payload without copying it. The bytes belong to
     // the socket; the first write copies them into the packet's own storage.
     void view(int id, const uint8_t* payload, uint32_t size);
-    bool isView() const { return m_data != m_storage; }
+    bool isView() const { return m_data != m_storage.data(); }
+    uint32_t storageCapacity() const { return static_cast<uint32_t>(m_storage.size()); }
     bool reserve(uint32_t size);
     // Checks that `length` more bytes fit at the cursor and makes room for them.
     bool prepareWrite(uint64_t length);
@@ -75,8 +77,7 @@ private:
     bool readBytes(void* buffer, uint32_t length);
 
     const uint8_t* m_data = nullptr;  // the payload: m_storage, or a socket's buffer (see view)
-    uint8_t* m_storage = nullptr;     // owned, 64-byte aligned, grows geometrically
-    uint32_t m_capacity = 0;          // of m_storage
+    zu::Buffer m_storage;             // 64-byte aligned, grows geometrically
     uint32_t m_size = 0;
     uint32_t m_pos = 0;
     int m_id = 0;

@@ -8,8 +8,10 @@
 #include <cstdint>
 
 #include "net/packet.h"
+#include "zu/buffer.h"
 #include "zu/event.h"
 #include "zu/export.h"
+#include "zu/memory.h"
 #include "zu/string.h"
 
 namespace net {
@@ -22,19 +24,15 @@ public:
     static constexpr uint32_t kSendStallTimeoutMs = 10000;
 
     Socket();
-    // Adopts a connected OS socket (used by Listener). The descriptor is closed when it cannot
-    // be used or when construction throws (out of memory for the receive buffer).
+    // Adopts a connected OS socket. The descriptor is closed when it cannot be used (the socket
+    // is then not connected) or when construction throws (out of memory for the receive buffer).
     explicit Socket(zu::NativeHandle connected);
+    // The same on the runtime's heap (used by Listener); the descriptor is closed also when
+    // there is no memory for the socket itself.
+    static zu::UniquePtr<Socket> adopt(zu::NativeHandle connected);
     ~Socket();
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
-
-    // Sockets live on the runtime's heap, so `new`/`delete` and zu::newObject/zu::deleteObject
-    // may be mixed freely (Listener::pollConnect hands out sockets made with `new`).
-    static void* operator new(size_t size);
-    static void operator delete(void* memory);
-    static void* operator new(size_t, void* place) noexcept { return place; }
-    static void operator delete(void*, void*) noexcept {}
 
     // Starts connecting to host:port (a numeric address or a name). Closes any earlier
     // connection first. True when the connection is made or pending; false when it failed.
@@ -82,6 +80,7 @@ public:
 private:
     enum class State : uint8_t { Closed, Connecting, Connected, PeerClosed };
 
+    void adoptHandle(zu::NativeHandle connected);
     void becomeConnected();
     void finishConnect();
     void peerClosed();
@@ -105,15 +104,16 @@ private:
     State m_state = State::Closed;
     uint32_t m_peerAddress = 0;  // IPv4, network byte order
 
-    // A ring: m_sendQueued bytes from m_sendBegin, wrapping at m_sendCapacity. Nothing is ever
+    uint32_t sendCapacity() const { return static_cast<uint32_t>(m_sendBuffer.size()); }
+    uint32_t receiveCapacity() const { return static_cast<uint32_t>(m_receiveBuffer.size()); }
+
+    // A ring: m_sendQueued bytes from m_sendBegin, wrapping at its capacity. Nothing is ever
     // moved inside it, however slowly the peer reads.
-    uint8_t* m_sendBuffer = nullptr;
-    uint32_t m_sendCapacity = 0;
+    zu::Buffer m_sendBuffer;
     uint32_t m_sendBegin = 0;
     uint32_t m_sendQueued = 0;
 
-    uint8_t* m_receiveBuffer = nullptr;  // 64-byte aligned: large loopback reads are faster
-    uint32_t m_receiveCapacity = 0;
+    zu::Buffer m_receiveBuffer;  // 64-byte aligned: large loopback reads are faster
     uint32_t m_receiveBegin = 0;
     uint32_t m_receiveEnd = 0;
 

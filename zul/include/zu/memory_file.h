@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "zu/buffer.h"
 #include "zu/export.h"
 #include "zu/file_system.h"
 
@@ -11,7 +12,7 @@ namespace zu {
 class ZUL_API BufferedMemoryFile {
 public:
     BufferedMemoryFile() = default;
-    ~BufferedMemoryFile();
+    ~BufferedMemoryFile() = default;
     BufferedMemoryFile(const BufferedMemoryFile&) = delete;
     BufferedMemoryFile& operator=(const BufferedMemoryFile&) = delete;
 
@@ -25,7 +26,7 @@ public:
     void append(const void* data, uint64_t size);
     void clear();
 
-    const uint8_t* getData() const { return m_data; }
+    const uint8_t* getData() const { return m_data.data(); }
     uint64_t getSize() const { return m_size; }
 
     // Reading cursor over the buffer.
@@ -36,9 +37,8 @@ public:
 private:
     void reserve(uint64_t size);
 
-    uint8_t* m_data = nullptr;
+    Buffer m_data;  // its size is the capacity
     uint64_t m_size = 0;
-    uint64_t m_capacity = 0;
     uint64_t m_position = 0;
 };
 

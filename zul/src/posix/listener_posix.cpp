@@ -1,3 +1,4 @@
+// net::Listener on POSIX systems: accept() with a spare descriptor for a full table.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -8,7 +9,7 @@
 #include <new>
 
 #include "net/listener.h"
-#include "posix/net_posix.h"
+#include "socket_platform.h"
 #include "zu/exception.h"
 
 namespace net {
@@ -16,8 +17,8 @@ namespace {
 
 // Opens a non-blocking listening socket; returns its descriptor and the port it got, or -1.
 int openListeningSocket(uint32_t port, const char* bindAddress, uint32_t* boundPort) {
-    in_addr address{};
-    if (port > 0xFFFF || !posix::resolveIPv4(bindAddress, &address)) {
+    uint32_t address = 0;
+    if (port > 0xFFFF || !platform::resolveIPv4(bindAddress, &address)) {
         return -1;
     }
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -29,9 +30,9 @@ int openListeningSocket(uint32_t port, const char* bindAddress, uint32_t* boundP
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(static_cast<uint16_t>(port));
-    local.sin_addr = address;
+    local.sin_addr.s_addr = address;
     socklen_t localLength = sizeof(local);
-    if (!posix::configureSocket(fd) ||
+    if (!platform::configureSocket(fd) ||
         bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0 ||
         listen(fd, SOMAXCONN) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0) {
@@ -93,7 +94,7 @@ Listener::~Listener() {
     closeDescriptor(m_spare);
 }
 
-Socket* Listener::pollConnect() {
+zu::UniquePtr<Socket> Listener::pollConnect() {
     if (!isListening() || isBackingOff()) {
         return nullptr;
     }
@@ -104,7 +105,7 @@ Socket* Listener::pollConnect() {
     }
     const int error = errno;
     if (isOutOfDescriptors(error)) {
-        if (Socket* socket = turnAwayWaiting()) {
+        if (zu::UniquePtr<Socket> socket = turnAwayWaiting()) {
             return socket;
         }
         startBackoff();
@@ -128,30 +129,16 @@ bool Listener::isBackingOff() const {
 
 // Makes a socket of an accepted descriptor. The descriptor is closed when that fails: a
 // connection the caller never sees must not keep a descriptor.
-Socket* Listener::adopt(int fd) {
-    void* memory = nullptr;
+zu::UniquePtr<Socket> Listener::adopt(int fd) {
+    zu::UniquePtr<Socket> socket;
     try {
-        memory = Socket::operator new(sizeof(Socket));
-    } catch (const zu::OutOfMemoryException&) {
-        refuse(fd);
-        startBackoff();
-        return nullptr;
-    } catch (const std::bad_alloc&) {
-        refuse(fd);
-        startBackoff();
-        return nullptr;
-    }
-    Socket* socket = nullptr;
-    try {
-        socket = new (memory) Socket(fd);  // closes the descriptor when it throws
+        socket = Socket::adopt(fd);  // closes the descriptor when it throws
     } catch (...) {
-        Socket::operator delete(memory);
         m_refused.fetch_add(1, std::memory_order_relaxed);
         startBackoff();
         return nullptr;
     }
     if (!socket->isConnected()) {
-        delete socket;
         return nullptr;
     }
     m_backoffMs = 0;
@@ -165,7 +152,7 @@ Socket* Listener::adopt(int fd) {
 // and close it at once, so that the peers are told and the listener stops being readable. When
 // the spare can be had back while an accepted connection is still open, descriptors have been
 // freed meanwhile: that connection is kept and returned.
-Socket* Listener::turnAwayWaiting() {
+zu::UniquePtr<Socket> Listener::turnAwayWaiting() {
     for (uint32_t shed = 0; shed < kMaxShedPerPoll; ++shed) {
         if (m_spare == zu::kInvalidHandle) {
             m_spare = openSpareDescriptor();

@@ -433,13 +433,12 @@ public:
         if (namePattern.empty()) {
             return nullptr;
         }
-        LocalFind* find = newObject<LocalFind>();
+        UniquePtr<LocalFind> find = makeUnique<LocalFind>();
         readMatchingEntries(folder.c_str(), namePattern.c_str(), find->entries);
         if (find->entries.empty()) {
-            deleteObject(find);
             return nullptr;
         }
-        return find;
+        return find.release();  // the caller's until findNextFile ends the walk or findClose
     }
 
     FindFileHandle* findNextFile(FindFileHandle* find) override {

@@ -1,4 +1,4 @@
-// Events are eventfds (non-semaphore mode): a write sets the counter, a read that succeeds
+// Events on Linux are eventfds (non-semaphore mode): a write sets the counter, a read that succeeds
 // takes it back to zero. That is exactly an auto-reset event, and the same poll() that watches
 // sockets can watch events.
 #include <errno.h>

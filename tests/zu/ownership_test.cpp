@@ -1,0 +1,77 @@
+// zu::UniquePtr and zu::Buffer: objects and bytes on the runtime's heap, owned by their types.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <utility>
+
+#include "zu/buffer.h"
+#include "zu/exception.h"
+#include "zu/memory.h"
+#include "zu/vector.h"
+
+namespace {
+
+struct Counted {
+    explicit Counted(int* destroyed) : m_destroyed(destroyed) {}
+    virtual ~Counted() { ++*m_destroyed; }
+    int* m_destroyed;
+};
+
+// A derived object whose Counted part does not start where its memory does.
+struct Padding {
+    virtual ~Padding() = default;
+    char bytes[40] = {};
+};
+struct Offset : Padding, Counted {
+    explicit Offset(int* destroyed) : Counted(destroyed) {}
+};
+
+// Its constructor fails after the memory was taken.
+struct Failing {
+    Failing() { throw zu::Exception("no"); }
+};
+
+TEST(UniquePtr, DestroysThroughABaseWhosePartLiesInsideTheObject) {
+    int destroyed = 0;
+    {
+        zu::UniquePtr<Counted> base = zu::makeUnique<Offset>(&destroyed);
+        ASSERT_NE(static_cast<void*>(base.get()), dynamic_cast<void*>(base.get()));
+        zu::Vector<zu::UniquePtr<Counted>> owners;
+        owners.push_back(std::move(base));
+        owners.push_back(zu::makeUnique<Counted>(&destroyed));
+        owners.erase(0);
+        EXPECT_EQ(destroyed, 1);
+    }
+    EXPECT_EQ(destroyed, 2);
+}
+
+TEST(UniquePtr, AFailingConstructorGivesTheMemoryBack) {
+    EXPECT_THROW(zu::makeUnique<Failing>(), zu::Exception);
+    zu::UniquePtr<Counted> none;
+    none.reset();  // an empty owner frees nothing
+}
+
+TEST(Buffer, OwnsAlignedBytesAndHandsThemOverOnMove) {
+    zu::Buffer buffer(1000, 4096);
+    ASSERT_FALSE(buffer.empty());
+    EXPECT_EQ(buffer.size(), 1000u);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(buffer.data()) % 4096, 0u);
+    buffer.data()[999] = 7;
+
+    zu::Buffer taken(std::move(buffer));
+    EXPECT_TRUE(buffer.empty());
+    EXPECT_EQ(buffer.size(), 0u);
+    EXPECT_EQ(taken.data()[999], 7);
+
+    zu::Buffer other(16);
+    other = std::move(taken);  // the 16 bytes go back, the 1000 move in
+    EXPECT_EQ(other.size(), 1000u);
+    other.reset();
+    EXPECT_TRUE(other.empty());
+}
+
+TEST(Buffer, ABlockTooLargeThrowsTheRuntimeException) {
+    EXPECT_THROW(zu::Buffer(SIZE_MAX / 2), zu::OutOfMemoryException);
+}
+
+}  // namespace
