@@ -98,11 +98,18 @@ TEST_F(ConsoleTerminal, CommandsRunAndShowInTheirColours) {
     pane.press("Enter");
     pane.type("get speed");
     pane.press("Enter");
-    ASSERT_TRUE(pane.waitFor("speed = 7\n")) << pane.screen();
+    // A capture may land in the middle of drawing a frame: wait for the whole of it.
+    ASSERT_TRUE(dmtest::waitUntil([&] {
+        return pane.screen().find("speed = 7\n") != std::string::npos && pane.lastRow() == ">_";
+    })) << pane.screen();
     EXPECT_NE(pane.screen().find(">get speed;"), std::string::npos) << "the echo";
     EXPECT_EQ(pane.lastRow(), ">_") << "an empty command line with its cursor";
 
-    const std::string colours = pane.screen(true);
+    std::string colours;
+    dmtest::waitUntil([&] {
+        colours = pane.screen(true);
+        return colours.find("\x1b[48;2;215;209;209m") != std::string::npos;
+    });
     // A known word, then a number, each in its palette colour (tmux keeps 24-bit colours).
     EXPECT_NE(colours.find("\x1b[38;2;176;176;176mspeed"), std::string::npos) << colours;
     EXPECT_NE(colours.find("\x1b[38;2;160;255;255m7"), std::string::npos) << colours;
