@@ -51,7 +51,7 @@ NetCommunicationPipe::~NetCommunicationPipe() {
     m_budget = nullptr;  // the connection's budget may have gone with the connection
     freeIncomingRequests();
     zu::deleteMemory(m_currentRequest.data);
-    for (zu::Event* event : m_spareEvents) {
+    for (zu::Signal* event : m_spareEvents) {
         zu::deleteObject(event);
     }
 }
@@ -146,7 +146,7 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
         return {};  // could never be sent, so would never be answered
     }
     uint32_t id = 0;
-    zu::Event* event = nullptr;
+    zu::Signal* event = nullptr;
     {
         // Numbered under the lock, so that ids rise in queue order: the receiver drops an id
         // that is not above the last one it completed, and requests go out in queue order.
@@ -246,7 +246,7 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         m_currentRequest = RequestRecord();
     }
 
-    zu::Event* event = nullptr;
+    zu::Signal* event = nullptr;
     uint32_t serial = 0;
     {
         zu::ScopedLock lock(m_outgoingLock);
@@ -295,7 +295,7 @@ void NetCommunicationPipe::countMessageFromOtherConnection() {
 // The responses answer requests of the connection the pipe is being taken from; the new one
 // never asked. Their respond calls return as if they had been sent.
 void NetCommunicationPipe::dropUnsentResponses() {
-    zu::Vector<zu::Event*> waiters;
+    zu::Vector<zu::Signal*> waiters;
     {
         zu::ScopedLock lock(m_outgoingLock);
         for (const ResponseRecord& response : m_outgoingResponses) {
@@ -308,7 +308,7 @@ void NetCommunicationPipe::dropUnsentResponses() {
                            [](const ResponseRecord& response) { return !response.sent; }),
             m_outgoingResponses.end());
     }
-    for (zu::Event* waiter : waiters) {
+    for (zu::Signal* waiter : waiters) {
         waiter->signal();
     }
 }
@@ -483,7 +483,7 @@ bool NetCommunicationPipe::pumpOutgoing(PacketSink* sink) {
     return moreToSend && !paused;
 }
 
-void NetCommunicationPipe::wakeAfterPass(zu::Event* event) {
+void NetCommunicationPipe::wakeAfterPass(zu::Signal* event) {
     if (m_owner) {
         m_owner->wakeAfterPass(event);
     } else {
@@ -593,7 +593,7 @@ bool NetCommunicationPipe::markSent() {
     }
     // The threads in respond are woken outside the lock (after the pass), which each of them
     // takes at once.
-    for (zu::Event* waiter : m_pumpWaiters) {
+    for (zu::Signal* waiter : m_pumpWaiters) {
         wakeAfterPass(waiter);
     }
     return moreToSend;
@@ -654,17 +654,17 @@ bool NetCommunicationPipe::hasUnsentInWindow() const {
 
 // --- Outgoing bookkeeping (outgoingLock held) ---
 
-zu::Event* NetCommunicationPipe::takeEvent() {
+zu::Signal* NetCommunicationPipe::takeEvent() {
     if (m_spareEvents.empty()) {
-        return zu::newObject<zu::Event>();
+        return zu::newObject<zu::Signal>();
     }
-    zu::Event* event = m_spareEvents.back();
+    zu::Signal* event = m_spareEvents.back();
     m_spareEvents.pop_back();
     event->reset();  // a late duplicate signal of its last user must not count
     return event;
 }
 
-void NetCommunicationPipe::releaseEvent(zu::Event* event) {
+void NetCommunicationPipe::releaseEvent(zu::Signal* event) {
     m_spareEvents.push_back(event);
 }
 

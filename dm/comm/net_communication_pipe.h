@@ -20,6 +20,7 @@
 #include "zu/event.h"
 #include "zu/memory.h"
 #include "zu/mutex.h"
+#include "zu/signal.h"
 #include "zu/string.h"
 #include "zu/vector.h"
 
@@ -42,7 +43,7 @@ public:
     // From the owner's thread: wakes a caller blocked on `event`, and calls an application
     // callback, once the owner's current pass is over (so that whoever is woken does not run
     // into a pass still going on). By default at once.
-    virtual void wakeAfterPass(zu::Event* event) { event->signal(); }
+    virtual void wakeAfterPass(zu::Signal* event) { event->signal(); }
     virtual void callAfterPass(const PipeCallback& callback, CommunicationPipe* pipe) {
         if (callback.function) {
             callback.function(callback.context, pipe);
@@ -166,7 +167,7 @@ private:
         uint32_t dataCapacity = 0;
         // Incoming: the data bytes that arrived. Outgoing: the response bytes that arrived.
         ReceivedRanges received;
-        zu::Event* event = nullptr;  // outgoing: sendRequest waits on it
+        zu::Signal* event = nullptr;  // outgoing: sendRequest waits on it
     };
     struct ResponseRecord {
         uint32_t serial = 0;  // tells apart responses that share a request id
@@ -176,7 +177,7 @@ private:
         uint32_t bytesSent = 0;  // data bytes already on the wire
         const void* data = nullptr;
         uint32_t dataSize = 0;
-        zu::Event* event = nullptr;  // respond waits on it
+        zu::Signal* event = nullptr;  // respond waits on it
     };
     struct NotificationRecord {
         uint64_t arrival = 0;  // incoming: order in which the first chunks came
@@ -201,8 +202,8 @@ private:
 
     // Outgoing side. The pump's steps (collectOutgoing, sendCollected, markSent) run on the
     // manager's thread and take the lock where they need it.
-    zu::Event* takeEvent() ZU_REQUIRES(m_outgoingLock);
-    void releaseEvent(zu::Event* event) ZU_REQUIRES(m_outgoingLock);
+    zu::Signal* takeEvent() ZU_REQUIRES(m_outgoingLock);
+    void releaseEvent(zu::Signal* event) ZU_REQUIRES(m_outgoingLock);
     static uint32_t idOf(const RequestRecord& record) { return record.id; }
     static uint32_t idOf(const ResponseRecord& record) { return record.serial; }
     static uint32_t idOf(const NotificationRecord& record) { return record.id; }
@@ -216,7 +217,7 @@ private:
     bool markSent();
     void markSentLocked() ZU_REQUIRES(m_outgoingLock);
     bool hasUnsentInWindow() const ZU_REQUIRES(m_outgoingLock);
-    void wakeAfterPass(zu::Event* event);
+    void wakeAfterPass(zu::Signal* event);
     void callAfterPass(const PipeCallback& callback);
     void wakeToSend();
     void leaveBlockingCall() ZU_REQUIRES(m_outgoingLock);
@@ -295,7 +296,7 @@ private:
     RecordQueue<ResponseRecord> m_outgoingResponses ZU_GUARDED_BY(m_outgoingLock);
     uint64_t m_outgoingNotificationBytes ZU_GUARDED_BY(m_outgoingLock) = 0;
     // Reused by blocking calls, so none is made per call.
-    zu::Vector<zu::Event*> m_spareEvents ZU_GUARDED_BY(m_outgoingLock);
+    zu::Vector<zu::Signal*> m_spareEvents ZU_GUARDED_BY(m_outgoingLock);
     uint32_t m_nextRequestId ZU_GUARDED_BY(m_outgoingLock) = 0;
     uint32_t m_nextNotifyId ZU_GUARDED_BY(m_outgoingLock) = 0;
     uint32_t m_nextResponseSerial ZU_GUARDED_BY(m_outgoingLock) = 0;
@@ -322,7 +323,7 @@ private:
     zu::Vector<ResponseRecord> m_pumpResponses;
     zu::Vector<RequestRecord> m_pumpRequests;
     zu::Vector<NotificationRecord> m_pumpNotifications;
-    zu::Vector<zu::Event*> m_pumpWaiters;
+    zu::Vector<zu::Signal*> m_pumpWaiters;
     bool m_leftUnsent = false;  // respond calls to wake once the lock is released
     net::Packet m_sendPacket;
 };

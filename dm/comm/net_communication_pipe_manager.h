@@ -18,6 +18,7 @@
 #include "zu/event.h"
 #include "zu/memory.h"
 #include "zu/mutex.h"
+#include "zu/poller.h"
 #include "zu/string.h"
 #include "zu/vector.h"
 
@@ -95,7 +96,7 @@ public:
     CommunicationPipeManager* getOwningManager() override { return this; }
     uint32_t getOwnerId() const override { return m_id.load(); }
     void onOutgoingQueued() override { m_outgoingQueued.store(true); }
-    void wakeAfterPass(zu::Event* event) override;
+    void wakeAfterPass(zu::Signal* event) override;
     void callAfterPass(const PipeCallback& callback, CommunicationPipe* pipe) override;
 
 private:
@@ -132,25 +133,40 @@ private:
         zu::InplaceString<128> redirectHost;
         uint32_t redirectPort = 0;
     };
-    // What a pass waits on before the next one.
+    // What a pass waits on before the next one. The handles stay registered with the poller
+    // from pass to pass; a wait changes only what differs from the last one.
     class WaitList {
     public:
+        // Starts the list of a new pass.
+        void beginPass();
         // Ignores duplicates and handles of kind None; false when the list is full.
         bool add(zu::WaitHandle handle);
         // No wait took place (no time given, or the wait failed): anything may be ready.
         static constexpr int kNotWaited = -100;
-        // The index of the handle that ended the wait, zu::kWaitTimeout or kNotWaited.
+        // The lowest index of a handle found ready, zu::kWaitTimeout or kNotWaited.
         int wait(uint32_t timeoutMs);
-        // After a wait: whether the wait watched `handle` and found it not ready, so that
-        // nothing can have arrived on it since it was last read.
+        // After a wait: whether the wait watched `handle` for reading and found nothing to
+        // read, so that nothing can have arrived on it since it was last read.
         bool sawIdle(zu::WaitHandle handle) const;
+        // After a wait: whether it found `handle` ready.
+        bool sawReady(zu::WaitHandle handle) const;
 
     private:
         static constexpr size_t kCapacity = 64;
+        bool watchPassHandles();
+        int waitOnPoller(uint32_t timeoutMs);
+        int waitByPolling(uint32_t timeoutMs);
+        int lowestReady() const;
+
         zu::WaitHandle m_handles[kCapacity];
         bool m_ready[kCapacity] = {};
+        bool m_readable[kCapacity] = {};
         size_t m_count = 0;
         bool m_waited = false;
+        zu::Poller m_poller;
+        // What the poller watches, as of the last wait.
+        zu::WaitHandle m_watched[kCapacity];
+        size_t m_watchedCount = 0;
     };
 
     // --- Passes (manager thread) ---
@@ -242,17 +258,18 @@ private:
         PipeCallback callback;
         CommunicationPipe* pipe = nullptr;
     };
-    zu::Vector<zu::Event*> m_wakesAfterPass;
+    zu::Vector<zu::Signal*> m_wakesAfterPass;
     zu::Vector<DeferredCall> m_callsAfterPass;
     bool m_pumpLeftWork = false;
     bool m_pipesUnattached = true;  // of the pipes last collected: some wait for their peer
     bool m_moreWork = false;        // the pass left work behind: the next one starts at once
-    // False when the last wait timed out or was ended by another handle than the listener: a
-    // waiting connection would have ended it (first, by its lower index), so there is none.
+    // False when the last wait watched the listener and did not find it ready: then no
+    // connection is waiting.
     bool m_mayAccept = true;
     size_t m_nextPipeToPump = 0;
     size_t m_pipeCount = 0;  // pipes there were when this pass took its share
     zu::Vector<PipeEntry*> m_passPipes;
+    WaitList m_waits;
 };
 
 }  // namespace dm

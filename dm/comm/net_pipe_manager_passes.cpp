@@ -20,9 +20,6 @@ namespace {
 // others; the pass then comes back without sleeping.
 constexpr int kMaxPacketsPerPass = 1024;
 
-// Where the server's wait list holds its listener: right after the manager's wake event.
-constexpr int kListenerWaitIndex = 1;
-
 // Whole milliseconds until `due`, rounded up, at most `bound`.
 uint32_t millisecondsUntil(double due, double now, uint32_t bound) {
     const double left = (due - now) * 1000.0;
@@ -46,12 +43,31 @@ const PipeClock& appAgeClock() {
 
 // --- Waiting ---
 
+namespace {
+
+bool watchesReads(zu::WaitHandle::Kind kind) {
+    return kind == zu::WaitHandle::SocketRead || kind == zu::WaitHandle::SocketReadWrite;
+}
+
+// One socket asked for twice in a pass is watched for both.
+zu::WaitHandle::Kind mergedKind(zu::WaitHandle::Kind a, zu::WaitHandle::Kind b) {
+    return a == b || a == zu::WaitHandle::Event ? a : zu::WaitHandle::SocketReadWrite;
+}
+
+}  // namespace
+
+void NetCommunicationPipeManager::WaitList::beginPass() {
+    m_count = 0;
+    m_waited = false;
+}
+
 bool NetCommunicationPipeManager::WaitList::add(zu::WaitHandle handle) {
     if (handle.kind == zu::WaitHandle::None) {
         return true;
     }
     for (size_t i = 0; i < m_count; ++i) {
-        if (m_handles[i] == handle) {
+        if (m_handles[i].sameDescriptor(handle)) {
+            m_handles[i].kind = mergedKind(m_handles[i].kind, handle.kind);
             return true;
         }
     }
@@ -67,7 +83,9 @@ int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) {
     if (timeoutMs == 0) {
         return kNotWaited;
     }
-    const int ready = zu::waitForAny(m_handles, m_count, timeoutMs, m_ready);
+    std::fill(m_ready, m_ready + m_count, false);
+    std::fill(m_readable, m_readable + m_count, false);
+    const int ready = watchPassHandles() ? waitOnPoller(timeoutMs) : waitByPolling(timeoutMs);
     if (ready == zu::kWaitFailed) {
         zu::sleepMs(timeoutMs);  // never spin, whatever went wrong with a handle
         return kNotWaited;
@@ -76,10 +94,79 @@ int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) {
     return ready;
 }
 
+// Brings the poller's registrations up to this pass's list. Pass lists change little, so each
+// handle of the last list is looked for at its old place first.
+bool NetCommunicationPipeManager::WaitList::watchPassHandles() {
+    if (!m_poller.isOpen()) {
+        return false;
+    }
+    for (size_t i = 0; i < m_watchedCount; ++i) {
+        const zu::WaitHandle& watched = m_watched[i];
+        bool kept = i < m_count && m_handles[i].sameDescriptor(watched);
+        for (size_t j = 0; !kept && j < m_count; ++j) {
+            kept = m_handles[j].sameDescriptor(watched);
+        }
+        if (!kept) {
+            m_poller.unwatch(watched);
+        }
+    }
+    m_watchedCount = 0;
+    for (size_t i = 0; i < m_count; ++i) {
+        if (!m_poller.watch(m_handles[i])) {
+            for (size_t j = 0; j < i; ++j) {
+                m_poller.unwatch(m_handles[j]);  // this pass polls; the next one starts afresh
+            }
+            return false;
+        }
+    }
+    std::copy(m_handles, m_handles + m_count, m_watched);
+    m_watchedCount = m_count;
+    return true;
+}
+
+int NetCommunicationPipeManager::WaitList::waitOnPoller(uint32_t timeoutMs) {
+    zu::Poller::Ready found[kCapacity];
+    const int count = m_poller.wait(timeoutMs, found, kCapacity);
+    for (int k = 0; k < count; ++k) {
+        for (size_t i = 0; i < m_count; ++i) {
+            if (m_handles[i].sameDescriptor(found[k].handle)) {
+                m_ready[i] = true;
+                m_readable[i] = found[k].readable;
+            }
+        }
+    }
+    return count < 0 ? zu::kWaitFailed : lowestReady();
+}
+
+// Without a poller: one poll() over the pass's list, which reports one event at a time.
+int NetCommunicationPipeManager::WaitList::waitByPolling(uint32_t timeoutMs) {
+    const int ready = zu::waitForAny(m_handles, m_count, timeoutMs, m_ready);
+    std::copy(m_ready, m_ready + m_count, m_readable);
+    return ready;
+}
+
+int NetCommunicationPipeManager::WaitList::lowestReady() const {
+    for (size_t i = 0; i < m_count; ++i) {
+        if (m_ready[i]) {
+            return static_cast<int>(i);
+        }
+    }
+    return zu::kWaitTimeout;
+}
+
 bool NetCommunicationPipeManager::WaitList::sawIdle(zu::WaitHandle handle) const {
     for (size_t i = 0; m_waited && i < m_count; ++i) {
-        if (m_handles[i] == handle) {
-            return !m_ready[i];
+        if (m_handles[i].sameDescriptor(handle)) {
+            return watchesReads(m_handles[i].kind) && !m_readable[i];
+        }
+    }
+    return false;
+}
+
+bool NetCommunicationPipeManager::WaitList::sawReady(zu::WaitHandle handle) const {
+    for (size_t i = 0; m_waited && i < m_count; ++i) {
+        if (m_handles[i].sameDescriptor(handle)) {
+            return m_ready[i];
         }
     }
     return false;
@@ -89,7 +176,7 @@ bool NetCommunicationPipeManager::WaitList::sawIdle(zu::WaitHandle handle) const
 
 // Held back so that a caller woken in the middle of a pass does not find the manager busy; if
 // there is no memory to hold it, it happens at once.
-void NetCommunicationPipeManager::wakeAfterPass(zu::Event* event) {
+void NetCommunicationPipeManager::wakeAfterPass(zu::Signal* event) {
     try {
         m_wakesAfterPass.push_back(event);
     } catch (...) {
@@ -111,7 +198,7 @@ void NetCommunicationPipeManager::callAfterPass(const PipeCallback& callback,
 
 // Wakes first: a callback may take its time. Callbacks see the pass's effects complete.
 void NetCommunicationPipeManager::runAfterPass() {
-    for (zu::Event* event : m_wakesAfterPass) {
+    for (zu::Signal* event : m_wakesAfterPass) {
         event->signal();
     }
     m_wakesAfterPass.clear();
@@ -139,10 +226,12 @@ void NetCommunicationPipeManager::serverPass() {
             ++index;  // otherwise the entry is gone and the next one took its place
         }
     }
-    WaitList waits;
+    WaitList& waits = m_waits;
+    waits.beginPass();
     waits.add(m_wakeEvent.getWaitHandle());
     const bool listening = m_listener->isListening();
-    waits.add(m_listener->getWaitHandle());
+    const zu::WaitHandle listenerHandle = m_listener->getWaitHandle();
+    waits.add(listenerHandle);
     for (const SocketEntry& entry : m_sockets) {
         waits.add(waitHandleOf(entry));
     }
@@ -151,7 +240,7 @@ void NetCommunicationPipeManager::serverPass() {
     runAfterPass();
     const int ready = waits.wait(m_moreWork ? 0 : kServerPassMs);
     noteReadableSockets(waits);
-    m_mayAccept = listening && (ready == WaitList::kNotWaited || ready == kListenerWaitIndex);
+    m_mayAccept = listening && (ready == WaitList::kNotWaited || waits.sawReady(listenerHandle));
 }
 
 // Accepts one waiting connection and welcomes it. True when it was redirected elsewhere.
@@ -292,7 +381,8 @@ void NetCommunicationPipeManager::clientPass() {
         connectClient(entry, now);
     }
 
-    WaitList waits;
+    WaitList& waits = m_waits;
+    waits.beginPass();
     waits.add(m_wakeEvent.getWaitHandle());
     waits.add(waitHandleOf(entry));
     uint32_t timeoutMs = kClientPassMs;

@@ -341,7 +341,7 @@ void NetCommunicationPipe::onResponse(const pipe_protocol::Message& message) {
         count(Drop::kMalformed);
         return;
     }
-    zu::Event* waiter = nullptr;
+    zu::Signal* waiter = nullptr;
     {
         zu::ScopedLock lock(m_outgoingLock);
         RequestRecord* request = findOutgoingRequest(message.id);

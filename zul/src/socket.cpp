@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "handle_generation.h"
 #include "net/socket.h"
 #include "net_wire.h"
 #include "socket_platform.h"
@@ -66,6 +67,7 @@ void Socket::adoptHandle(zu::NativeHandle connected) {
         return;
     }
     m_handle = connected;
+    m_generation = zu::platform::nextHandleGeneration();
     m_peerAddress = peer;
     try {
         becomeConnected();
@@ -93,6 +95,7 @@ bool Socket::connect(const char* host, uint32_t port) {
         return false;
     }
     m_handle = handle;
+    m_generation = zu::platform::nextHandleGeneration();
     m_peerAddress = address;
     switch (platform::startConnect(handle, address, static_cast<uint16_t>(port))) {
         case platform::ConnectStatus::Connected:
@@ -177,12 +180,12 @@ void Socket::update() {
 zu::WaitHandle Socket::getWaitHandle() const {
     switch (m_state) {
         case State::Connecting:
-            return {zu::WaitHandle::SocketWrite, m_handle};
+            return {zu::WaitHandle::SocketWrite, m_handle, m_generation};
         case State::Connected:
             return {hasSendsToDo() ? zu::WaitHandle::SocketReadWrite : zu::WaitHandle::SocketRead,
-                    m_handle};
+                    m_handle, m_generation};
         case State::PeerClosed:
-            return {zu::WaitHandle::SocketRead, m_handle};
+            return {zu::WaitHandle::SocketRead, m_handle, m_generation};
         case State::Closed:
             break;
     }

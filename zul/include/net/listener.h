@@ -62,6 +62,7 @@ private:
     void refuse(int fd);
 
     zu::NativeHandle m_handle = zu::kInvalidHandle;
+    uint32_t m_generation = 0;  // of m_handle; see zu::WaitHandle
     // Kept open so that a full descriptor table leaves one to accept with; invalid when it
     // could not be had.
     zu::NativeHandle m_spare = zu::kInvalidHandle;

@@ -101,6 +101,7 @@ private:
     bool extractPacket(uint32_t* outSize);
 
     zu::NativeHandle m_handle = zu::kInvalidHandle;
+    uint32_t m_generation = 0;  // of m_handle; see zu::WaitHandle
     State m_state = State::Closed;
     uint32_t m_peerAddress = 0;  // IPv4, network byte order
 

@@ -1,5 +1,9 @@
 // Auto-reset events and waiting on several handles at once.
 //
+// An Event is a descriptor, so that it can be waited on together with sockets; a thread that
+// only ever waits on one thing at a time is better served by a zu::Signal, which costs no
+// system call where nobody has to sleep or be woken.
+//
 // An Event is either signalled or not. signal() sets it; a wait that finds it set returns and
 // clears it, so one signal wakes one wait, and signals given while already set merge into one.
 // waitForAny waits on events and socket readiness together in one call: a pipe manager sleeps
@@ -30,9 +34,16 @@ struct WaitHandle {
     };
     Kind kind = None;
     NativeHandle handle = kInvalidHandle;
+    // Tells apart the descriptors that the system gave the same number one after another (a
+    // socket closed, another opened), for waits that keep registrations (zu::Poller).
+    uint32_t generation = 0;
 
     bool operator==(const WaitHandle& other) const {
-        return kind == other.kind && handle == other.handle;
+        return kind == other.kind && handle == other.handle && generation == other.generation;
+    }
+    // The same descriptor of the same generation, whatever it is watched for.
+    bool sameDescriptor(const WaitHandle& other) const {
+        return handle == other.handle && generation == other.generation;
     }
 };
 
@@ -50,10 +61,11 @@ public:
     // Clears and reports the signal without waiting.
     bool tryWait() { return wait(0); }
 
-    WaitHandle getWaitHandle() const { return {WaitHandle::Event, m_handle}; }
+    WaitHandle getWaitHandle() const { return {WaitHandle::Event, m_handle, m_generation}; }
 
 private:
     NativeHandle m_handle;
+    uint32_t m_generation;
 };
 
 constexpr int kWaitTimeout = -1;

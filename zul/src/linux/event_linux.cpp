@@ -9,6 +9,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "handle_generation.h"
+#include "poller_platform.h"
 #include "zu/event.h"
 #include "zu/exception.h"
 
@@ -60,7 +62,17 @@ void noteReadySockets(const WaitHandle* handles, const pollfd* entries, size_t c
 
 }  // namespace
 
-Event::Event() : m_handle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+namespace platform {
+
+bool takeEventSignal(NativeHandle event) {
+    return consumeSignal(event);
+}
+
+}  // namespace platform
+
+Event::Event()
+    : m_handle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_generation(platform::nextHandleGeneration()) {
     if (m_handle < 0) {
         throw Exception("Event: eventfd failed (errno %d)", errno);
     }

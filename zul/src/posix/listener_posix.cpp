@@ -8,6 +8,7 @@
 #include <chrono>
 #include <new>
 
+#include "handle_generation.h"
 #include "net/listener.h"
 #include "socket_platform.h"
 #include "zu/exception.h"
@@ -84,6 +85,7 @@ Listener::Listener(uint32_t port, const char* bindAddress) {
     int fd = openListeningSocket(port, bindAddress, &boundPort);
     if (fd >= 0) {
         m_handle = fd;
+        m_generation = zu::platform::nextHandleGeneration();
         m_port = boundPort;
         m_spare = openSpareDescriptor();
     }
@@ -120,7 +122,7 @@ zu::WaitHandle Listener::getWaitHandle() const {
     if (!isListening() || isBackingOff()) {
         return {};
     }
-    return {zu::WaitHandle::SocketRead, m_handle};
+    return {zu::WaitHandle::SocketRead, m_handle, m_generation};
 }
 
 bool Listener::isBackingOff() const {
