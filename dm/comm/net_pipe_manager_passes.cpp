@@ -113,7 +113,7 @@ bool NetCommunicationPipeManager::WaitList::watchPassHandles() {
     m_watchedCount = 0;
     for (size_t i = 0; i < m_count; ++i) {
         if (!m_poller.watch(m_handles[i])) {
-            for (size_t j = 0; j < i; ++j) {
+            for (size_t j = 0; j < m_count; ++j) {
                 m_poller.unwatch(m_handles[j]);  // this pass polls; the next one starts afresh
             }
             return false;

@@ -48,7 +48,8 @@ public:
     int wait(uint32_t timeoutMs, Ready* ready, size_t capacity);
 
 private:
-    static constexpr NativeHandle kMaxDescriptor = 1 << 24;
+    // Descriptors are numbered densely from 0; watch refuses any beyond this.
+    static constexpr NativeHandle kMaxDescriptor = 1 << 20;
 
     WaitHandle* findWatched(NativeHandle descriptor);
     int collectReady(Ready* ready, int found);
