@@ -11,8 +11,10 @@ namespace dm {
 
 class PacketSink {
 public:
-    // False when the packet was refused (the connection is gone, or it cannot be framed).
-    virtual bool sendPacket(const net::Packet& packet) = 0;
+    // Sends one packet whose payload is `head`'s followed by `tailSize` bytes at `tail` (bulk
+    // data, taken from where it lies). False when it was refused (the connection is gone, or it
+    // cannot be framed).
+    virtual bool sendPacket(const net::Packet& head, const void* tail, uint32_t tailSize) = 0;
     // Bytes accepted but not yet handed on; the pump pauses above a limit.
     virtual uint32_t getQueuedSendBytes() const = 0;
     // Hands queued bytes on as far as the far end takes them.
@@ -27,7 +29,9 @@ class SocketSink final : public PacketSink {
 public:
     explicit SocketSink(net::Socket& socket) : m_socket(socket) {}
 
-    bool sendPacket(const net::Packet& packet) override { return m_socket.sendPacket(packet); }
+    bool sendPacket(const net::Packet& head, const void* tail, uint32_t tailSize) override {
+        return m_socket.sendPacket(head, tail, tailSize);
+    }
     uint32_t getQueuedSendBytes() const override { return m_socket.getQueuedSendBytes(); }
     void update() override { m_socket.update(); }
 
