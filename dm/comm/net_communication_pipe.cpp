@@ -75,6 +75,8 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
     sizes.droppedEmptyText = m_droppedEmptyText.load();
     sizes.droppedOtherConnection = m_droppedOtherConnection.load();
     sizes.droppedConnectionLimit = m_droppedConnectionLimit.load();
+    sizes.sentDirectly = m_sentDirectly.load();
+    sizes.sentDirectlyInPart = m_sentDirectlyInPart.load();
     {
         zu::ScopedLock lock(m_incomingLock);
         sizes.incomingRequests = m_incomingRequests.size() + m_partialRequests.size();

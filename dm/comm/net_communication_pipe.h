@@ -339,6 +339,8 @@ private:
     std::atomic<uint64_t> m_droppedEmptyText{0};
     std::atomic<uint64_t> m_droppedOtherConnection{0};
     std::atomic<uint64_t> m_droppedConnectionLimit{0};
+    std::atomic<uint64_t> m_sentDirectly{0};
+    std::atomic<uint64_t> m_sentDirectlyInPart{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,

@@ -32,7 +32,11 @@ bool NetCommunicationPipe::writeDirectly(const Write& write) {
     net::Socket* socket = m_socket.load();
     if (socket && socket->isConnected() && !socket->hasSendsToDo()) {
         written = write(*socket);
+        if (written) {
+            m_sentDirectly.fetch_add(1, std::memory_order_relaxed);
+        }
         if (written && socket->hasSendsToDo()) {
+            m_sentDirectlyInPart.fetch_add(1, std::memory_order_relaxed);
             wakeToSend();  // the OS took part of the frame: the manager sends the rest
         }
     }
