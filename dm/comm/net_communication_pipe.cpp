@@ -549,7 +549,7 @@ bool NetCommunicationPipe::sendCollected(PacketSink& sink) {
     // The data pointers stay valid: their owners block until the records are marked below.
     const char* name = m_name.c_str();
     pipe_protocol::SendProgress progress;
-    progress.queueLimit = kPauseSendingAbove;
+    progress.queueLimit = sink.pauseSendingAbove();
     for (ResponseRecord& response : m_pumpResponses) {
         progress.bytesSent = response.bytesSent;
         const SendResult result =

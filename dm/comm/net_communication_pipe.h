@@ -68,11 +68,6 @@ public:
     static constexpr uint32_t kDefaultMaxMessageSize = 512u * 1024u * 1024u;
     // Marks the current request as taken over an earlier connection (never sent).
     static constexpr const char* kAbortToken = "666ABORTALL666";
-    // A pump stops sending for the pass once the socket holds more than this queued: the
-    // manager then reads its connections and comes back when the socket can take more. Far
-    // below net::Socket::kMaxQueuedSend, so that sending never waits for the peer to read,
-    // which would deadlock two managers that both send large messages.
-    static constexpr uint32_t kPauseSendingAbove = 2u * 1024u * 1024u;
     // Incoming requests, and notifications, that have begun to arrive but are not whole yet.
     // A sender finishes one message before it starts the next of the same kind, so more only
     // come from a broken or hostile peer.
@@ -128,8 +123,8 @@ public:
     void reset();
     // Sends up to 8 queued messages of each kind to `sink` (nothing when it is null). A large
     // message may take several calls: sending pauses while the sink has more than
-    // kPauseSendingAbove bytes queued, and the next call goes on where it stopped. True when
-    // messages are left that another call could send at once: pump again before sleeping.
+    // PacketSink::pauseSendingAbove bytes queued, and the next call goes on where it stopped. True
+    // when messages are left that another call could send at once: pump again before sleeping.
     // False when nothing is left, or when sending paused: then wait on the socket's handle
     // (it signals once the socket can take more).
     bool pumpOutgoing(PacketSink* sink);

@@ -19,6 +19,12 @@ public:
     virtual uint32_t getQueuedSendBytes() const = 0;
     // Hands queued bytes on as far as the far end takes them.
     virtual void update() = 0;
+    // A pump stops sending for the pass once the sink holds more than this queued: the manager
+    // then reads its connections and comes back when the sink can take more. Far below
+    // net::Socket::kMaxQueuedSend, so that sending never waits for the peer to read, which
+    // would deadlock two managers that both send large messages.
+    static constexpr uint32_t kPauseSendingAbove = 2u * 1024u * 1024u;
+    virtual uint32_t pauseSendingAbove() const { return kPauseSendingAbove; }
 
 protected:
     ~PacketSink() = default;
@@ -34,6 +40,10 @@ public:
     }
     uint32_t getQueuedSendBytes() const override { return m_socket.getQueuedSendBytes(); }
     void update() override { m_socket.update(); }
+    // What the system does not take at once is copied into the socket's queue. Pausing as soon
+    // as there is any keeps bulk data going from its owner's memory straight to the system,
+    // whose own buffer keeps the connection busy until the manager comes back.
+    uint32_t pauseSendingAbove() const override { return 0; }
 
 private:
     net::Socket& m_socket;
