@@ -50,7 +50,6 @@ NetCommunicationPipe::~NetCommunicationPipe() {
     close();
     m_budget = nullptr;  // the connection's budget may have gone with the connection
     freeIncomingRequests();
-    zu::deleteMemory(m_currentRequest.data);
     for (zu::Signal* event : m_spareEvents) {
         zu::deleteObject(event);
     }
@@ -76,6 +75,8 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
     sizes.droppedEmptyText = m_droppedEmptyText.load();
     sizes.droppedOtherConnection = m_droppedOtherConnection.load();
     sizes.droppedConnectionLimit = m_droppedConnectionLimit.load();
+    sizes.sentDirectly = m_sentDirectly.load();
+    sizes.sentDirectlyInPart = m_sentDirectlyInPart.load();
     {
         zu::ScopedLock lock(m_incomingLock);
         sizes.incomingRequests = m_incomingRequests.size() + m_partialRequests.size();
@@ -163,12 +164,13 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
         request.text = orEmpty(text);
         request.responseBuffer = responseBuffer;
         request.responseCapacity = responseBuffer ? responseCapacity : 0;
-        // Only read by the sender; the record never owns it.
-        request.data = data ? const_cast<void*>(data) : nullptr;
+        request.data = data;
         request.dataSize = data ? dataSize : 0;
         request.event = event;
     }
-    wakeToSend();
+    if (!writeRequestDirectly(id)) {
+        wakeToSend();
+    }
 
     zu::InplaceString<128> responseText;
     for (;;) {
@@ -204,11 +206,9 @@ zu::InplaceString<128> NetCommunicationPipe::receiveRequest(uint32_t* outValue) 
     if (m_incomingRequests.empty() || oldestRequestWaitsForChunks()) {
         return {};
     }
-    // An earlier request left unanswered gives its data up here instead of leaking it.
-    zu::deleteMemory(m_currentRequest.data);
+    // An earlier request left unanswered gives its data up here.
     releaseQueued(queuedCharge(m_incomingRequests.front()));
     m_currentRequest = std::move(m_incomingRequests.front());
-    m_incomingRequests.front().data = nullptr;
     m_incomingRequests.pop_front();
     if (outValue) {
         *outValue = m_currentRequest.value;
@@ -221,7 +221,7 @@ void NetCommunicationPipe::getRequestData(void** outData, uint32_t* outSize) {
     discardAbortedRequest();
     const bool hasRequest = !m_currentRequest.text.empty();
     if (outData) {
-        *outData = hasRequest ? m_currentRequest.data : nullptr;
+        *outData = hasRequest ? m_currentRequest.ownedData.data() : nullptr;
     }
     if (outSize) {
         *outSize = hasRequest ? m_currentRequest.dataSize : 0;
@@ -233,7 +233,8 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         return;  // cannot be sent; the request stays current and can still be answered
     }
     uint32_t requestId = 0;
-    void* requestData = nullptr;
+    // Given up only once the response is out: the caller may answer with the request's data.
+    zu::Buffer requestData;
     {
         zu::ScopedLock lock(m_incomingLock);
         if (isAbortToken(m_currentRequest.text)) {
@@ -241,8 +242,7 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
             return;
         }
         requestId = m_currentRequest.id;
-        // Freed only once the response is out: the caller may answer with the request's data.
-        requestData = m_currentRequest.data;
+        requestData = std::move(m_currentRequest.ownedData);
         m_currentRequest = RequestRecord();
     }
 
@@ -251,7 +251,6 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
     {
         zu::ScopedLock lock(m_outgoingLock);
         if (m_closed) {
-            zu::deleteMemory(requestData);
             return;
         }
         ++m_blockedCallers;
@@ -265,10 +264,15 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         response.dataSize = data ? dataSize : 0;
         response.event = event;
     }
-    wakeToSend();
-
-    for (;;) {
-        event->wait();
+    // Written here, the response is out already: no thread is woken, and none wakes this one.
+    bool waitFirst = !writeResponseDirectly(serial);
+    if (waitFirst) {
+        wakeToSend();
+    }
+    for (;; waitFirst = true) {
+        if (waitFirst) {
+            event->wait();
+        }
         zu::ScopedLock lock(m_outgoingLock);
         size_t index = 0;
         ResponseRecord* response = findOutgoingResponse(serial, &index);
@@ -283,9 +287,8 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         }
         releaseEvent(event);
         leaveBlockingCall();
-        break;
+        return;
     }
-    zu::deleteMemory(requestData);
 }
 
 void NetCommunicationPipe::countMessageFromOtherConnection() {
@@ -445,8 +448,7 @@ void NetCommunicationPipe::reset() {
 void NetCommunicationPipe::discardAbortedRequest() {
     if (isAbortToken(m_currentRequest.text)) {
         m_currentRequest.text.clear();
-        zu::deleteMemory(m_currentRequest.data);
-        m_currentRequest.data = nullptr;
+        m_currentRequest.ownedData.reset();
         m_currentRequest.dataSize = 0;
     }
 }
@@ -463,9 +465,8 @@ void NetCommunicationPipe::freeIncomingRequests() {
     while (!m_partialRequests.empty()) {
         dropPartialRequest(m_partialRequests.size() - 1);
     }
-    for (RequestRecord& request : m_incomingRequests) {
+    for (const RequestRecord& request : m_incomingRequests) {
         releaseQueued(queuedCharge(request));
-        zu::deleteMemory(request.data);
     }
     m_incomingRequests.clear();
 }
@@ -523,8 +524,15 @@ bool NetCommunicationPipe::collectOutgoing() {
         }
     }
     for (size_t i = 0; i < m_outgoingRequests.size() && i < kMaxSentPerPump; ++i) {
-        if (!m_outgoingRequests[i].sent) {
-            m_pumpRequests.push_back(m_outgoingRequests[i]);
+        const RequestRecord& request = m_outgoingRequests[i];
+        if (!request.sent) {
+            RequestToSend& copy = m_pumpRequests.emplace_back();
+            copy.id = request.id;
+            copy.value = request.value;
+            copy.text = request.text;
+            copy.data = request.data;
+            copy.dataSize = request.dataSize;
+            copy.bytesSent = request.bytesSent;
         }
     }
     for (size_t i = 0; i < m_outgoingNotifications.size() && i < kMaxSentPerPump; ++i) {
@@ -541,7 +549,7 @@ bool NetCommunicationPipe::sendCollected(PacketSink& sink) {
     // The data pointers stay valid: their owners block until the records are marked below.
     const char* name = m_name.c_str();
     pipe_protocol::SendProgress progress;
-    progress.queueLimit = kPauseSendingAbove;
+    progress.queueLimit = sink.pauseSendingAbove();
     for (ResponseRecord& response : m_pumpResponses) {
         progress.bytesSent = response.bytesSent;
         const SendResult result =
@@ -554,7 +562,7 @@ bool NetCommunicationPipe::sendCollected(PacketSink& sink) {
         }
         response.sent = true;
     }
-    for (RequestRecord& request : m_pumpRequests) {
+    for (RequestToSend& request : m_pumpRequests) {
         progress.bytesSent = request.bytesSent;
         const SendResult result = pipe_protocol::sendRequest(
             sink, m_sendPacket, progress, name, request.id, request.value, request.text.c_str(),
@@ -610,7 +618,7 @@ void NetCommunicationPipe::markSentLocked() {
             }
         }
     }
-    for (const RequestRecord& copy : m_pumpRequests) {
+    for (const RequestToSend& copy : m_pumpRequests) {
         if (RequestRecord* request = findOutgoingRequest(copy.id)) {
             request->bytesSent = copy.bytesSent;
             request->sent = copy.sent;

@@ -17,6 +17,7 @@
 #include "dm/comm.h"
 #include "net/packet.h"
 #include "net/socket.h"
+#include "zu/buffer.h"
 #include "zu/event.h"
 #include "zu/memory.h"
 #include "zu/mutex.h"
@@ -49,6 +50,11 @@ public:
             callback.function(callback.context, pipe);
         }
     }
+    // The lock under which the owner's thread works on its connections; it lets it go only
+    // while it waits. A caller that gets it may borrow the pipe's socket for one non-blocking
+    // write of its own message (see NetCommunicationPipe::writeDirectly). Null: the owner
+    // lends its sockets to nobody, and its thread sends everything.
+    virtual zu::Mutex* socketLock() { return nullptr; }
 
 protected:
     virtual ~PipeOwner();
@@ -63,11 +69,6 @@ public:
     static constexpr uint32_t kDefaultMaxMessageSize = 512u * 1024u * 1024u;
     // Marks the current request as taken over an earlier connection (never sent).
     static constexpr const char* kAbortToken = "666ABORTALL666";
-    // A pump stops sending for the pass once the socket holds more than this queued: the
-    // manager then reads its connections and comes back when the socket can take more. Far
-    // below net::Socket::kMaxQueuedSend, so that sending never waits for the peer to read,
-    // which would deadlock two managers that both send large messages.
-    static constexpr uint32_t kPauseSendingAbove = 2u * 1024u * 1024u;
     // Incoming requests, and notifications, that have begun to arrive but are not whole yet.
     // A sender finishes one message before it starts the next of the same kind, so more only
     // come from a broken or hostile peer.
@@ -123,8 +124,8 @@ public:
     void reset();
     // Sends up to 8 queued messages of each kind to `sink` (nothing when it is null). A large
     // message may take several calls: sending pauses while the sink has more than
-    // kPauseSendingAbove bytes queued, and the next call goes on where it stopped. True when
-    // messages are left that another call could send at once: pump again before sleeping.
+    // PacketSink::pauseSendingAbove bytes queued, and the next call goes on where it stopped. True
+    // when messages are left that another call could send at once: pump again before sleeping.
     // False when nothing is left, or when sending paused: then wait on the socket's handle
     // (it signals once the socket can take more).
     bool pumpOutgoing(PacketSink* sink);
@@ -160,11 +161,12 @@ private:
         void* responseBuffer = nullptr;
         uint32_t responseCapacity = 0;
         uint32_t responseSize = 0;
-        // Outgoing: the caller's data (read only). Incoming: a buffer the pipe owns, of
-        // dataCapacity bytes, grown as chunks arrive; chunks wrote the bytes in `received`.
-        void* data = nullptr;
+        // Outgoing: the caller's data (read only, never owned).
+        const void* data = nullptr;
+        // Incoming: the data, in a buffer the pipe owns, grown as chunks arrive; chunks wrote
+        // the bytes in `received`.
+        zu::Buffer ownedData;
         uint32_t dataSize = 0;
-        uint32_t dataCapacity = 0;
         // Incoming: the data bytes that arrived. Outgoing: the response bytes that arrived.
         ReceivedRanges received;
         zu::Signal* event = nullptr;  // outgoing: sendRequest waits on it
@@ -178,6 +180,16 @@ private:
         const void* data = nullptr;
         uint32_t dataSize = 0;
         zu::Signal* event = nullptr;  // respond waits on it
+    };
+    // What the pump sends of an outgoing request: a view of its record, taken under the lock.
+    struct RequestToSend {
+        uint32_t id = 0;
+        uint32_t value = 0;
+        zu::InplaceString<128> text;
+        const void* data = nullptr;
+        uint32_t dataSize = 0;
+        uint32_t bytesSent = 0;
+        bool sent = false;
     };
     struct NotificationRecord {
         uint64_t arrival = 0;  // incoming: order in which the first chunks came
@@ -222,6 +234,13 @@ private:
     void wakeToSend();
     void leaveBlockingCall() ZU_REQUIRES(m_outgoingLock);
     bool sendCollected(PacketSink& sink);
+    // The direct write (see writeDirectly).
+    bool writeRequestDirectly(uint32_t id);
+    bool writeResponseDirectly(uint32_t serial);
+    template <typename Write>
+    bool writeDirectly(const Write& write);
+    bool requestMayGoDirectly(size_t index) const ZU_REQUIRES(m_outgoingLock);
+    bool responseMayGoDirectly(size_t index) const ZU_REQUIRES(m_outgoingLock);
 
     // Incoming side.
     void discardAbortedRequest() ZU_REQUIRES(m_incomingLock);
@@ -316,15 +335,19 @@ private:
     std::atomic<uint64_t> m_droppedEmptyText{0};
     std::atomic<uint64_t> m_droppedOtherConnection{0};
     std::atomic<uint64_t> m_droppedConnectionLimit{0};
+    std::atomic<uint64_t> m_sentDirectly{0};
+    std::atomic<uint64_t> m_sentDirectlyInPart{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,
     // kept between passes so that pumping allocates nothing once warmed up.
     zu::Vector<ResponseRecord> m_pumpResponses;
-    zu::Vector<RequestRecord> m_pumpRequests;
+    zu::Vector<RequestToSend> m_pumpRequests;
     zu::Vector<NotificationRecord> m_pumpNotifications;
     zu::Vector<zu::Signal*> m_pumpWaiters;
     bool m_leftUnsent = false;  // respond calls to wake once the lock is released
+    // Messages are framed in it by whoever holds the owner's socket lock: the manager's thread
+    // in its pass, or a caller writing directly (with no owner lock, the pumping thread).
     net::Packet m_sendPacket;
 };
 

@@ -23,6 +23,9 @@ constexpr const char* kManagerThreadName = "ZMK - Communication Pipe";
 
 // On a manager's thread: that manager's stop flag.
 thread_local const std::atomic<bool>* t_threadStopFlag = nullptr;
+// On a manager's thread while it holds its socket lock: that manager. A callback run then on
+// the thread must not try the lock again (for a direct write): it is the thread's own.
+thread_local const void* t_socketLockHolder = nullptr;
 // Remote names are cut to this length, and no more than kMaxRemoteNames different ones are
 // kept (see setRemoteName).
 constexpr size_t kMaxRemoteNameLength = 127;
@@ -86,6 +89,8 @@ int NetCommunicationPipeManager::run() {
     zu::registerThread(kManagerThreadSlot);
     zu::setThreadName(zu::getCurrentThreadId(), kManagerThreadName);
     while (!m_stopRequested.load()) {
+        bool failed = false;
+        lockSockets();
         try {
             if (m_isServer) {
                 serverPass();
@@ -95,13 +100,30 @@ int NetCommunicationPipeManager::run() {
         } catch (const zu::OutOfMemoryException&) {
             // Out of memory inside the runtime (a socket's buffers): the connections and pipes
             // are left as the pass left them, and the next pass tries again a little later.
-            runAfterPass();
+            failed = true;
+        }
+        unlockSockets();
+        runAfterPass();  // a pass that ended early
+        if (failed) {
             zu::sleepMs(kServerPassMs);
         }
-        runAfterPass();  // a pass that ended early
     }
     t_threadStopFlag = nullptr;
     return 0;
+}
+
+void NetCommunicationPipeManager::lockSockets() {
+    m_ioLock.lock();
+    t_socketLockHolder = this;
+}
+
+void NetCommunicationPipeManager::unlockSockets() {
+    t_socketLockHolder = nullptr;
+    m_ioLock.unlock();
+}
+
+zu::Mutex* NetCommunicationPipeManager::socketLock() {
+    return t_socketLockHolder == this ? nullptr : &m_ioLock;
 }
 
 // --- Operations for application threads ---

@@ -98,6 +98,8 @@ public:
     void onOutgoingQueued() override { m_outgoingQueued.store(true); }
     void wakeAfterPass(zu::Signal* event) override;
     void callAfterPass(const PipeCallback& callback, CommunicationPipe* pipe) override;
+    // Null on this manager's own thread while it holds the lock (a callback of its pass).
+    zu::Mutex* socketLock() override;
 
 private:
     struct SocketEntry {
@@ -169,34 +171,41 @@ private:
         size_t m_watchedCount = 0;
     };
 
-    // --- Passes (manager thread) ---
-    void serverPass();
-    bool acceptClient();
-    bool serveSocket(size_t index);
+    // --- Passes (manager thread, with the socket lock held) ---
+    void serverPass() ZU_REQUIRES(m_ioLock);
+    bool acceptClient() ZU_REQUIRES(m_ioLock);
+    bool serveSocket(size_t index) ZU_REQUIRES(m_ioLock);
     static void updateSocket(net::Socket& socket);
-    void pollPackets(SocketEntry& entry);
+    void pollPackets(SocketEntry& entry) ZU_REQUIRES(m_ioLock);
     static zu::WaitHandle waitHandleOf(const SocketEntry& entry);
-    void noteReadableSockets(const WaitList& waits);
+    // Lets the socket lock go, runs what waited for the pass's end, waits, and takes the lock
+    // again; then notes which sockets the wait found readable.
+    int waitBetweenPasses(WaitList& waits, uint32_t timeoutMs) ZU_REQUIRES(m_ioLock);
+    void lockSockets() ZU_ACQUIRE(m_ioLock);
+    void unlockSockets() ZU_RELEASE(m_ioLock);
+    void noteReadableSockets(const WaitList& waits) ZU_REQUIRES(m_ioLock);
     SocketEntry makeEntry(zu::UniquePtr<net::Socket> socket);
-    ConnectionBudget* budgetOf(const net::Socket* socket);
-    void clientPass();
-    void sendOpenPipes(net::Socket& socket);
+    ConnectionBudget* budgetOf(const net::Socket* socket) ZU_REQUIRES(m_ioLock);
+    void clientPass() ZU_REQUIRES(m_ioLock);
+    void sendOpenPipes(net::Socket& socket) ZU_REQUIRES(m_ioLock);
     double nextOpenPipeDue() const;
-    void onClientDropped(net::Socket& socket);
-    void connectClient(SocketEntry& entry, double now);
+    void onClientDropped(net::Socket& socket) ZU_REQUIRES(m_ioLock);
+    void connectClient(SocketEntry& entry, double now) ZU_REQUIRES(m_ioLock);
     bool pumpIsDue();
-    void runAfterPass();
+    void runAfterPass() ZU_EXCLUDES(m_ioLock);
     void collectPipes();
-    void pumpPipes();
+    void pumpPipes() ZU_REQUIRES(m_ioLock);
     bool addPipeWakeHandles(WaitList& waits);
 
-    // --- Messages (manager thread) ---
+    // --- Messages (manager thread, with the socket lock held) ---
     // Returns false when the connection must not be read further this pass.
-    bool dispatch(net::Socket& socket, net::Packet& packet);
-    void onRedirect(net::Socket& socket, const pipe_protocol::Message& message);
-    void onWelcome(net::Socket& socket, const pipe_protocol::Message& message);
-    void openPipe(net::Socket& socket, const char* pipeName);
-    void detachPipesFrom(const net::Socket* socket);
+    bool dispatch(net::Socket& socket, net::Packet& packet) ZU_REQUIRES(m_ioLock);
+    void onRedirect(net::Socket& socket, const pipe_protocol::Message& message)
+        ZU_REQUIRES(m_ioLock);
+    void onWelcome(net::Socket& socket, const pipe_protocol::Message& message)
+        ZU_REQUIRES(m_ioLock);
+    void openPipe(net::Socket& socket, const char* pipeName) ZU_REQUIRES(m_ioLock);
+    void detachPipesFrom(const net::Socket* socket) ZU_REQUIRES(m_ioLock);
 
     // --- Helpers ---
     PipeEntry* findEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
@@ -215,6 +224,12 @@ private:
     std::atomic<bool> m_stopRequested{false};
     std::atomic<uint32_t> m_id;
     zu::Event m_wakeEvent;  // wakes the thread: a new pipe, an address change, the end
+
+    // Held by the manager's thread for the whole of a pass, let go only while it waits. Whoever
+    // holds it may use the sockets: the thread, or a pipe's caller that borrows its pipe's
+    // socket for a direct write (see NetCommunicationPipe). Sockets and pipes are attached,
+    // detached and destroyed with it held.
+    zu::Mutex m_ioLock;
 
     mutable zu::Mutex m_addressLock;
     zu::InplaceString<128> m_name ZU_GUARDED_BY(m_addressLock);
@@ -246,9 +261,10 @@ private:
     std::atomic<uint64_t> m_maxUnfinishedPerConnection{ConnectionBudget::kDefaultMaxUnfinished};
     std::atomic<uint64_t> m_maxQueuedPerConnection{ConnectionBudget::kDefaultMaxQueued};
 
-    // Manager thread only (and construction / destruction).
+    // Manager thread only (and construction / destruction); the sockets also with m_ioLock
+    // held, since callers borrow them under it.
     zu::UniquePtr<net::Listener> m_listener;
-    zu::Vector<SocketEntry> m_sockets;
+    zu::Vector<SocketEntry> m_sockets ZU_GUARDED_BY(m_ioLock);
     uint32_t m_nextConnectionId = 0;
     bool m_wasConnected = false;
     // Pumping is skipped while no pipe queued anything and the last pump sent all it took.

@@ -237,9 +237,7 @@ void NetCommunicationPipeManager::serverPass() {
     }
     // Pipes beyond the list's room are served by the pass's bound.
     addPipeWakeHandles(waits);
-    runAfterPass();
-    const int ready = waits.wait(m_moreWork ? 0 : kServerPassMs);
-    noteReadableSockets(waits);
+    const int ready = waitBetweenPasses(waits, m_moreWork ? 0 : kServerPassMs);
     m_mayAccept = listening && (ready == WaitList::kNotWaited || waits.sawReady(listenerHandle));
 }
 
@@ -339,6 +337,17 @@ zu::WaitHandle NetCommunicationPipeManager::waitHandleOf(const SocketEntry& entr
     return handle;
 }
 
+// Callers woken by the pass find the socket lock free, and may write at once while the thread
+// sleeps.
+int NetCommunicationPipeManager::waitBetweenPasses(WaitList& waits, uint32_t timeoutMs) {
+    unlockSockets();
+    runAfterPass();
+    const int ready = waits.wait(timeoutMs);
+    lockSockets();
+    noteReadableSockets(waits);
+    return ready;
+}
+
 // A socket reads again unless the wait watched it for reading and found nothing.
 void NetCommunicationPipeManager::noteReadableSockets(const WaitList& waits) {
     for (const SocketEntry& entry : m_sockets) {
@@ -395,9 +404,7 @@ void NetCommunicationPipeManager::clientPass() {
         const double nextConnect = entry.lastConnectAttempt + kReconnectInterval;
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextConnect, now, timeoutMs));
     }
-    runAfterPass();
-    waits.wait(m_moreWork ? 0 : timeoutMs);
-    noteReadableSockets(waits);
+    waitBetweenPasses(waits, m_moreWork ? 0 : timeoutMs);
 }
 
 // Asks the server for every pipe not attached yet, again each kOpenPipeInterval.

@@ -138,7 +138,7 @@ bool NetCommunicationPipe::storeRequestChunk(const pipe_protocol::Message& messa
             count(Drop::kMalformed);
             return false;
         }
-        std::memcpy(static_cast<uint8_t*>(request->data) + chunk.offset, chunk.bytes, chunk.size);
+        std::memcpy(request->ownedData.data() + chunk.offset, chunk.bytes, chunk.size);
         if (!chunk.endsPayload()) {
             return false;
         }
@@ -210,38 +210,34 @@ bool NetCommunicationPipe::justifiedByArrivedBytes(const RequestRecord& request,
 // wrote are copied over. False, with the reason in `refusal`, when the connection's budget has
 // no room for the growth or memory ran out.
 bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t end, Drop* refusal) {
-    if (end <= request.dataCapacity) {
+    const uint64_t held = request.ownedData.size();
+    if (end <= held) {
         return true;
     }
     const uint64_t capacity =
-        std::min<uint64_t>(std::max<uint64_t>(2ull * request.dataCapacity, end), request.dataSize);
-    const uint64_t growth = capacity - request.dataCapacity;
+        std::min<uint64_t>(std::max<uint64_t>(2ull * held, end), request.dataSize);
+    const uint64_t growth = capacity - held;
     if (!chargeUnfinished(growth)) {
         *refusal = Drop::kConnectionLimit;
         return false;
     }
-    void* grown = nullptr;
+    zu::Buffer grown;
     try {
-        grown = zu::allocateMemory(static_cast<size_t>(capacity), kRequestDataAlignment);
+        grown = zu::Buffer(static_cast<size_t>(capacity), kRequestDataAlignment);
     } catch (const zu::OutOfMemoryException&) {
         releaseUnfinished(growth);
         *refusal = Drop::kOverLimit;
         return false;
     }
-    if (request.data) {
-        std::memcpy(grown, request.data, request.received.end());
+    if (!request.ownedData.empty()) {
+        std::memcpy(grown.data(), request.ownedData.data(), request.received.end());
     }
-    zu::deleteMemory(request.data);
-    request.data = grown;
-    request.dataCapacity = static_cast<uint32_t>(capacity);
+    request.ownedData = std::move(grown);
     return true;
 }
 
 void NetCommunicationPipe::dropPartialRequest(size_t index) {
-    RequestRecord& request = m_partialRequests[index];
-    releaseUnfinished(request.dataCapacity);
-    zu::deleteMemory(request.data);
-    request.data = nullptr;
+    releaseUnfinished(m_partialRequests[index].ownedData.size());
     m_partialRequests.erase(index);
 }
 
@@ -250,14 +246,13 @@ void NetCommunicationPipe::dropPartialRequest(size_t index) {
 void NetCommunicationPipe::completeRequest(size_t index) {
     RequestRecord& request = m_partialRequests[index];
     request.complete = true;
-    releaseUnfinished(request.dataCapacity);
+    releaseUnfinished(request.ownedData.size());
     chargeQueued(queuedCharge(request));
     auto at = m_incomingRequests.end();
     while (at != m_incomingRequests.begin() && std::prev(at)->arrival > request.arrival) {
         --at;
     }
     m_incomingRequests.insert(at, std::move(request));
-    request.data = nullptr;
     m_partialRequests.erase(index);
 }
 
@@ -286,7 +281,7 @@ NetCommunicationPipe::RequestRecord* NetCommunicationPipe::findPartialRequest(ui
 // --- Budget (incomingLock held) ---
 
 uint64_t NetCommunicationPipe::queuedCharge(const RequestRecord& request) {
-    return sizeof(RequestRecord) + request.dataCapacity;
+    return sizeof(RequestRecord) + request.ownedData.size();
 }
 
 uint64_t NetCommunicationPipe::queuedCharge(const NotificationRecord& notification) {

@@ -11,10 +11,11 @@ const char* orEmpty(const char* text) {
     return text ? text : "";
 }
 
-// Writes the message in packets of id kPipePacketId from `progress.bytesSent` on, until the
+// Sends the message in packets of id kPipePacketId from `progress.bytesSent` on, until the
 // whole payload has gone or the socket has more than `progress.queueLimit` bytes queued.
 // `writeHead` writes the kind and the fields up to and including the payload's total size;
-// each packet then gets the chunk's offset, its size and as much of the payload as it takes.
+// each packet then gets the chunk's offset and size in `packet`, and the chunk itself goes to
+// the sink from the caller's memory, as the packet's tail.
 template <typename WriteHead>
 SendResult sendChunked(PacketSink& sink, net::Packet& packet, SendProgress& progress,
                        const WriteHead& writeHead, const void* payload, uint32_t totalSize) {
@@ -29,20 +30,18 @@ SendResult sendChunked(PacketSink& sink, net::Packet& packet, SendProgress& prog
         packet.reset(kPipePacketId);
         writeHead(packet);
         packet << progress.bytesSent;
-        const uint32_t chunkSizePos = packet.getPos();
-        packet << uint32_t(0);
-        uint32_t taken = 0;
-        if (totalSize != 0) {
-            taken = packet.write(bytes + progress.bytesSent, totalSize - progress.bytesSent);
-            if (taken == 0) {
-                return SendResult::kFailed;  // the head alone fills a packet: this would never end
-            }
-            const uint32_t endPos = packet.getPos();
-            packet.setPos(chunkSizePos);
-            packet << taken;
-            packet.setPos(endPos);
+        const uint32_t headSize = packet.getSize() + 4;  // with the chunk size still to come
+        if (packet.hasError() || headSize > net::Packet::kMaxPayload) {
+            return SendResult::kFailed;
         }
-        if (packet.hasError() || !sink.sendPacket(packet)) {
+        const uint32_t room = net::Packet::kMaxPayload - headSize;
+        const uint32_t left = totalSize - progress.bytesSent;
+        const uint32_t taken = left < room ? left : room;
+        if (totalSize != 0 && taken == 0) {
+            return SendResult::kFailed;  // the head alone fills a packet: this would never end
+        }
+        packet << taken;
+        if (packet.hasError() || !sink.sendPacket(packet, bytes + progress.bytesSent, taken)) {
             return SendResult::kFailed;
         }
         progress.bytesSent += taken;
@@ -53,6 +52,16 @@ SendResult sendChunked(PacketSink& sink, net::Packet& packet, SendProgress& prog
 // A text field: its length, its bytes and the terminator.
 uint64_t textFieldSize(const char* text) {
     return 4u + std::strlen(orEmpty(text)) + 1u;
+}
+
+// kind, name, id, value, text, dataSize, offset, chunkSize
+uint64_t requestHeadSize(const char* pipeName, const char* text) {
+    return 4 + textFieldSize(pipeName) + 4 + 4 + textFieldSize(text) + 3 * 4;
+}
+
+// kind, name, id, text, dataSize, offset, chunkSize
+uint64_t responseHeadSize(const char* pipeName, const char* text) {
+    return 4 + textFieldSize(pipeName) + 4 + textFieldSize(text) + 3 * 4;
 }
 
 bool headLeavesRoom(uint64_t headSize, uint32_t dataSize) {
@@ -127,15 +136,19 @@ bool decode(net::Packet& packet, Message& message) {
 }
 
 bool requestFitsPacket(const char* pipeName, const char* text, uint32_t dataSize) {
-    // kind, name, id, value, text, dataSize, offset, chunkSize
-    const uint64_t head = 4 + textFieldSize(pipeName) + 4 + 4 + textFieldSize(text) + 3 * 4;
-    return headLeavesRoom(head, dataSize);
+    return headLeavesRoom(requestHeadSize(pipeName, text), dataSize);
 }
 
 bool responseFitsPacket(const char* pipeName, const char* text, uint32_t dataSize) {
-    // kind, name, id, text, dataSize, offset, chunkSize
-    const uint64_t head = 4 + textFieldSize(pipeName) + 4 + textFieldSize(text) + 3 * 4;
-    return headLeavesRoom(head, dataSize);
+    return headLeavesRoom(responseHeadSize(pipeName, text), dataSize);
+}
+
+bool requestFitsOnePacket(const char* pipeName, const char* text, uint32_t dataSize) {
+    return requestHeadSize(pipeName, text) + dataSize <= net::Packet::kMaxPayload;
+}
+
+bool responseFitsOnePacket(const char* pipeName, const char* text, uint32_t dataSize) {
+    return responseHeadSize(pipeName, text) + dataSize <= net::Packet::kMaxPayload;
 }
 
 SendResult sendRequest(PacketSink& sink, net::Packet& scratch, SendProgress& progress,

@@ -72,6 +72,9 @@ bool decode(net::Packet& packet, Message& message);
 // and, with data, leave room for at least one byte of it.
 bool requestFitsPacket(const char* pipeName, const char* text, uint32_t dataSize);
 bool responseFitsPacket(const char* pipeName, const char* text, uint32_t dataSize);
+// Whether the whole message, data and all, goes in a single packet.
+bool requestFitsOnePacket(const char* pipeName, const char* text, uint32_t dataSize);
+bool responseFitsOnePacket(const char* pipeName, const char* text, uint32_t dataSize);
 
 // How far a chunked send got.
 enum class SendResult {

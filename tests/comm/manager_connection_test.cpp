@@ -67,8 +67,9 @@ TEST_F(ManagerConnectionTest, ExchangeWithAServerInAnotherProcess) {
     ASSERT_TRUE(waitUntil([&] { return pipe->isConnected(); }));
     EXPECT_STREQ(client->getRemoteName(), "peer");
 
+    // Callers at once, most of them writing to the connection themselves.
     std::vector<std::unique_ptr<RequestThread>> requests;
-    for (uint32_t i = 0; i < 4; ++i) {
+    for (uint32_t i = 0; i < 24; ++i) {
         const size_t size = i == 0 ? 300 * 1024 : 10 * i;
         requests.push_back(std::make_unique<RequestThread>(pipe, "binary " + std::to_string(i),
                                                            patternBytes(size, i), size));
@@ -77,6 +78,7 @@ TEST_F(ManagerConnectionTest, ExchangeWithAServerInAnotherProcess) {
     for (const auto& request : requests) {
         EXPECT_TRUE(request->echoed()) << request->result();
     }
+    EXPECT_GT(dm::getPipeStatistics(pipe).sentDirectly, 0u);
 
     ASSERT_TRUE(pipe->sendNotify("across", 0));
     zu::InplaceString<128> echoed;

@@ -58,7 +58,12 @@ inline int deliverTo(dm::NetCommunicationPipe& pipe, const net::Packet& packet) 
 // taken, so that a pump pauses as it would on a socket the peer does not read.
 class Outbox final : public dm::PacketSink {
 public:
-    bool sendPacket(const net::Packet& packet) override {
+    bool sendPacket(const net::Packet& head, const void* tail, uint32_t tailSize) override {
+        net::Packet packet(head);
+        packet.setPos(packet.getSize());
+        if (packet.write(tail, tailSize) != tailSize) {
+            return false;
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
         m_packets.push_back(packet);
         m_queued += packet.getSize();
@@ -137,7 +142,7 @@ public:
     // One send step, into the outbox when attached (nothing is sent otherwise).
     bool pump() { return m_pipe.pumpOutgoing(m_attached ? &m_outbox : nullptr); }
     // Puts a packet written by hand in the outbox, as if this end had sent it.
-    void send(const net::Packet& packet) { m_outbox.sendPacket(packet); }
+    void send(const net::Packet& packet) { m_outbox.sendPacket(packet, nullptr, 0); }
     // Hands everything the peer sent to this end's pipe, counting kinds.
     PacketCounts receive() {
         PacketCounts counts;

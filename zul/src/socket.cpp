@@ -203,8 +203,19 @@ zu::InplaceString<128> Socket::getConnectedIP() const {
 // Sending
 
 bool Socket::sendPacket(const Packet& packet) {
+    return sendPacket(packet, nullptr, 0);
+}
+
+bool Socket::sendPacket(const Packet& head, const void* tail, uint32_t tailSize) {
+    if (!tail || tailSize == 0) {
+        tail = nullptr;
+        tailSize = 0;
+    }
+    if (static_cast<uint64_t>(head.getSize()) + tailSize > Packet::kMaxPayload) {
+        return false;
+    }
     try {
-        return sendFrame(packet);
+        return sendFrame(head, static_cast<const uint8_t*>(tail), tailSize);
     } catch (const zu::OutOfMemoryException&) {
         // No room to queue what the OS did not take: part of the frame may be on its way, so
         // nothing sent after it could be read. The connection is given up.
@@ -213,48 +224,56 @@ bool Socket::sendPacket(const Packet& packet) {
     }
 }
 
-bool Socket::sendFrame(const Packet& packet) {
+bool Socket::sendFrame(const Packet& head, const uint8_t* tail, uint32_t tailSize) {
     if (m_state != State::Connected && m_state != State::Connecting) {
         return false;
     }
+    const uint32_t payloadSize = head.getSize() + tailSize;
     uint8_t header[wire::kHeaderSize];
-    wire::storeHeader(header, packet.getID(), packet.getSize());
+    wire::storeHeader(header, head.getID(), payloadSize);
     if (m_state == State::Connected && hasSendsToDo() && !flushSends()) {
         return false;
     }
     if (m_state == State::Connected && !hasSendsToDo()) {
-        return sendDirect(header, packet);
+        return sendDirect(header, head, tail, tailSize);
     }
-    if (!waitForSendRoom(wire::kHeaderSize + packet.getSize())) {
+    if (!waitForSendRoom(wire::kHeaderSize + payloadSize)) {
         return false;
     }
     appendToSendQueue(header, wire::kHeaderSize);
-    appendToSendQueue(packet.getData(), packet.getSize());
+    appendToSendQueue(head.getData(), head.getSize());
+    appendToSendQueue(tail, tailSize);
     return m_state != State::Connected || flushSends();
 }
 
-// With nothing queued the frame goes straight from the packet to the OS; only what the OS
-// does not take now is copied into the queue.
-bool Socket::sendDirect(const uint8_t* header, const Packet& packet) {
-    uint32_t payloadSize = packet.getSize();
-    const platform::ConstBytes pieces[2] = {{header, wire::kHeaderSize},
-                                            {packet.getData(), payloadSize}};
-    const platform::IoResult sent = platform::send(m_handle, pieces, payloadSize > 0 ? 2 : 1);
+// With nothing queued the frame goes straight from where its pieces lie to the OS; only what
+// the OS does not take now is copied into the queue, so that the frame still goes out whole.
+bool Socket::sendDirect(const uint8_t* header, const Packet& head, const uint8_t* tail,
+                        uint32_t tailSize) {
+    const platform::ConstBytes pieces[3] = {
+        {header, wire::kHeaderSize}, {head.getData(), head.getSize()}, {tail, tailSize}};
+    uint32_t count = 1;
+    for (uint32_t i = 1; i < 3; ++i) {
+        if (pieces[i].size > 0) {
+            count = i + 1;
+        }
+    }
+    const platform::IoResult sent = platform::send(m_handle, pieces, count);
     if (sent.status == platform::IoStatus::Broken) {
         peerClosed();
         return false;
     }
     uint32_t done = sent.status == platform::IoStatus::Done ? sent.bytes : 0;
-    uint32_t frameSize = wire::kHeaderSize + payloadSize;
+    uint32_t frameSize = wire::kHeaderSize + head.getSize() + tailSize;
     if (done == frameSize) {
         return true;
     }
     reserveSendRoom(frameSize - done);
-    if (done < wire::kHeaderSize) {
-        appendToSendQueue(header + done, wire::kHeaderSize - done);
-        done = wire::kHeaderSize;
+    for (const platform::ConstBytes& piece : pieces) {
+        const uint32_t skipped = done < piece.size ? done : piece.size;
+        done -= skipped;
+        appendToSendQueue(piece.data + skipped, piece.size - skipped);
     }
-    appendToSendQueue(packet.getData() + (done - wire::kHeaderSize), frameSize - done);
     return true;
 }
 

@@ -128,6 +128,11 @@ struct PipeStatistics {
     // not yet taken by the application (with their records).
     uint64_t unfinishedIncomingBytes = 0;
     uint64_t queuedIncomingBytes = 0;
+    // Requests and responses that the calling thread wrote to the connection itself, the
+    // manager's thread being idle, and those of them of which the system took only a part at
+    // once (the manager's thread sent the rest).
+    uint64_t sentDirectly = 0;
+    uint64_t sentDirectlyInPart = 0;
 };
 
 // The manager's callbacks: a context pointer and a function, set when either is non-null.

@@ -52,6 +52,11 @@ public:
     // kMaxQueuedSend bytes queued) that the connection was given up. Running out of memory
     // for the send queue also gives the connection up (false), rather than throwing.
     bool sendPacket(const Packet& packet);
+    // The same for one frame whose payload is the packet's followed by `tailSize` bytes of
+    // `tail`, gathered from where they lie: bulk data goes to the OS without first being
+    // copied into a packet. False (nothing sent) when the whole payload exceeds
+    // Packet::kMaxPayload.
+    bool sendPacket(const Packet& head, const void* tail, uint32_t tailSize);
     // Returns the next whole received packet, or null. The packet belongs to the socket and
     // stays valid until the next pollPacket, update or close. `outSize` (may be null) gets its
     // payload size. When no whole packet is buffered it reads the socket once first, so a
@@ -85,8 +90,9 @@ private:
     void finishConnect();
     void peerClosed();
 
-    bool sendFrame(const Packet& packet);
-    bool sendDirect(const uint8_t* header, const Packet& packet);
+    bool sendFrame(const Packet& head, const uint8_t* tail, uint32_t tailSize);
+    bool sendDirect(const uint8_t* header, const Packet& head, const uint8_t* tail,
+                    uint32_t tailSize);
     bool waitForSendRoom(uint32_t frameSize);
     void reserveSendRoom(uint32_t length);
     void appendToSendQueue(const uint8_t* bytes, uint32_t length);

@@ -1,0 +1,253 @@
+// Callers that write their requests and responses themselves while the manager's thread
+// sleeps: racing its passes from many threads on one pipe and on many, a frame the system takes
+// only in part, and a connection that goes while callers write on it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "comm/manager_support.h"
+#include "support/manager_link.h"
+
+namespace dmtest {
+namespace {
+
+class DirectWriteTest : public ManagerTest {};
+
+uint64_t sentDirectly(const std::vector<dm::CommunicationPipe*>& pipes, bool inPart = false) {
+    uint64_t count = 0;
+    for (dm::CommunicationPipe* pipe : pipes) {
+        const dm::PipeStatistics statistics = dm::getPipeStatistics(pipe);
+        count += inPart ? statistics.sentDirectlyInPart : statistics.sentDirectly;
+    }
+    return count;
+}
+
+bool everyConnected(const std::vector<dm::CommunicationPipe*>& pipes) {
+    return std::all_of(pipes.begin(), pipes.end(), isConnected);
+}
+
+// The server end played by the test over a plain socket: it welcomes the client manager, opens
+// every pipe asked for, and takes requests only while the test serves.
+class HandPlayedServer {
+public:
+    uint32_t port() const { return m_listener.getPort(); }
+    bool accept() {
+        m_socket = acceptOne(m_listener);
+        m_opened.clear();
+        return m_socket && m_socket->sendPacket(pipewire::welcome(2, 0, "by hand"));
+    }
+    void drop() { m_socket.reset(); }
+    size_t openedPipes() const { return m_opened.size(); }
+    net::Socket& socket() { return *m_socket; }
+
+    // Reads until `done` holds (at most 10 seconds), handing every request to `onRequest`.
+    bool serve(const std::function<bool()>& done,
+               const std::function<void(const pipewire::Message&)>& onRequest = {}) {
+        return waitUntil([&] {
+            m_socket->update();
+            while (net::Packet* packet = m_socket->pollPacket(nullptr)) {
+                const pipewire::Message message = pipewire::read(*packet);
+                if (message.kind == pipewire::kOpenPipe) {
+                    m_opened.push_back(message.first);
+                    m_socket->sendPacket(
+                        pipewire::pipeMessage(pipewire::kPipeOpened, message.first.c_str()));
+                } else if (message.kind == pipewire::kRequest && onRequest) {
+                    onRequest(message);
+                }
+            }
+            if (done()) {
+                return true;
+            }
+            const zu::WaitHandle handle = m_socket->getWaitHandle();
+            zu::waitForAny(&handle, 1, 5);
+            return false;
+        });
+    }
+    // Answers a whole request with its own text and data.
+    void echo(const pipewire::Message& request) {
+        const uint32_t size = static_cast<uint32_t>(request.chunk.size());
+        m_socket->sendPacket(pipewire::response(request.first.c_str(), request.id,
+                                                request.text.c_str(), size, 0, size,
+                                                request.chunk.data()));
+    }
+
+private:
+    net::Listener m_listener{0, "127.0.0.1"};
+    zu::UniquePtr<net::Socket> m_socket;
+    std::vector<std::string> m_opened;
+};
+
+TEST_F(DirectWriteTest, CallersOnOnePipeAndOnManyPipesRaceTheManagersPasses) {
+    constexpr int kSharedCallers = 6;
+    constexpr int kOwnPipes = 8;
+    constexpr int kRequests = 60;
+    constexpr int kNotifications = 300;
+    ManagerLink link;
+    EchoResponder responder;
+    const std::string busy = link.addClient();
+    const std::string spread = link.addClient();
+    const ManagerLink::PipeEnds shared = link.connectPipe(busy, "shared");
+    ASSERT_NE(shared.client, nullptr);
+    responder.add(shared.server);
+    std::vector<dm::CommunicationPipe*> clientPipes = {shared.client};
+    std::vector<dm::CommunicationPipe*> serverPipes = {shared.server};
+    for (int p = 0; p < kOwnPipes; ++p) {
+        const ManagerLink::PipeEnds ends =
+            link.connectPipe(spread, ("own " + std::to_string(p)).c_str());
+        ASSERT_NE(ends.client, nullptr);
+        responder.add(ends.server);
+        clientPipes.push_back(ends.client);
+        serverPipes.push_back(ends.server);
+    }
+
+    // Requests of every size on the shared pipe and on pipes of their own, while notifications
+    // keep the managers' passes busy on the shared one.
+    std::atomic<int> echoed{0};
+    const auto ask = [&](dm::CommunicationPipe* pipe, int caller) {
+        for (int i = 0; i < kRequests; ++i) {
+            const size_t size = i % 20 == 0 ? 300 * 1024 : 16 + (i * 997) % 4000;
+            const std::vector<uint8_t> data = patternBytes(size, caller * 1000 + i);
+            const std::string text = "caller " + std::to_string(caller) + " #" + std::to_string(i);
+            std::vector<uint8_t> answer(size);
+            uint32_t answerSize = 0;
+            const zu::InplaceString<128> got =
+                pipe->sendRequest(text.c_str(), 0, answer.data(), static_cast<uint32_t>(size),
+                                  &answerSize, data.data(), static_cast<uint32_t>(size));
+            echoed += text == got.c_str() && answerSize == size && answer == data;
+        }
+    };
+    std::vector<std::thread> callers;
+    for (int c = 0; c < kSharedCallers; ++c) {
+        callers.emplace_back(ask, shared.client, c);
+    }
+    for (int p = 0; p < kOwnPipes; ++p) {
+        callers.emplace_back(ask, clientPipes[p + 1], kSharedCallers + p);
+    }
+    int notified = 0;
+    for (int n = 0; n < kNotifications; ++n) {
+        notified += shared.client->sendNotify(("note " + std::to_string(n)).c_str(), 0);
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(echoed.load(), (kSharedCallers + kOwnPipes) * kRequests);
+
+    // The echoed notifications came back whole and in the order they were sent.
+    int next = 0;
+    ASSERT_TRUE(waitUntil([&] {
+        for (zu::InplaceString<128> text;
+             !(text = shared.client->receiveNotify(nullptr)).empty();) {
+            EXPECT_EQ(std::string(text.c_str()), "echo: note " + std::to_string(next));
+            ++next;
+        }
+        return next == notified;
+    }));
+    // Both directions took the direct way at times.
+    EXPECT_GT(sentDirectly(clientPipes), 0u);
+    EXPECT_GT(sentDirectly(serverPipes), 0u);
+}
+
+TEST_F(DirectWriteTest, AFrameTheSystemTakesInPartIsFinishedByTheManager) {
+    constexpr int kPipes = 40;
+    constexpr size_t kSize = 240 * 1024;  // one packet each
+    HandPlayedServer server;
+    dm::CommunicationPipeManager* client = dm::initCommunicationManagerAsClient(
+        "partial-client", "127.0.0.1", static_cast<int>(server.port()));
+    std::vector<dm::CommunicationPipe*> pipes;
+    for (int p = 0; p < kPipes; ++p) {
+        pipes.push_back(client->getPipe(("bulk " + std::to_string(p)).c_str()));
+    }
+    ASSERT_TRUE(server.accept());
+    ASSERT_TRUE(
+        server.serve([&] { return server.openedPipes() >= kPipes && everyConnected(pipes); }));
+
+    // Nobody reads at the far end: the system's buffers fill, and a frame goes in part. One
+    // caller at a time, so that each finds the manager idle and writes itself.
+    std::vector<std::unique_ptr<RequestThread>> requests;
+    for (int p = 0; p < kPipes && sentDirectly(pipes, true) == 0; ++p) {
+        const uint64_t before = sentDirectly(pipes);
+        requests.push_back(std::make_unique<RequestThread>(pipes[p], "bulk " + std::to_string(p),
+                                                           patternBytes(kSize, p), kSize));
+        waitUntil([&] { return sentDirectly(pipes) > before; }, std::chrono::seconds(1));
+    }
+    ASSERT_GT(sentDirectly(pipes, true), 0u);
+
+    // Every frame arrives whole, the rest of the partial one from the manager.
+    int answered = 0;
+    const int asked = static_cast<int>(requests.size());
+    ASSERT_TRUE(server.serve([&] { return answered == asked; },
+                             [&](const pipewire::Message& request) {
+                                 const int p = std::stoi(request.text.substr(5));
+                                 EXPECT_EQ(request.chunk, patternBytes(kSize, p));
+                                 server.echo(request);
+                                 ++answered;
+                             }));
+    for (const auto& request : requests) {
+        ASSERT_TRUE(waitUntil([&] { return request->done(); }));
+        EXPECT_TRUE(request->echoed()) << request->result();
+    }
+}
+
+TEST_F(DirectWriteTest, RequestsWrittenWhileTheConnectionGoesAreSentAgain) {
+    constexpr int kPipes = 4;
+    constexpr int kRequests = 30;
+    HandPlayedServer server;
+    dm::CommunicationPipeManager* client = dm::initCommunicationManagerAsClient(
+        "reconnect-client", "127.0.0.1", static_cast<int>(server.port()));
+    std::vector<dm::CommunicationPipe*> pipes;
+    for (int p = 0; p < kPipes; ++p) {
+        pipes.push_back(client->getPipe(("again " + std::to_string(p)).c_str()));
+    }
+    ASSERT_TRUE(server.accept());
+    ASSERT_TRUE(server.serve([&] { return everyConnected(pipes); }));
+
+    std::atomic<int> echoed{0};
+    std::vector<std::thread> callers;
+    for (int p = 0; p < kPipes; ++p) {
+        callers.emplace_back([&, p] {
+            for (int i = 0; i < kRequests; ++i) {
+                const std::string text = std::to_string(p) + "-" + std::to_string(i);
+                uint8_t answer[8] = {};
+                const zu::InplaceString<128> got =
+                    pipes[p]->sendRequest(text.c_str(), 0, answer, 8, nullptr, "12345678", 8);
+                echoed += text == got.c_str() && std::memcmp(answer, "12345678", 8) == 0;
+            }
+        });
+    }
+    // The connection goes while three callers keep writing; the fourth waits on a request
+    // that was written and never answered, which must come again on the next connection.
+    int answeredSinceHeld = 0;
+    std::vector<std::string> held;
+    ASSERT_TRUE(server.serve([&] { return !held.empty() && answeredSinceHeld >= 10; },
+                             [&](const pipewire::Message& request) {
+                                 if (request.text == "0-1") {
+                                     held.push_back(request.text);
+                                     return;
+                                 }
+                                 server.echo(request);
+                                 answeredSinceHeld += held.empty() ? 0 : 1;
+                             }));
+    server.drop();
+    ASSERT_TRUE(server.accept());
+    std::vector<std::string> resent;
+    ASSERT_TRUE(server.serve([&] { return echoed.load() == kPipes * kRequests; },
+                             [&](const pipewire::Message& request) {
+                                 resent.push_back(request.text);
+                                 server.echo(request);
+                             }));
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_NE(std::find(resent.begin(), resent.end(), "0-1"), resent.end());
+    EXPECT_GT(sentDirectly(pipes), 0u);
+}
+
+}  // namespace
+}  // namespace dmtest
