@@ -53,6 +53,8 @@ public:
     void waitOnProccesses();
     bool hasSeenRefcountHolders() const { return m_refcountSeen.load(); }
     size_t memberCount() const;
+    // The manager of member `id`, or null. The member list only grows until the teardown, so
+    // the manager stays valid after the lock is let go.
     CommunicationPipeManager* member(uint32_t id) const;
 
 private:
