@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+
 #include "dm/log.h"
 #include "zu/mutex.h"
 
