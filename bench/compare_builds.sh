@@ -16,7 +16,7 @@
 set -euo pipefail
 
 if [ $# -lt 1 ]; then
-    echo "usage: $0 BASE_REV   (environment: ROUNDS=5 MIN_TIME=0.05)" >&2
+    echo "usage: $0 BASE_REV   (environment: ROUNDS=5 MIN_TIME=0.05 PROGRAMS=...)" >&2
     exit 2
 fi
 base_rev=$1
@@ -33,8 +33,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# program and the filter it runs with (empty: all of its benchmarks)
-programs=(comm_pipe_bench monitor_print console_print console_render console_cache)
+# PROGRAMS (default: all five) picks some of them, e.g. PROGRAMS=monitor_print.
+read -r -a programs <<<"${PROGRAMS:-comm_pipe_bench monitor_print console_print console_render console_cache}"
 filter_of() {
     case $1 in
     comm_pipe_bench) echo '^pipe \|.*\| unpinned' ;;  # taskset does the pinning here
@@ -102,8 +102,11 @@ for path in sorted(results.glob("*/*/*.json")):
     for entry in entries:
         if entry.get("error_occurred"):
             continue
-        # Without the settings a program puts into its names, such as /min_time:0.200.
-        name = re.sub(r"/(min_time|repeats):[^/]*", "", entry.get("run_name", entry["name"]))
+        # Without the settings a program puts into its names, such as /min_time:0.200, and
+        # without comm_pipe_bench's own "unpinned": taskset pins it or not.
+        name = re.sub(r"/(min_time:[^/]*|repeats:[^/]*|real_time|manual_time)", "",
+                      entry.get("run_name", entry["name"]))
+        name = name.replace(" | unpinned", "")
         ns = entry["real_time"] * TO_NS[entry.get("time_unit", "ns")]
         # With repetitions the run's median stands for it; otherwise its single measurement.
         if entry.get("run_type") == "aggregate":
@@ -120,14 +123,15 @@ def shown(ns):
             return f"{ns / scale:.2f} {unit}"
     return f"{ns:.1f} ns"
 
-print(f"\n{'benchmark':<62} {'base median':>12} {'head median':>12} {'head/base':>9}  runs")
+width = max([len(f"{p}: {n} [{q}]") for p, n, q in times] + [9])
+print(f"\n{'benchmark':<{width}} {'base median':>12} {'head median':>12} {'head/base':>9}  runs")
 for (program, name, pinning), sides in sorted(times.items()):
     base, head = sides.get("base", []), sides.get("head", [])
     label = f"{program}: {name} [{pinning}]"
     if not base or not head:
-        print(f"{label:<62} {'-':>12} {'-':>12} {'-':>9}  {len(base)}/{len(head)}")
+        print(f"{label:<{width}} {'-':>12} {'-':>12} {'-':>9}  {len(base)}/{len(head)}")
         continue
     b, h = statistics.median(base), statistics.median(head)
-    print(f"{label:<62} {shown(b):>12} {shown(h):>12} {h / b:>8.2f}x  {len(base)}/{len(head)}")
+    print(f"{label:<{width}} {shown(b):>12} {shown(h):>12} {h / b:>8.2f}x  {len(base)}/{len(head)}")
 print("\ntime per iteration (real time); head/base below 1: the working tree is faster")
 EOF
