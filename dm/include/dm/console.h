@@ -351,6 +351,7 @@ private:
 
     // scroll with the lock held.
     int scrollLocked(int lines) ZU_REQUIRES(stateLock());
+    // getUpmostShownConsoleLine with the lock held.
     uint32_t upmostShownLineLocked() const ZU_REQUIRES(stateLock());
     // Scrolls the text and moves viewLine along, so that drawing colours what comes into view;
     // the Locked form with the lock held.
