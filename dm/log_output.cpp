@@ -2,9 +2,9 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 
 #include "dm/log.h"
+#include "zu/mutex.h"
 
 namespace dm {
 namespace {
@@ -17,9 +17,9 @@ void writeToStandardOutput(void*, const char* line) {
 }
 
 struct LogTarget {
-    std::mutex lock;  // held while a line is delivered, so setLogSink can wait for it
-    LogSink sink = writeToStandardOutput;
-    void* context = nullptr;
+    zu::Mutex lock;  // held while a line is delivered, so setLogSink can wait for it
+    LogSink sink ZU_GUARDED_BY(lock) = writeToStandardOutput;
+    void* context ZU_GUARDED_BY(lock) = nullptr;
 };
 
 LogTarget& logTarget() {
@@ -31,7 +31,7 @@ LogTarget& logTarget() {
 
 void setLogSink(LogSink sink, void* context) {
     LogTarget& target = logTarget();
-    std::lock_guard<std::mutex> guard(target.lock);
+    zu::ScopedLock guard(target.lock);
     target.sink = sink ? sink : writeToStandardOutput;
     target.context = sink ? context : nullptr;
 }
@@ -46,7 +46,7 @@ void logLine(const char* format, ...) {
         return;
     }
     LogTarget& target = logTarget();
-    std::lock_guard<std::mutex> guard(target.lock);
+    zu::ScopedLock guard(target.lock);
     target.sink(target.context, line);
 }
 

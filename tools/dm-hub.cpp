@@ -17,6 +17,7 @@
 
 #include "dm/comm.h"
 #include "dm/endpoints.h"
+#include "zu/string.h"
 #include "zu/thread.h"
 
 namespace {
@@ -39,16 +40,31 @@ bool inputEnded() {
     return read(STDIN_FILENO, buffer, sizeof buffer) <= 0;
 }
 
+// A member is counted before its manager is made. One without a manager is reported once its
+// manager is there, or as failed ("?") once a later member has one: this tool's members join
+// one after another.
+bool memberSettled(const dm::BroadcastServer& hub, size_t member, size_t count) {
+    for (size_t id = member; id < count; ++id) {
+        if (hub.getMemberManager(static_cast<uint32_t>(id))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void reportNewMembers(dm::BroadcastServer& hub, size_t& reported) {
-    for (; reported < hub.getMemberCount(); ++reported) {
+    const size_t count = hub.getMemberCount();
+    for (; reported < count && memberSettled(hub, reported, count); ++reported) {
         dm::CommunicationPipeManager* member =
             hub.getMemberManager(static_cast<uint32_t>(reported));
         uint32_t port = 0;
+        zu::InplaceString<128> managerName("?");
         if (member) {
             member->getHost(&port);
+            managerName = member->copyName();
         }
         std::printf("dm-hub: member %zu joined: manager \"%s\" on port %u\n", reported,
-                    member ? member->getName() : "?", port);
+                    managerName.c_str(), port);
         std::fflush(stdout);
     }
 }

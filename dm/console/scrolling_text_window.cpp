@@ -125,6 +125,8 @@ ScrollingTextWindow::AliasMap& ScrollingTextWindow::accessAliasesMap() {
 }
 
 void ScrollingTextWindow::initializeMembers() {
+    // Nothing prints yet; the lock only keeps the rules of the guarded members uniform.
+    zu::ScopedLock lock(stateLock());
     state->consoleLines.lineCounter = 0;
     state->commandStack.lineCounter = 0;
     state->scrollOffset = 0;
@@ -353,7 +355,7 @@ int ScrollingTextWindow::scroll(int lines) {
 
 int ScrollingTextWindow::scrollLocked(int lines) {
     const int64_t old = state->scrollOffset;
-    const int64_t upmost = getUpmostShownConsoleLine();
+    const int64_t upmost = upmostShownLineLocked();
     int64_t offset = old + lines;
     offset = offset < 0 ? 0 : (offset > upmost ? upmost : offset);
     state->scrollOffset = static_cast<int32_t>(offset);
@@ -363,7 +365,7 @@ int ScrollingTextWindow::scrollLocked(int lines) {
 void ScrollingTextWindow::scrollBottom() {
     zu::ScopedLock lock(state->mutex);
     const int64_t old = state->scrollOffset;
-    const int64_t upmost = getUpmostShownConsoleLine();
+    const int64_t upmost = upmostShownLineLocked();
     int64_t offset = old - static_cast<int64_t>(state->consoleLines.count());
     offset = offset < 0 ? 0 : (offset > upmost ? upmost : offset);
     state->scrollOffset = static_cast<int32_t>(offset);
@@ -409,6 +411,12 @@ uint32_t ScrollingTextWindow::getLinesOnScreen() const {
 }
 
 uint32_t ScrollingTextWindow::getUpmostShownConsoleLine() const {
+    // Under the lock: printing threads add lines meanwhile.
+    zu::ScopedLock lock(stateLock());
+    return upmostShownLineLocked();
+}
+
+uint32_t ScrollingTextWindow::upmostShownLineLocked() const {
     const uint64_t stored = state->consoleLines.count();
     const uint64_t onScreen = getLinesOnScreen();
     return stored > onScreen ? static_cast<uint32_t>(stored - onScreen) : 0;

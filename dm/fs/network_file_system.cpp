@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "dm/comm.h"
 #include "fs/file_server_commands.h"
@@ -11,6 +10,7 @@
 #include "zu/file.h"
 #include "zu/memory.h"
 #include "zu/memory_file.h"
+#include "zu/mutex.h"
 
 namespace dm {
 
@@ -22,7 +22,7 @@ constexpr const char* kDefaultLocalRoot = "devkit:\\PLX\\";
 
 // Keeps the pipe's connection callback and the instance's destruction apart: the callback runs
 // on the pipe manager's thread.
-std::mutex s_instanceLock;
+zu::Mutex s_instanceLock;
 
 using Command = zu::InplaceString<640>;
 
@@ -64,7 +64,7 @@ int low32(uint64_t value) {
 NetworkFileSystem::NetworkFileSystem(zu::FileSystem& localFileSystem)
     : m_localFileSystem(localFileSystem), m_localRoot(kDefaultLocalRoot) {
     {
-        std::lock_guard<std::mutex> lock(s_instanceLock);
+        zu::ScopedLock lock(s_instanceLock);
         s_pNetworkInstance = this;
     }
     if (CommunicationPipe* pipe = getCommunicationPipe(fileserver::kPipeName)) {
@@ -77,14 +77,14 @@ NetworkFileSystem::NetworkFileSystem(zu::FileSystem& localFileSystem)
 }
 
 NetworkFileSystem::~NetworkFileSystem() {
-    std::lock_guard<std::mutex> lock(s_instanceLock);
+    zu::ScopedLock lock(s_instanceLock);
     if (s_pNetworkInstance == this) {
         s_pNetworkInstance = nullptr;
     }
 }
 
 void NetworkFileSystem::onPipeConnected(void*, CommunicationPipe*) {
-    std::lock_guard<std::mutex> lock(s_instanceLock);
+    zu::ScopedLock lock(s_instanceLock);
     if (NetworkFileSystem* instance = s_pNetworkInstance.load()) {
         instance->m_mappedFoldersLoaded = false;
         instance->m_pipeAcquired = true;
@@ -96,7 +96,9 @@ NetworkFileSystem& NetworkFileSystem::getInstance() {
 }
 
 void NetworkFileSystem::deleteInstance() {
-    zu::deleteObject(s_pNetworkInstance.load());
+    // Made by its user with zu::newObject (or makeUnique and released); its destructor clears
+    // s_pNetworkInstance.
+    zu::UniquePtr<NetworkFileSystem> instance(s_pNetworkInstance.load());
 }
 
 void NetworkFileSystem::setLocalRoot(const char* root) {
@@ -143,8 +145,10 @@ zu::FileHandle* NetworkFileSystem::openFile(const char* path, zu::BaseFile::Mode
     }
     if (!isRemotePath(path)) {
         zu::FileHandle* local = m_localFileSystem.openFile(path, mode);
-        return local != nullptr ? zu::newObject<NetworkFileHandle>(*this, "", mode, local)
-                                : nullptr;
+        // The caller's until closeFile.
+        return local != nullptr
+                   ? zu::makeUnique<NetworkFileHandle>(*this, "", mode, local).release()
+                   : nullptr;
     }
     if (holdsQuote(path) || std::strlen(path) > NetworkFileHandle::kMaxPathLength) {
         return nullptr;
@@ -162,14 +166,13 @@ zu::FileHandle* NetworkFileSystem::openFile(const char* path, zu::BaseFile::Mode
 }
 
 bool NetworkFileSystem::closeFile(zu::FileHandle* file) {
-    NetworkFileHandle* handle = asHandle(file);
+    zu::UniquePtr<NetworkFileHandle> handle(asHandle(file));
     if (handle == nullptr) {
         return false;
     }
     if (!handle->isRemote()) {
         m_localFileSystem.closeFile(handle->localHandle);
     }
-    zu::deleteObject(handle);
     return true;
 }
 
@@ -443,12 +446,12 @@ zu::FindFileHandle* NetworkFileSystem::findNextFile(zu::FindFileHandle* find) {
     if (handle->current < handle->entries.size()) {
         return handle;
     }
-    zu::deleteObject(handle);
+    zu::UniquePtr<NetworkFindHandle> ended(handle);  // the walk is over: the handle comes back
     return nullptr;
 }
 
 void NetworkFileSystem::findClose(zu::FindFileHandle* find) {
-    zu::deleteObject(asFind(find));
+    zu::UniquePtr<NetworkFindHandle> closing(asFind(find));
 }
 
 const char* NetworkFileSystem::findGetFileName(zu::FindFileHandle* find) {

@@ -99,7 +99,7 @@ BroadcastServer::Hub::~Hub() {
 // --- The gate ---
 
 BroadcastServer::Hub::CallbackScope::CallbackScope(Hub& hub) : m_hub(hub) {
-    std::lock_guard<std::mutex> lock(hub.m_gateLock);
+    zu::ScopedLock lock(hub.m_gateLock);
     m_entered = !hub.m_closing;
     hub.m_callbacksUnderWay += m_entered ? 1 : 0;
 }
@@ -108,7 +108,7 @@ BroadcastServer::Hub::CallbackScope::~CallbackScope() {
     if (!m_entered) {
         return;
     }
-    std::lock_guard<std::mutex> lock(m_hub.m_gateLock);
+    zu::ScopedLock lock(m_hub.m_gateLock);
     if (--m_hub.m_callbacksUnderWay == 0) {
         m_hub.m_gateIdle.notify_all();
     }
@@ -116,7 +116,7 @@ BroadcastServer::Hub::CallbackScope::~CallbackScope() {
 
 bool BroadcastServer::Hub::beginForward(CommunicationPipe* replyPipe,
                                         CommunicationPipe* targetPipe) {
-    std::lock_guard<std::mutex> lock(m_gateLock);
+    zu::ScopedLock lock(m_gateLock);
     if (m_closing) {
         return false;
     }
@@ -126,16 +126,17 @@ bool BroadcastServer::Hub::beginForward(CommunicationPipe* replyPipe,
 }
 
 void BroadcastServer::Hub::endForward() {
-    std::lock_guard<std::mutex> lock(m_gateLock);
+    zu::ScopedLock lock(m_gateLock);
     m_forwardReplyPipe = nullptr;
     m_forwardTargetPipe = nullptr;
 }
 
 // No callback runs past this, and a forwarded request that waits is let go.
 void BroadcastServer::Hub::closeGate() {
-    std::unique_lock<std::mutex> lock(m_gateLock);
+    zu::ScopedLock lock(m_gateLock);
     m_closing = true;
-    m_gateIdle.wait(lock, [this] { return m_callbacksUnderWay == 0; });
+    m_gateIdle.wait(m_gateLock,
+                    [this]() ZU_REQUIRES(m_gateLock) { return m_callbacksUnderWay == 0; });
     abortBlockedCalls(m_forwardTargetPipe);
     abortBlockedCalls(m_forwardReplyPipe);
 }

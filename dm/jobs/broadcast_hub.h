@@ -14,11 +14,9 @@
 #pragma once
 
 #include <atomic>
-
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 #include "dm/comm.h"
 #include "dm/endpoints.h"
@@ -55,6 +53,8 @@ public:
     void waitOnProccesses();
     bool hasSeenRefcountHolders() const { return m_refcountSeen.load(); }
     size_t memberCount() const;
+    // The manager of member `id`, or null. The member list only grows until the teardown, so
+    // the manager stays valid after the lock is let go.
     CommunicationPipeManager* member(uint32_t id) const;
 
 private:
@@ -140,12 +140,12 @@ private:
     zu::Vector<Member> m_members ZU_GUARDED_BY(m_lock);
     zu::Vector<zu::InplaceString<128>> m_pipeNames ZU_GUARDED_BY(m_lock);
 
-    std::mutex m_gateLock;  // guards the four below
-    std::condition_variable m_gateIdle;
-    bool m_closing = false;
-    size_t m_callbacksUnderWay = 0;
-    CommunicationPipe* m_forwardReplyPipe = nullptr;
-    CommunicationPipe* m_forwardTargetPipe = nullptr;
+    zu::Mutex m_gateLock;
+    std::condition_variable_any m_gateIdle;  // waits on m_gateLock
+    bool m_closing ZU_GUARDED_BY(m_gateLock) = false;
+    size_t m_callbacksUnderWay ZU_GUARDED_BY(m_gateLock) = 0;
+    CommunicationPipe* m_forwardReplyPipe ZU_GUARDED_BY(m_gateLock) = nullptr;
+    CommunicationPipe* m_forwardTargetPipe ZU_GUARDED_BY(m_gateLock) = nullptr;
 
     PipeFanOut m_fanOut;
     RequestForwarder m_forwarder;

@@ -4,10 +4,10 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <utility>
 
 #include "zu/exception.h"
+#include "zu/mutex.h"
 #include "zu/thread.h"
 #include "zu/vector.h"
 
@@ -27,7 +27,7 @@ public:
     // Queues `item`; false (nothing queued) when the queue is full or the thread stopped.
     bool push(Item item) {
         {
-            std::lock_guard<std::mutex> lock(m_lock);
+            zu::ScopedLock lock(m_lock);
             if (m_stopping || m_items.size() >= m_capacity) {
                 return false;
             }
@@ -44,7 +44,7 @@ public:
     // Lets the item being worked on finish, drops the rest and joins the thread.
     void stop() {
         {
-            std::lock_guard<std::mutex> lock(m_lock);
+            zu::ScopedLock lock(m_lock);
             m_stopping = true;
             m_items.clear();
         }
@@ -56,7 +56,7 @@ protected:
     // Works on one batch of items, on the thread, outside the queue's lock.
     virtual void work(zu::Vector<Item>& items) = 0;
     bool isStopping() {
-        std::lock_guard<std::mutex> lock(m_lock);
+        zu::ScopedLock lock(m_lock);
         return m_stopping;
     }
 
@@ -65,8 +65,10 @@ private:
         zu::Vector<Item> batch;
         for (;;) {
             {
-                std::unique_lock<std::mutex> lock(m_lock);
-                m_wake.wait(lock, [this] { return m_stopping || !m_items.empty(); });
+                zu::ScopedLock lock(m_lock);
+                m_wake.wait(m_lock, [this]() ZU_REQUIRES(m_lock) {
+                    return m_stopping || !m_items.empty();
+                });
                 if (m_stopping) {
                     return 0;
                 }
@@ -78,10 +80,10 @@ private:
     }
 
     const size_t m_capacity;
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    zu::Vector<Item> m_items;
-    bool m_stopping = false;
+    zu::Mutex m_lock;
+    std::condition_variable_any m_wake;  // waits on m_lock
+    zu::Vector<Item> m_items ZU_GUARDED_BY(m_lock);
+    bool m_stopping ZU_GUARDED_BY(m_lock) = false;
 };
 
 }  // namespace dm

@@ -73,4 +73,26 @@ TEST(ConcurrentPrinting, LosesAndTearsNoLine) {
     }
 }
 
+// The game thread may ask how far up the view can go while other threads print.
+TEST(ConcurrentPrinting, TheUpmostShownLineIsReadWhileLinesComeIn) {
+    dmtest::FakeShapeEngine engine;
+    dm::ScrollingTextWindow window(&engine, 0.0f);
+    const uint32_t onScreen = window.getLinesOnScreen();
+    std::atomic<bool> done{false};
+    std::thread printer([&window, &done] {
+        for (int line = 0; line < kThreads * kLinesPerThread; ++line) {
+            window.print("line %d\n", line);
+        }
+        done = true;
+    });
+    uint32_t last = 0;
+    for (int reads = 0; reads < 1000000 && !done.load(); ++reads) {
+        const uint32_t upmost = window.getUpmostShownConsoleLine();
+        ASSERT_GE(upmost, last) << "lines are only ever added here";
+        last = upmost;
+    }
+    printer.join();
+    EXPECT_EQ(window.getUpmostShownConsoleLine(), kThreads * kLinesPerThread - onScreen);
+}
+
 }  // namespace

@@ -3,10 +3,11 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "zu/exception.h"
 #include "zu/memory.h"
+#include "zu/mutex.h"
+#include "zu/vector.h"
 
 namespace zu {
 
@@ -33,28 +34,24 @@ public:
         if (!isSeparator(folder[folder.length() - 1])) {
             folder.append('/');
         }
-        std::lock_guard<std::mutex> lock(m_mutex);
+        ScopedLock lock(m_mutex);
         m_current.store(intern(folder), std::memory_order_release);
     }
 
 private:
-    struct Node {
-        String text;
-        Node* next;
-    };
-
-    const char* intern(const String& folder) {
-        for (Node* node = m_paths; node != nullptr; node = node->next) {
-            if (node->text == folder) {
-                return node->text.c_str();
+    const char* intern(const String& folder) ZU_REQUIRES(m_mutex) {
+        for (const UniquePtr<String>& known : m_paths) {
+            if (*known == folder) {
+                return known->c_str();
             }
         }
-        m_paths = newObject<Node>(Node{String(folder), m_paths});
-        return m_paths->text.c_str();
+        // Each text has a place of its own, so growing the list moves none of them.
+        m_paths.push_back(makeUnique<String>(folder));
+        return m_paths.back()->c_str();
     }
 
-    std::mutex m_mutex;
-    Node* m_paths = nullptr;
+    Mutex m_mutex;
+    Vector<UniquePtr<String>> m_paths ZU_GUARDED_BY(m_mutex);
     std::atomic<const char*> m_current{nullptr};
 };
 

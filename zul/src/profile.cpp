@@ -1,12 +1,12 @@
 // Recording side of the thread profiler: per-thread rings of finished scopes and the registry
 // through which a snapshot reaches all of them. The packet format lives in profile_packet.cpp.
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 #include "d/profile.h"
 #include "profile_internal.h"
 #include "zu/memory.h"
+#include "zu/mutex.h"
 #include "zu/thread.h"
 #include "zu/timer.h"
 
@@ -60,7 +60,7 @@ public:
         }
         const uint64_t endMicroseconds = ThreadProfiler::nowMicroseconds();
         const OpenScope& open = m_open[m_depth];
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         FinishedScope& slot = m_ring[m_finished % kRingSize];
         copyName(slot.name, open.name);
         slot.depth = m_depth;
@@ -70,7 +70,7 @@ public:
     }
 
     void copyTo(ThreadScopes& out) const {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         out.threadId = m_threadId;
         out.finishedTotal = m_finished;
         const uint64_t kept = std::min<uint64_t>(m_finished, kRingSize);
@@ -82,7 +82,7 @@ public:
     }
 
     void clear() {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         m_finished = 0;
     }
 
@@ -91,9 +91,10 @@ private:
     OpenScope m_open[kMaxDepth] = {};
     uint32_t m_depth = 0;
 
-    mutable std::mutex m_mutex;
-    FinishedScope m_ring[kRingSize] = {};
-    uint64_t m_finished = 0;  // finished scopes since the start or the last clear
+    mutable zu::Mutex m_mutex;
+    FinishedScope m_ring[kRingSize] ZU_GUARDED_BY(m_mutex) = {};
+    uint64_t m_finished ZU_GUARDED_BY(m_mutex) =
+        0;  // finished scopes since the start or the last clear
 };
 
 // Every live thread's buffer. Never destroyed: threads may still end after static destruction.
@@ -106,30 +107,30 @@ public:
     }
 
     void add(ThreadBuffer* buffer) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         m_buffers.push_back(buffer);
     }
     void remove(ThreadBuffer* buffer) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         m_buffers.erase(std::remove(m_buffers.begin(), m_buffers.end(), buffer), m_buffers.end());
     }
     void copyAll(std::vector<ThreadScopes>& out) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         out.resize(m_buffers.size());
         for (size_t i = 0; i < m_buffers.size(); ++i) {
             m_buffers[i]->copyTo(out[i]);
         }
     }
     void clearAll() {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        zu::ScopedLock guard(m_mutex);
         for (ThreadBuffer* buffer : m_buffers) {
             buffer->clear();
         }
     }
 
 private:
-    std::mutex m_mutex;
-    std::vector<ThreadBuffer*> m_buffers;
+    zu::Mutex m_mutex;
+    std::vector<ThreadBuffer*> m_buffers ZU_GUARDED_BY(m_mutex);
 };
 
 // The calling thread's buffer; made on the thread's first scope and released when it ends.

@@ -1,8 +1,8 @@
 #include <chrono>
 #include <map>
-#include <mutex>
 
 #include "thread_platform.h"
+#include "zu/mutex.h"
 #include "zu/thread.h"
 
 namespace zu {
@@ -24,27 +24,27 @@ public:
     }
 
     void setName(ThreadId thread, const char* name) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        ScopedLock guard(m_mutex);
         m_threads[thread].name = name ? name : "";
     }
     InplaceString<128> getName(ThreadId thread) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        ScopedLock guard(m_mutex);
         auto found = m_threads.find(thread);
         return found == m_threads.end() ? InplaceString<128>() : found->second.name;
     }
     void setSlot(ThreadId thread, int slot) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        ScopedLock guard(m_mutex);
         m_threads[thread].slot = slot;
     }
     int getSlot(ThreadId thread) {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        ScopedLock guard(m_mutex);
         auto found = m_threads.find(thread);
         return found == m_threads.end() ? -1 : found->second.slot;
     }
 
 private:
-    std::mutex m_mutex;
-    std::map<ThreadId, ThreadInfo> m_threads;
+    Mutex m_mutex;
+    std::map<ThreadId, ThreadInfo> m_threads ZU_GUARDED_BY(m_mutex);
 };
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "dm/export.h"
 #include "zu/exception.h"
 #include "zu/memory.h"
+#include "zu/mutex.h"
 #include "zu/string.h"
 #include "zu/timer.h"
 #include "zu/vector.h"
@@ -334,22 +335,28 @@ public:
 
 private:
     void initializeMembers();
-    void addConsoleLine(const zu::String& line);
+    // The helpers marked ZU_REQUIRES(stateLock()) run with the state's lock held: printing
+    // threads reach the line stores, the view and the print buffers through them.
+    void addConsoleLine(const zu::String& line) ZU_REQUIRES(stateLock());
     // Adds `line` (without its line feed) as wrapped rows; returns the number of rows added.
-    uint32_t addWrappedLine(const zu::String& prefix, const zu::String& line, bool withPrefix);
-    void breakWideTokens(float room);
-    uint32_t layOutRows(const zu::String& prefix, bool withPrefix);
-    void addRow(const zu::String& prefix, size_t firstToken, size_t endToken, bool withPrefix);
-    void keepViewAfterPrinting(uint32_t addedLines);
-    void moveViewLine(int64_t lines);
-    void emptyFormattedLines();
+    uint32_t addWrappedLine(const zu::String& prefix, const zu::String& line, bool withPrefix)
+        ZU_REQUIRES(stateLock());
+    void breakWideTokens(float room) ZU_REQUIRES(stateLock());
+    uint32_t layOutRows(const zu::String& prefix, bool withPrefix) ZU_REQUIRES(stateLock());
+    void addRow(const zu::String& prefix, size_t firstToken, size_t endToken, bool withPrefix)
+        ZU_REQUIRES(stateLock());
+    void keepViewAfterPrinting(uint32_t addedLines) ZU_REQUIRES(stateLock());
+    void moveViewLine(int64_t lines) ZU_REQUIRES(stateLock());
+    void emptyFormattedLines() ZU_REQUIRES(stateLock());
 
     // scroll with the lock held.
-    int scrollLocked(int lines);
+    int scrollLocked(int lines) ZU_REQUIRES(stateLock());
+    // getUpmostShownConsoleLine with the lock held.
+    uint32_t upmostShownLineLocked() const ZU_REQUIRES(stateLock());
     // Scrolls the text and moves viewLine along, so that drawing colours what comes into view;
     // the Locked form with the lock held.
     void scrollView(int64_t lines);
-    void scrollViewLocked(int64_t lines);
+    void scrollViewLocked(int64_t lines) ZU_REQUIRES(stateLock());
     void scrollCommands(int delta);
     void loadCacheOrKeepDefaults();
     // `depth` counts how many aliases the words lie inside.
@@ -365,6 +372,8 @@ private:
 
     // Everything the window holds (scrolling_text_window_state.h); owned, never null.
     zu::UniquePtr<ScrollingTextWindowState> state;
+    // The lock of `state` (defined beside it, where the analysis learns that it is state->mutex).
+    zu::Mutex& stateLock() const;
 
     // Colouring and drawing (syntax_colouring.cpp, console_rendering.cpp).
 public:
@@ -398,19 +407,19 @@ public:
 private:
     // Cuts `line` into tokens and colours each by getSyntaxColorEntry.
     void syntaxColorLine(FormattedLine& out, const zu::String& line) const;
-    void renderScrollBar();
+    void renderScrollBar() ZU_REQUIRES(stateLock());
     void drawCommandLine();
     // Chooses the part of the command line that is shown, [first, end), moving
     // commandLineScroll so that the cursor stays in view.
     void chooseShownCommandText(float promptWidth, float cursorWidth, int32_t& first, int32_t& end);
     float characterWidth(char character) const;
     float textWidth(const char* text) const;
-    // Brings the colouring cache up to the view; the caller holds the state's mutex.
-    void updateFormattedLines();
-    void colorNewLinesAtBottom(uint32_t shift);
-    void colorOldLinesAtTop(uint32_t shift);
-    FormattedLine& formattedLineOfRow(uint32_t row);
-    void drawFormattedLines(float lineHeight);
+    // Brings the colouring cache up to the view.
+    void updateFormattedLines() ZU_REQUIRES(stateLock());
+    void colorNewLinesAtBottom(uint32_t shift) ZU_REQUIRES(stateLock());
+    void colorOldLinesAtTop(uint32_t shift) ZU_REQUIRES(stateLock());
+    FormattedLine& formattedLineOfRow(uint32_t row) ZU_REQUIRES(stateLock());
+    void drawFormattedLines(float lineHeight) ZU_REQUIRES(stateLock());
 };
 
 }  // namespace dm

@@ -238,7 +238,8 @@ public:
             return nullptr;
         }
         int fd = openRegularFile(NativePath(path).c_str(), flags);
-        return fd < 0 ? nullptr : newObject<LocalFile>(fd);
+        // The caller's until closeFile.
+        return fd < 0 ? nullptr : makeUnique<LocalFile>(fd).release();
     }
 
     bool closeFile(FileHandle* file) override {
@@ -246,9 +247,8 @@ public:
             return false;
         }
         // No retry on EINTR: the descriptor is gone either way on Linux.
-        bool closed = ::close(descriptorOf(file)) == 0;
-        deleteObject(static_cast<LocalFile*>(file));
-        return closed;
+        UniquePtr<LocalFile> closing(static_cast<LocalFile*>(file));
+        return ::close(closing->fd) == 0;
     }
 
     bool fileExists(const char* path) override {
@@ -449,11 +449,13 @@ public:
         if (++local->current < local->entries.size()) {
             return find;
         }
-        deleteObject(local);
+        UniquePtr<LocalFind> ended(local);  // the walk is over: the handle comes back to us
         return nullptr;
     }
 
-    void findClose(FindFileHandle* find) override { deleteObject(static_cast<LocalFind*>(find)); }
+    void findClose(FindFileHandle* find) override {
+        UniquePtr<LocalFind> closing(static_cast<LocalFind*>(find));
+    }
 
     const char* findGetFileName(FindFileHandle* find) override {
         const FindEntry* entry = currentEntry(find);
