@@ -80,6 +80,19 @@ TEST_F(PipeLimits, ResetDropsIncompleteNotificationsAndKeepsWholeOnes) {
     EXPECT_STREQ("after", pipe().receiveNotify(nullptr).c_str());
 }
 
+// --- Outgoing notifications ---
+
+TEST_F(PipeLimits, NotificationsThePeerDoesNotTakeAreQueuedUpToABoundInBytesAndNumber) {
+    const std::string tenMiB(10 * kMiB, 'b');
+    EXPECT_TRUE(link.left.pipe().sendNotify(tenMiB.c_str(), 1));
+    EXPECT_FALSE(link.left.pipe().sendNotify(tenMiB.c_str(), 1));  // 20 MiB would be queued
+    size_t queued = 1;
+    while (queued < 2000 && link.left.pipe().sendNotify("small", 1)) {
+        ++queued;
+    }
+    EXPECT_EQ(dm::NetCommunicationPipe::kMaxQueuedNotifications, queued);
+}
+
 // --- Texts too long for a packet ---
 
 TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
