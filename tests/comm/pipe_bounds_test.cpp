@@ -33,26 +33,7 @@ TEST_F(PipeBuffers, TwoBytesAnnouncingHalfAGibibyteHoldNoMoreThanTheyBrought) {
     EXPECT_EQ(2u, statistics().unfinishedIncomingBytes);
 }
 
-// A raw peer on a server that makes pipes on request.
-struct RawPeer {
-    explicit RawPeer(uint32_t port) { connected = socket.connect("127.0.0.1", port); }
-    void send(const net::Packet& packet) {
-        socket.sendPacket(packet);
-        socket.update();
-    }
-    void open(const std::string& pipe) {
-        send(pipewire::openPipe(pipe.c_str(), "peer"));
-        for (int i = 0; i < 4; ++i) {
-            net::Packet* answer = dmtest::nextPacket(socket);
-            if (answer && pipewire::read(*answer).kind == pipewire::kPipeOpened) {
-                return;
-            }
-        }
-        ADD_FAILURE() << "pipe " << pipe << " not opened";
-    }
-    net::Socket socket;
-    bool connected = false;
-};
+using pipewire::RawPeer;
 
 TEST(ConnectionBudget, PipesOfOneConnectionShareTheBoundOnUnfinishedData) {
     dmtest::ManagerLink link;

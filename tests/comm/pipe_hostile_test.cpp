@@ -10,8 +10,8 @@
 
 #include "comm/net_communication_pipe_manager.h"
 #include "comm/received_ranges.h"
-#include "support/loopback.h"
 #include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -85,46 +85,10 @@ TEST_F(HostileChunks, BufferGrowsOnlyWithBytesThatArrived) {
              pipewire::request("link", 0, 0, "near", 3 * kPart, 0, kPart, part.data()),
              pipewire::request("link", 0, 0, "near", 3 * kPart, 2 * kPart, kPart, part.data())});
     EXPECT_STREQ("near", pipe().receiveRequest(nullptr).c_str());
-
-    // Two bytes announcing 64 MiB: the far one would make the buffer as large as announced.
-    constexpr uint32_t kAnnounced = 64u * 1024u * 1024u;
-    deliver({pipewire::request("link", 1, 0, "huge", kAnnounced, 0, 1, "a"),
-             pipewire::request("link", 1, 0, "huge", kAnnounced, kAnnounced - 1, 1, "z")});
-    EXPECT_EQ(1u, statistics().droppedOverLimit);
-    EXPECT_EQ(0u, statistics().droppedMalformed);
 }
 
-// Sends a request from the pipe with a response buffer, on a thread of its own.
-class BufferedRequest {
-public:
-    BufferedRequest(dm::NetCommunicationPipe& pipe, uint32_t capacity)
-        : m_pipe(pipe), m_buffer(capacity, 0xEE), m_thread([this] {
-              m_text =
-                  m_pipe.sendRequest("give", 0, m_buffer.data(),
-                                     static_cast<uint32_t>(m_buffer.size()), &m_size, nullptr, 0);
-              m_done = true;
-          }) {}
-    ~BufferedRequest() {
-        for (uint32_t tries = 0; tries < 4 && !m_done; ++tries) {
-            dmtest::deliverTo(m_pipe, pipewire::response(m_pipe.getName(), 0, ""));
-        }
-        m_thread.join();
-    }
-    bool done() const { return m_done.load(); }
-    const Bytes& buffer() const { return m_buffer; }
-    uint32_t size() const { return m_size; }
-
-private:
-    dm::NetCommunicationPipe& m_pipe;
-    Bytes m_buffer;
-    uint32_t m_size = 0;
-    zu::InplaceString<128> m_text;
-    std::atomic<bool> m_done{false};
-    std::thread m_thread;
-};
-
 TEST_F(HostileChunks, ResponseCompletesOnlyWithEveryByteArrived) {
-    BufferedRequest request(pipe(), 12);
+    dmtest::RequestThread request(&pipe(), "give", {}, 12);
     ASSERT_TRUE(waitUntil([&] { return pipe().getStatistics().outgoingRequests; }));
     const Bytes a(4, 0xAA), b(4, 0xBB), c(4, 0xCC);
     deliver(pipewire::response("link", 0, "answer", 12, 8, 4, c.data()));  // the end alone
@@ -139,21 +103,15 @@ TEST_F(HostileChunks, ResponseCompletesOnlyWithEveryByteArrived) {
              pipewire::response("link", 0, "answer", 12, 4, 4, b.data()),
              pipewire::response("link", 0, "answer", 12, 8, 4, c.data())});
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-    EXPECT_EQ(12u, request.size());
-    EXPECT_EQ(joined(a, b, c), request.buffer());
+    EXPECT_EQ(12u, request.responseSize());
+    EXPECT_EQ(joined(a, b, c), request.response());
 }
 
 }  // namespace
 
 namespace {
 
-using dmtest::nextPacket;
-
-// The kind and pipe name of the next packet the server sends on `socket`.
-pipewire::Message nextMessage(net::Socket& socket) {
-    net::Packet* packet = nextPacket(socket);
-    return packet ? pipewire::read(*packet) : pipewire::Message();
-}
+using pipewire::RawPeer;
 
 TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
     dm::CommunicationPipeManager* server =
@@ -162,43 +120,24 @@ TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
     server->getPipe("own");
     uint32_t port = 0;
     server->getHost(&port);
-    net::Socket peer;
-    ASSERT_TRUE(peer.connect("127.0.0.1", port));
-    ASSERT_EQ(pipewire::kWelcome, nextMessage(peer).kind);
+    RawPeer peer(port);
+    ASSERT_EQ(pipewire::kWelcome, peer.next().kind);
 
     for (int i = 0; i < 5; ++i) {
         const std::string name = "asked-" + std::to_string(i);
-        peer.sendPacket(pipewire::openPipe(name.c_str(), "flooder"));
-        const pipewire::Message answer = nextMessage(peer);
+        peer.send(pipewire::openPipe(name.c_str(), "flooder"));
+        const pipewire::Message answer = peer.next();
         EXPECT_EQ(name, answer.first);
         EXPECT_EQ(i < 3 ? pipewire::kPipeOpened : pipewire::kPipeRefused, answer.kind) << name;
     }
     EXPECT_FALSE(server->pipeExists("asked-3"));
     // Pipes that exist are still opened: the application's own, and those made before.
-    peer.sendPacket(pipewire::openPipe("own", "flooder"));
-    EXPECT_EQ(pipewire::kPipeOpened, nextMessage(peer).kind);
-    peer.sendPacket(pipewire::openPipe("asked-0", "flooder"));
-    EXPECT_EQ(pipewire::kPipeOpened, nextMessage(peer).kind);
-    peer.close();
+    peer.send(pipewire::openPipe("own", "flooder"));
+    EXPECT_EQ(pipewire::kPipeOpened, peer.next().kind);
+    peer.send(pipewire::openPipe("asked-0", "flooder"));
+    EXPECT_EQ(pipewire::kPipeOpened, peer.next().kind);
+    peer.socket.close();
     dm::deinitCommunicationManager("hostile-creation");
-}
-
-// The next Request, Response or Notify on `socket`, skipping handshake messages.
-pipewire::Message nextPipeMessage(net::Socket& socket) {
-    for (int skipped = 0; skipped < 16; ++skipped) {
-        pipewire::Message message = nextMessage(socket);
-        if (message.kind < pipewire::kOpenPipe || message.kind == pipewire::kRequest ||
-            message.kind == pipewire::kResponse || message.kind == pipewire::kNotify) {
-            return message;
-        }
-    }
-    return pipewire::Message();
-}
-
-// Sends at once: a raw socket otherwise sends only when it is next updated.
-void send(net::Socket& socket, const net::Packet& packet) {
-    socket.sendPacket(packet);
-    socket.update();
 }
 
 TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
@@ -207,17 +146,15 @@ TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
     dm::CommunicationPipe* pipe = server->getPipe("owned");
     uint32_t port = 0;
     server->getHost(&port);
-    net::Socket owner, stranger;
-    ASSERT_TRUE(owner.connect("127.0.0.1", port));
-    ASSERT_TRUE(stranger.connect("127.0.0.1", port));
-    send(owner, pipewire::openPipe("owned", "owner"));
-    ASSERT_EQ(pipewire::kWelcome, nextMessage(owner).kind);
-    ASSERT_EQ(pipewire::kPipeOpened, nextMessage(owner).kind);
+    RawPeer owner(port), stranger(port);
+    owner.send(pipewire::openPipe("owned", "owner"));
+    ASSERT_EQ(pipewire::kWelcome, owner.next().kind);
+    ASSERT_EQ(pipewire::kPipeOpened, owner.next().kind);
 
     // The stranger's request and notification never reach the pipe; the owner's do.
-    send(stranger, pipewire::request("owned", 5, 0, "poison"));
-    send(stranger, pipewire::notify("owned", 0, 0, 3, 0, 3, "bad"));
-    send(owner, pipewire::request("owned", 0, 0, "mine"));
+    stranger.send(pipewire::request("owned", 5, 0, "poison"));
+    stranger.send(pipewire::notify("owned", 0, 0, 3, 0, 3, "bad"));
+    owner.send(pipewire::request("owned", 0, 0, "mine"));
     zu::InplaceString<128> text;
     ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));
     EXPECT_STREQ("mine", text.c_str());
@@ -230,15 +167,15 @@ TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
         pipe->sendRequest("question", 0, nullptr, 0, nullptr, nullptr, 0);
         answered = true;
     });
-    ASSERT_EQ(pipewire::kRequest, nextPipeMessage(owner).kind);
-    send(stranger, pipewire::response("owned", 0, "forged"));
+    ASSERT_EQ(pipewire::kRequest, owner.nextPipeMessage().kind);
+    stranger.send(pipewire::response("owned", 0, "forged"));
     ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).droppedOtherConnection == 3; }));
     EXPECT_FALSE(answered.load());
-    send(owner, pipewire::response("owned", 0, "real"));
+    owner.send(pipewire::response("owned", 0, "real"));
     ASSERT_TRUE(waitUntil([&] { return answered.load(); }));
     asking.join();
-    owner.close();
-    stranger.close();
+    owner.socket.close();
+    stranger.socket.close();
     dm::deinitCommunicationManager("hostile-hijack");
 }
 
@@ -248,10 +185,9 @@ TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
     dm::CommunicationPipe* pipe = server->getPipe("taken");
     uint32_t port = 0;
     server->getHost(&port);
-    net::Socket first, second;
-    ASSERT_TRUE(first.connect("127.0.0.1", port));
-    send(first, pipewire::openPipe("taken", "first"));
-    send(first, pipewire::request("taken", 0, 0, "big answer"));
+    RawPeer first(port);
+    first.send(pipewire::openPipe("taken", "first"));
+    first.send(pipewire::request("taken", 0, 0, "big answer"));
     ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
     // Far more than the connection takes while the first peer does not read.
     const Bytes answer(32u * 1024u * 1024u, 0x5F);
@@ -259,18 +195,18 @@ TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
         [&] { pipe->respond("for first", answer.data(), static_cast<uint32_t>(answer.size())); });
     ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 1; }));
 
-    ASSERT_TRUE(second.connect("127.0.0.1", port));
-    send(second, pipewire::openPipe("taken", "second"));
+    RawPeer second(port);
+    second.send(pipewire::openPipe("taken", "second"));
     ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 0; }));
     responding.join();
-    send(second, pipewire::request("taken", 0, 0, "own question"));
+    second.send(pipewire::request("taken", 0, 0, "own question"));
     ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
     pipe->respond("for second", nullptr, 0);
-    const pipewire::Message received = nextPipeMessage(second);
+    const pipewire::Message received = second.nextPipeMessage();
     EXPECT_EQ(pipewire::kResponse, received.kind);
     EXPECT_EQ("for second", received.text);
-    first.close();
-    second.close();
+    first.socket.close();
+    second.socket.close();
     dm::deinitCommunicationManager("hostile-takeover");
 }
 

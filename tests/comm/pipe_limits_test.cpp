@@ -25,7 +25,7 @@ using PipeLimits = dmtest::HandWrittenPackets;
 
 // --- Incoming requests ---
 
-TEST_F(PipeLimits, UnfinishedRequestsAreLimitedInAnnouncedBytesAndInNumber) {
+TEST_F(PipeLimits, UnfinishedMessagesAreLimitedInAnnouncedBytesAndInNumber) {
     pipe().setMaxMessageSize(4 * kMiB + 1024);
     // Each begins with one byte and never goes on: only four fit the limit together.
     std::vector<net::Packet> begun;
@@ -49,23 +49,15 @@ TEST_F(PipeLimits, UnfinishedRequestsAreLimitedInAnnouncedBytesAndInNumber) {
     deliver({pipewire::request("link", 10, 0, "small", 2, 1, 1, "z"),
              pipewire::request("link", 60, 0, "whole", 3, 0, 3, "abc")});
     EXPECT_EQ(dm::NetCommunicationPipe::kMaxUnfinishedIncoming + 1, incomingRequests());
-}
 
-TEST_F(PipeLimits, RequestEndingWithBytesMissingIsDropped) {
-    // The chunk that ends the data comes while the middle never did.
-    deliver({pipewire::request("link", 0, 0, "gap", 12, 0, 4, "1234"),
-             pipewire::request("link", 0, 0, "gap", 12, 8, 4, "9abc")});
-    EXPECT_EQ(0u, incomingRequests());
-    EXPECT_EQ(1u, statistics().droppedMalformed);
-    deliver({pipewire::request("link", 1, 0, "whole", 12, 0, 4, "1234"),
-             pipewire::request("link", 1, 0, "whole", 12, 4, 4, "5678"),
-             pipewire::request("link", 1, 0, "whole", 12, 8, 4, "9abc")});
-    EXPECT_STREQ("whole", pipe().receiveRequest(nullptr).c_str());
-    void* data = nullptr;
-    uint32_t size = 0;
-    pipe().getRequestData(&data, &size);
-    ASSERT_EQ(12u, size);
-    EXPECT_EQ(0, std::memcmp("123456789abc", data, 12));
+    // Unfinished notifications are limited in number too.
+    const uint64_t droppedBefore = statistics().droppedOverLimit;
+    std::vector<net::Packet> notifications;
+    for (uint32_t id = 0; id < dm::NetCommunicationPipe::kMaxUnfinishedIncoming + 2; ++id) {
+        notifications.push_back(pipewire::notify("link", id, 0, 2, 0, 1, "x"));
+    }
+    deliver(notifications);
+    EXPECT_EQ(droppedBefore + 2, statistics().droppedOverLimit);
 }
 
 // --- Incoming notifications ---
@@ -86,6 +78,19 @@ TEST_F(PipeLimits, ResetDropsIncompleteNotificationsAndKeepsWholeOnes) {
     // The rest of "cut" went with the connection.
     ASSERT_TRUE(link.reconnect());
     EXPECT_STREQ("after", pipe().receiveNotify(nullptr).c_str());
+}
+
+// --- Outgoing notifications ---
+
+TEST_F(PipeLimits, NotificationsThePeerDoesNotTakeAreQueuedUpToABoundInBytesAndNumber) {
+    const std::string tenMiB(10 * kMiB, 'b');
+    EXPECT_TRUE(link.left.pipe().sendNotify(tenMiB.c_str(), 1));
+    EXPECT_FALSE(link.left.pipe().sendNotify(tenMiB.c_str(), 1));  // 20 MiB would be queued
+    size_t queued = 1;
+    while (queued < 2000 && link.left.pipe().sendNotify("small", 1)) {
+        ++queued;
+    }
+    EXPECT_EQ(dm::NetCommunicationPipe::kMaxQueuedNotifications, queued);
 }
 
 // --- Texts too long for a packet ---

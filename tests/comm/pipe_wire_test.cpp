@@ -99,7 +99,9 @@ TEST_F(Reassembly, RequestChunksLandAtTheirOffsetsAndTheChunkEndingThePayloadCom
     deliver({pipewire::request("link", 0, 1, "parts", 12, 8, 4, "9abc")});
     EXPECT_EQ(1, completed.load());
 
-    EXPECT_STREQ("parts", pipe().receiveRequest(nullptr).c_str());
+    uint32_t value = 0;
+    EXPECT_STREQ("parts", pipe().receiveRequest(&value).c_str());
+    EXPECT_EQ(1u, value);
     void* data = nullptr;
     uint32_t size = 0;
     pipe().getRequestData(&data, &size);

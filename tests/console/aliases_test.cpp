@@ -109,6 +109,8 @@ TEST_F(AliasTest, AcceptsNestingUpToTheLimitAndRefusesDeeper) {
     }
     EXPECT_EQ(parse("n1"), "end");
     EXPECT_NE(defineChecked("n0", "n1"), "");
+    define("n0", "n1");  // unchecked, it is refused when parsed
+    EXPECT_THROW(parse("n0"), IllegalAlias);
 }
 
 }  // namespace

@@ -54,6 +54,10 @@ TEST(WindowConstruction, TakesItsGeometryFromTheMarginAndTheLineHeight) {
     EXPECT_EQ(window.getTextAreaSize(),
               (m::Vector2Template<float>{0.5f - kScrollBarWidth, 0.328125f}));
     EXPECT_EQ(window.getLinesOnScreen(), 10u);
+    // About 98000 lines of 1/131072 fit, more than any screen shows: bounded.
+    FakeShapeEngine tiny(1.0f / 131072);
+    ScrollingTextWindow tall(&tiny, 0.125f);
+    EXPECT_EQ(tall.getLinesOnScreen(), 1u << 16);
 }
 
 TEST(WindowConstruction, RefusesANullShapeEngine) {

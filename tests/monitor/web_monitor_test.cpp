@@ -1,5 +1,5 @@
-// The web monitor's state and its bounds (EventHub, InPlaceStore through a seam: no sockets),
-// and the stand-in game and the terminal tool's command warnings as separate processes.
+// The web monitor's state and its bounds (EventHub, InPlaceStore through a seam: no sockets).
+// The stand-in game and the terminal tool as processes are tool_test.cpp's.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -233,80 +233,6 @@ TEST(InPlaceStore, KeepsTheRecentlyUpdatedNamesAndShortHistories) {
     const std::string longName(1000, 'n');
     store.set(2, longName, "x");
     EXPECT_EQ(store.entries().count({2, longName.substr(0, InPlaceStore::kMaxNameBytes)}), 1u);
-}
-
-// --- the stand-in game and the terminal tool, as processes ---------------------------------
-
-using dmtest::ChildProcess;
-
-TEST(FakeGame, ServesSeveralMonitorsAndKeepsRunningWhenTheyLeave) {
-    ChildProcess game(DM_FAKE_GAME_TOOL, {"--port", "0", "--fps", "60"});
-    const std::string port = game.portAfter("port ");
-    ASSERT_FALSE(port.empty()) << game.output();
-    for (int round = 0; round < 2; ++round) {
-        ChildProcess first(DM_MONITOR_TOOL, {"127.0.0.1", port}, true);
-        ChildProcess second(DM_MONITOR_TOOL, {"127.0.0.1", port}, true);
-        ASSERT_TRUE(first.waitForOutput("[Engine Statistics] fps = ")) << first.output();
-        ASSERT_TRUE(second.waitForOutput("[Resource Statistics] textures = "));
-        ASSERT_TRUE(first.waitForOutput("[profile] 2 threads"));
-        ASSERT_TRUE(first.writeInput("request 2\n"));
-        EXPECT_TRUE(second.waitForOutput("request 2 handled (pause)")) << second.output();
-        ASSERT_TRUE(second.writeInput("data round " + std::to_string(round) + "\n"));
-        EXPECT_TRUE(first.waitForOutput("data received: round " + std::to_string(round)));
-        first.closeInput();
-        second.closeInput();
-        EXPECT_EQ(first.wait(), 0);
-        EXPECT_EQ(second.wait(), 0);
-    }
-    EXPECT_TRUE(game.waitForOutput("game: 0 monitors connected"));
-    const std::string& said = game.output();
-    EXPECT_NE(said.find("game: 2 monitors connected"), std::string::npos) << said;
-    EXPECT_NE(said.find("game: request 2 (pause) -> answered"), std::string::npos);
-    EXPECT_NE(said.find("game: data \"round 1\""), std::string::npos);
-    EXPECT_NE(said.find("game: sends text [0] frame"), std::string::npos);
-    EXPECT_NE(said.find("game: sends a profile snapshot"), std::string::npos);
-    game.kill();
-}
-
-// Standard error joined to the output, through a shell.
-ChildProcess monitorWithErrors(const std::string& arguments) {
-    return ChildProcess("/bin/sh", {"-c", std::string(DM_MONITOR_TOOL) + " " + arguments + " 2>&1"},
-                        true);
-}
-
-TEST(MonitorTool, WarnsAboutRequestsTheGameIgnoresAndUnknownCommands) {
-    ChildProcess game(DM_FAKE_GAME_TOOL, {});
-    const std::string port = game.portAfter("port ");
-    ASSERT_FALSE(port.empty());
-    ChildProcess tool = monitorWithErrors("127.0.0.1 " + port);
-    ASSERT_TRUE(tool.waitForOutput("connected to"));
-    ASSERT_TRUE(tool.writeInput("request 3\nrequest -1\nrequest x\nfrobnicate\nhelp\nrequest 0\n"));
-    ASSERT_TRUE(tool.waitForOutput("request 0 handled")) << tool.output();
-    tool.closeInput();
-    EXPECT_EQ(tool.wait(), 0);
-    const std::string& said = tool.output();
-    EXPECT_NE(said.find("request 3 not sent: the game only knows requests 0, 1 and 2"),
-              std::string::npos)
-        << said;
-    EXPECT_NE(said.find("request -1 not sent"), std::string::npos);
-    EXPECT_NE(said.find("request needs a whole number"), std::string::npos);
-    EXPECT_NE(said.find("unknown command \"frobnicate\""), std::string::npos);
-    EXPECT_NE(said.find("commands: data TEXT, request 0|1|2"), std::string::npos);
-    EXPECT_EQ(game.output().find("game: request 3"), std::string::npos);
-    game.kill();
-}
-
-TEST(MonitorTool, HelpAndBadArgumentsOfTheWebMode) {
-    ChildProcess help = monitorWithErrors("--help");
-    EXPECT_EQ(help.wait(), 0);
-    EXPECT_NE(help.output().find("--web"), std::string::npos) << help.output();
-    EXPECT_NE(help.output().find("request N"), std::string::npos);
-    for (const char* arguments : {"--web 70000 127.0.0.1 1", "--web x 127.0.0.1 1",
-                                  "--web 0 127.0.0.1", "--web 0 --bind 1.2.3.4.5 127.0.0.1 1"}) {
-        ChildProcess tool = monitorWithErrors(arguments);
-        EXPECT_NE(tool.wait(), 0) << arguments;
-        EXPECT_NE(tool.output().find("dm-monitor: "), std::string::npos) << tool.output();
-    }
 }
 
 }  // namespace

@@ -82,6 +82,9 @@ TEST(Packet, ReadsPastTheEndFlagAnErrorAndLeaveTheCursor) {
     EXPECT_STREQ(text, "");
     EXPECT_TRUE(packet.hasError());
     EXPECT_EQ(packet.getPos(), 0u);
+    Packet threeBytes = packetWith({1, 2, 3});  // one short of a number
+    threeBytes >> unsignedValue;
+    EXPECT_TRUE(threeBytes.hasError());
 
     packet.clearError();
     uint8_t buffer[8] = {};

@@ -200,6 +200,9 @@ public:
     bool done() const { return m_state->done.load(); }
     // Only once done.
     const std::string& result() const { return m_state->result; }
+    // Only once done: the response's size, and the buffer it landed in.
+    uint32_t responseSize() const { return m_state->responseSize; }
+    const std::vector<uint8_t>& response() const { return m_state->response; }
     // Done, and answered with its own text and data.
     bool echoed() const {
         const State& state = *m_state;

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "net/packet.h"
+#include "net/socket.h"
+#include "support/loopback.h"
 
 namespace dmtest {
 namespace pipewire {
@@ -98,6 +100,8 @@ inline Message read(net::Packet& packet) {
         packet >> first >> second;
     } else if (kind == kPipeOpened || kind == kPipeRefused || kind == kRedirect) {
         packet >> first;
+    } else if (kind == kWelcome) {
+        packet >> message.value >> message.id >> first;  // version, connection id, server name
     } else if (kind == kRequest || kind == kResponse || kind == kNotify) {
         packet >> first >> message.id;
         if (kind == kRequest) {
@@ -119,6 +123,44 @@ inline Message read(net::Packet& packet) {
     message.endsAfterChunk = packet.getRemaining() == 0;
     return message;
 }
+
+// A peer that speaks the wire format by hand to a pipe manager over loopback.
+struct RawPeer {
+    explicit RawPeer(uint32_t port) { connected = socket.connect("127.0.0.1", port); }
+    // Sends at once: a raw socket otherwise sends only when it is next updated.
+    void send(const net::Packet& packet) {
+        socket.sendPacket(packet);
+        socket.update();
+    }
+    // The next message (kind -1 when none came within the bound).
+    Message next() {
+        net::Packet* packet = nextPacket(socket);
+        return packet ? read(*packet) : Message();
+    }
+    // The next Request, Response or Notify, skipping handshake messages.
+    Message nextPipeMessage() {
+        for (int skipped = 0; skipped < 16; ++skipped) {
+            Message message = next();
+            if (message.kind < kOpenPipe || message.kind == kRequest || message.kind == kResponse ||
+                message.kind == kNotify) {
+                return message;
+            }
+        }
+        return Message();
+    }
+    // Asks for `pipe` and waits until it is opened.
+    void open(const std::string& pipe) {
+        send(openPipe(pipe.c_str(), "peer"));
+        for (int i = 0; i < 4; ++i) {
+            if (next().kind == kPipeOpened) {
+                return;
+            }
+        }
+        ADD_FAILURE() << "pipe " << pipe << " not opened";
+    }
+    net::Socket socket;
+    bool connected = false;
+};
 
 }  // namespace pipewire
 }  // namespace dmtest

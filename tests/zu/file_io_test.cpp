@@ -136,6 +136,7 @@ TEST(BufferedMemoryFile, LoadsWholeFilesAndReadsWithACursor) {
     char word[6] = {};
     EXPECT_EQ(memory.read(word, 5), 5u);
     EXPECT_STREQ(word, "hello");
+    EXPECT_EQ(memory.getPosition(), 5u);
     memory.setPosition(100);
     EXPECT_EQ(memory.getPosition(), 13u);  // clamped to the end
     EXPECT_EQ(memory.read(word, 5), 0u);

@@ -96,6 +96,8 @@ TEST(StringComparison, IgnoresCaseLikeStricmp) {
     EXPECT_NE(upper, lower);  // equality stays exact
     EXPECT_TRUE(upper.equalsIgnoreCase("Pipe"));
     EXPECT_TRUE(zu::String("Devkit:/data").startsWithIgnoreCase("DEVKIT:"));
+    EXPECT_FALSE(zu::String("Devkit:/data").startsWithIgnoreCase("DEVKIT;"));  // every byte
+    EXPECT_FALSE(zu::String("Dev").startsWithIgnoreCase("DEVKIT"));
     zu::InplaceString<16> mixed("MiXeD \xC4Z");
     mixed.toLower();
     EXPECT_EQ(mixed, "mixed \xC4z");

@@ -6,8 +6,8 @@
 //   net_descriptor_starved_server monitor    the debug-monitor link, updated every frame
 //   net_descriptor_starved_server pipes      a pipe manager server on its own thread
 //
-// Output: "port N" and "full" at start. Input lines: "report" prints "accepts A cpu_ms C"
-// (accept calls and CPU time since "full"), "free" closes the filling descriptors and prints
+// Output: "port N" and "full" at start. Input lines: "report" prints "accepts A" (accept
+// calls since "full"), "free" closes the filling descriptors and prints
 // "freed", "quit" ends. Whoever it accepts gets a packet (listener: id 7, monitor: a text
 // packet, pipes: the manager's Welcome). It ends after a minute at the latest.
 #include <dlfcn.h>
@@ -64,13 +64,6 @@ void report(const char* format, ...) {
     std::fflush(stdout);
 }
 
-double cpuMilliseconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    auto toMs = [](const timeval& time) { return time.tv_sec * 1000.0 + time.tv_usec / 1000.0; };
-    return toMs(usage.ru_utime) + toMs(usage.ru_stime);
-}
-
 // Opens descriptors until the table is full; they are closed by the destructor.
 class DescriptorFiller {
 public:
@@ -118,7 +111,6 @@ public:
 
     void startStarving() {
         m_filler.reset(new DescriptorFiller());
-        m_cpuAtStart = cpuMilliseconds();
         g_acceptCalls = 0;
         report("full");
     }
@@ -126,9 +118,7 @@ public:
 private:
     bool run(const std::string& line) {
         if (line == "report") {
-            report("accepts %llu cpu_ms %.0f",
-                   static_cast<unsigned long long>(g_acceptCalls.load()),
-                   cpuMilliseconds() - m_cpuAtStart);
+            report("accepts %llu", static_cast<unsigned long long>(g_acceptCalls.load()));
         } else if (line == "free") {
             m_filler.reset();
             report("freed");
@@ -138,7 +128,6 @@ private:
 
     std::unique_ptr<DescriptorFiller> m_filler;
     std::string m_pending;
-    double m_cpuAtStart = 0.0;
 };
 
 bool withinLifetime(std::chrono::steady_clock::time_point start) {
