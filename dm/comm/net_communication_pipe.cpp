@@ -50,9 +50,6 @@ NetCommunicationPipe::~NetCommunicationPipe() {
     close();
     m_budget = nullptr;  // the connection's budget may have gone with the connection
     freeIncomingRequests();
-    for (zu::Signal* event : m_spareEvents) {
-        zu::deleteObject(event);
-    }
 }
 
 CommunicationPipeManager* NetCommunicationPipe::getManager() const {
@@ -664,7 +661,9 @@ bool NetCommunicationPipe::hasUnsentInWindow() const {
 
 zu::Signal* NetCommunicationPipe::takeEvent() {
     if (m_spareEvents.empty()) {
-        return zu::newObject<zu::Signal>();
+        m_spareEvents.reserve(m_events.size() + 1);
+        m_events.push_back(zu::makeUnique<zu::Signal>());
+        return m_events.back().get();
     }
     zu::Signal* event = m_spareEvents.back();
     m_spareEvents.pop_back();

@@ -314,7 +314,10 @@ private:
     RecordQueue<NotificationRecord> m_outgoingNotifications ZU_GUARDED_BY(m_outgoingLock);
     RecordQueue<ResponseRecord> m_outgoingResponses ZU_GUARDED_BY(m_outgoingLock);
     uint64_t m_outgoingNotificationBytes ZU_GUARDED_BY(m_outgoingLock) = 0;
-    // Reused by blocking calls, so none is made per call.
+    // Every event a blocking call has used; they live as long as the pipe, because the manager
+    // may still signal one a moment after its caller returned. The spares are the ones free for
+    // the next call (room for all of them is kept, so giving one back cannot fail).
+    zu::Vector<zu::UniquePtr<zu::Signal>> m_events ZU_GUARDED_BY(m_outgoingLock);
     zu::Vector<zu::Signal*> m_spareEvents ZU_GUARDED_BY(m_outgoingLock);
     uint32_t m_nextRequestId ZU_GUARDED_BY(m_outgoingLock) = 0;
     uint32_t m_nextNotifyId ZU_GUARDED_BY(m_outgoingLock) = 0;

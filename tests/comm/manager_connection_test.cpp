@@ -78,6 +78,12 @@ TEST_F(ManagerConnectionTest, ExchangeWithAServerInAnotherProcess) {
     for (const auto& request : requests) {
         EXPECT_TRUE(request->echoed()) << request->result();
     }
+    // Whether a crowd finds the manager idle is up to the scheduler; one caller at a time does.
+    char answer[64];
+    for (int i = 0; i < 50 && dm::getPipeStatistics(pipe).sentDirectly == 0; ++i) {
+        EXPECT_STREQ(pipe->sendRequest("one", 0, answer, sizeof(answer), nullptr, "1", 1).c_str(),
+                     "one");
+    }
     EXPECT_GT(dm::getPipeStatistics(pipe).sentDirectly, 0u);
 
     ASSERT_TRUE(pipe->sendNotify("across", 0));
