@@ -89,6 +89,21 @@ bool NetCommunicationPipe::writeResponseDirectly(uint32_t serial) {
     });
 }
 
+namespace {
+
+// True when the first `end` records of `queue` are wholly on the wire.
+template <typename Queue>
+bool allSentBefore(const Queue& queue, size_t end) {
+    for (size_t i = 0; i < end; ++i) {
+        if (!queue[i].sent) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 // The pump sends responses before requests, and each kind in queue order, only the first
 // kMaxSentPerPump of it: a request goes directly only where the pump would send it next.
 bool NetCommunicationPipe::requestMayGoDirectly(size_t index) const {
@@ -98,17 +113,8 @@ bool NetCommunicationPipe::requestMayGoDirectly(size_t index) const {
                                              request.dataSize)) {
         return false;
     }
-    for (size_t i = 0; i < index; ++i) {
-        if (!m_outgoingRequests[i].sent) {
-            return false;
-        }
-    }
-    for (const ResponseRecord& response : m_outgoingResponses) {
-        if (!response.sent) {
-            return false;
-        }
-    }
-    return true;
+    return allSentBefore(m_outgoingRequests, index) &&
+           allSentBefore(m_outgoingResponses, m_outgoingResponses.size());
 }
 
 bool NetCommunicationPipe::responseMayGoDirectly(size_t index) const {
@@ -118,12 +124,7 @@ bool NetCommunicationPipe::responseMayGoDirectly(size_t index) const {
                                               response.dataSize)) {
         return false;
     }
-    for (size_t i = 0; i < index; ++i) {
-        if (!m_outgoingResponses[i].sent) {
-            return false;
-        }
-    }
-    return true;
+    return allSentBefore(m_outgoingResponses, index);
 }
 
 }  // namespace dm

@@ -6,24 +6,10 @@
 #include <chrono>
 
 #include "poller_platform.h"
+#include "wait_deadline.h"
 #include "zu/exception.h"
 
 namespace zu {
-
-namespace {
-
-// Milliseconds left until `deadline`, rounded up (a part of one left is waited as a whole);
-// -1 waits without limit.
-int remainingMs(uint32_t timeoutMs, std::chrono::steady_clock::time_point deadline) {
-    if (timeoutMs == kInfinite) {
-        return -1;
-    }
-    auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
-}
-
-}  // namespace
 
 Poller::Poller() : m_handle(platform::openPoller()) {}
 

@@ -11,6 +11,8 @@
 
 #include "handle_generation.h"
 #include "poller_platform.h"
+#include "posix/poll_events.h"
+#include "wait_deadline.h"
 #include "zu/event.h"
 #include "zu/exception.h"
 
@@ -23,32 +25,6 @@ constexpr size_t kMaxWaitHandles = 64;
 bool consumeSignal(NativeHandle handle) {
     uint64_t value = 0;
     return read(static_cast<int>(handle), &value, sizeof(value)) == sizeof(value);
-}
-
-short pollEventsOf(WaitHandle::Kind kind) {
-    switch (kind) {
-        case WaitHandle::Event:
-        case WaitHandle::SocketRead:
-            return POLLIN;
-        case WaitHandle::SocketWrite:
-            return POLLOUT;
-        case WaitHandle::SocketReadWrite:
-            return POLLIN | POLLOUT;
-        case WaitHandle::None:
-            break;
-    }
-    return 0;
-}
-
-// Milliseconds left until `deadline`, for poll(); -1 waits without limit. Rounded up: a part
-// of a millisecond left is waited as a whole one, or a short wait would not wait at all.
-int remainingMs(uint32_t timeoutMs, std::chrono::steady_clock::time_point deadline) {
-    if (timeoutMs == kInfinite) {
-        return -1;
-    }
-    auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
 // Sockets stay ready until read, so a wait that goes on keeps what an earlier round found.

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include "poller_platform.h"
+#include "posix/poll_events.h"
 
 namespace zu::platform {
 
@@ -11,21 +12,6 @@ namespace {
 
 // Stands for the poller; there is nothing to close.
 constexpr NativeHandle kNoSystemPoller = 0;
-
-short pollEventsOf(WaitHandle::Kind kind) {
-    switch (kind) {
-        case WaitHandle::Event:
-        case WaitHandle::SocketRead:
-            return POLLIN;
-        case WaitHandle::SocketWrite:
-            return POLLOUT;
-        case WaitHandle::SocketReadWrite:
-            return POLLIN | POLLOUT;
-        case WaitHandle::None:
-            break;
-    }
-    return 0;
-}
 
 }  // namespace
 
