@@ -145,6 +145,9 @@ private:
         bool add(zu::WaitHandle handle);
         // No wait took place (no time given, or the wait failed): anything may be ready.
         static constexpr int kNotWaited = -100;
+        // Brings the poller up to the pass's list. Called with the socket lock held: only a
+        // holder of it closes a socket, and a closed descriptor's number must not be touched.
+        void watchPassHandles();
         // The lowest index of a handle found ready, zu::kWaitTimeout or kNotWaited.
         int wait(uint32_t timeoutMs);
         // After a wait: whether the wait watched `handle` for reading and found nothing to
@@ -155,7 +158,7 @@ private:
 
     private:
         static constexpr size_t kCapacity = 64;
-        bool watchPassHandles();
+        bool updatePoller();
         int waitOnPoller(uint32_t timeoutMs);
         int waitByPolling(uint32_t timeoutMs);
         int lowestReady() const;
@@ -169,6 +172,7 @@ private:
         // What the poller watches, as of the last wait.
         zu::WaitHandle m_watched[kCapacity];
         size_t m_watchedCount = 0;
+        bool m_pollerWatchesPass = false;
     };
 
     // --- Passes (manager thread, with the socket lock held) ---

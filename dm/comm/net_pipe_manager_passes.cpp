@@ -58,6 +58,7 @@ zu::WaitHandle::Kind mergedKind(zu::WaitHandle::Kind a, zu::WaitHandle::Kind b) 
 
 void NetCommunicationPipeManager::WaitList::beginPass() {
     m_count = 0;
+    m_pollerWatchesPass = false;
     m_waited = false;
 }
 
@@ -85,7 +86,7 @@ int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) {
     }
     std::fill(m_ready, m_ready + m_count, false);
     std::fill(m_readable, m_readable + m_count, false);
-    const int ready = watchPassHandles() ? waitOnPoller(timeoutMs) : waitByPolling(timeoutMs);
+    const int ready = m_pollerWatchesPass ? waitOnPoller(timeoutMs) : waitByPolling(timeoutMs);
     if (ready == zu::kWaitFailed) {
         zu::sleepMs(timeoutMs);  // never spin, whatever went wrong with a handle
         return kNotWaited;
@@ -94,9 +95,13 @@ int NetCommunicationPipeManager::WaitList::wait(uint32_t timeoutMs) {
     return ready;
 }
 
+void NetCommunicationPipeManager::WaitList::watchPassHandles() {
+    m_pollerWatchesPass = updatePoller();
+}
+
 // Brings the poller's registrations up to this pass's list. Pass lists change little, so each
 // handle of the last list is looked for at its old place first.
-bool NetCommunicationPipeManager::WaitList::watchPassHandles() {
+bool NetCommunicationPipeManager::WaitList::updatePoller() {
     if (!m_poller.isOpen()) {
         return false;
     }
@@ -340,6 +345,7 @@ zu::WaitHandle NetCommunicationPipeManager::waitHandleOf(const SocketEntry& entr
 // Callers woken by the pass find the socket lock free, and may write at once while the thread
 // sleeps.
 int NetCommunicationPipeManager::waitBetweenPasses(WaitList& waits, uint32_t timeoutMs) {
+    waits.watchPassHandles();
     unlockSockets();
     runAfterPass();
     const int ready = waits.wait(timeoutMs);

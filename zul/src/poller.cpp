@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "handle_generation.h"
 #include "poller_platform.h"
 #include "wait_deadline.h"
 #include "zu/exception.h"
@@ -72,7 +73,11 @@ void Poller::unwatch(WaitHandle handle) {
     if (!watched || !watched->sameDescriptor(handle)) {
         return;
     }
-    platform::unwatchOnPoller(m_handle, *watched);
+    // A descriptor closed since took its registration with it; its number may already be
+    // another's.
+    if (platform::isHandleOpenUnder(watched->handle, watched->generation)) {
+        platform::unwatchOnPoller(m_handle, *watched);
+    }
     *watched = WaitHandle();
     --m_watchedCount;
 }

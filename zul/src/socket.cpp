@@ -67,7 +67,7 @@ void Socket::adoptHandle(zu::NativeHandle connected) {
         return;
     }
     m_handle = connected;
-    m_generation = zu::platform::nextHandleGeneration();
+    m_generation = zu::platform::noteHandleOpened(m_handle);
     m_peerAddress = peer;
     try {
         becomeConnected();
@@ -95,7 +95,7 @@ bool Socket::connect(const char* host, uint32_t port) {
         return false;
     }
     m_handle = handle;
-    m_generation = zu::platform::nextHandleGeneration();
+    m_generation = zu::platform::noteHandleOpened(m_handle);
     m_peerAddress = address;
     switch (platform::startConnect(handle, address, static_cast<uint16_t>(port))) {
         case platform::ConnectStatus::Connected:
@@ -148,6 +148,7 @@ bool Socket::isConnected() const {
 
 void Socket::close() {
     if (m_handle != zu::kInvalidHandle) {
+        zu::platform::noteHandleClosing(m_handle);
         platform::closeSocket(m_handle);
         m_handle = zu::kInvalidHandle;
     }

@@ -48,13 +48,14 @@ bool takeEventSignal(NativeHandle event) {
 
 Event::Event()
     : m_handle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      m_generation(platform::nextHandleGeneration()) {
+      m_generation(platform::noteHandleOpened(m_handle)) {
     if (m_handle < 0) {
         throw Exception("Event: eventfd failed (errno %d)", errno);
     }
 }
 
 Event::~Event() {
+    platform::noteHandleClosing(m_handle);
     ::close(static_cast<int>(m_handle));
 }
 

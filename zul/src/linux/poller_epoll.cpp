@@ -56,7 +56,6 @@ bool watchOnPoller(NativeHandle poller, const WaitHandle& handle, bool isNew) {
 }
 
 void unwatchOnPoller(NativeHandle poller, const WaitHandle& handle) {
-    // Fails harmlessly when the descriptor was closed (the system dropped it then).
     epoll_ctl(static_cast<int>(poller), EPOLL_CTL_DEL, static_cast<int>(handle.handle), nullptr);
 }
 

@@ -85,13 +85,14 @@ Listener::Listener(uint32_t port, const char* bindAddress) {
     int fd = openListeningSocket(port, bindAddress, &boundPort);
     if (fd >= 0) {
         m_handle = fd;
-        m_generation = zu::platform::nextHandleGeneration();
+        m_generation = zu::platform::noteHandleOpened(m_handle);
         m_port = boundPort;
         m_spare = openSpareDescriptor();
     }
 }
 
 Listener::~Listener() {
+    zu::platform::noteHandleClosing(m_handle);
     closeDescriptor(m_handle);
     closeDescriptor(m_spare);
 }
