@@ -123,8 +123,11 @@ def shown(ns):
             return f"{ns / scale:.2f} {unit}"
     return f"{ns:.1f} ns"
 
+def spread_of(runs):  # the runs' range as a share of their median, in per cent
+    return f"{100 * (max(runs) - min(runs)) / statistics.median(runs):.0f}%"
+
 width = max([len(f"{p}: {n} [{q}]") for p, n, q in times] + [9])
-print(f"\n{'benchmark':<{width}} {'base median':>12} {'head median':>12} {'head/base':>9}  runs")
+print(f"\n{'benchmark':<{width}} {'base median':>12} {'head median':>12} {'head/base':>9} {'spread b/h':>11}  runs")
 for (program, name, pinning), sides in sorted(times.items()):
     base, head = sides.get("base", []), sides.get("head", [])
     label = f"{program}: {name} [{pinning}]"
@@ -132,6 +135,8 @@ for (program, name, pinning), sides in sorted(times.items()):
         print(f"{label:<{width}} {'-':>12} {'-':>12} {'-':>9}  {len(base)}/{len(head)}")
         continue
     b, h = statistics.median(base), statistics.median(head)
-    print(f"{label:<{width}} {shown(b):>12} {shown(h):>12} {h / b:>8.2f}x  {len(base)}/{len(head)}")
-print("\ntime per iteration (real time); head/base below 1: the working tree is faster")
+    spread = f"{spread_of(base)}/{spread_of(head)}"
+    print(f"{label:<{width}} {shown(b):>12} {shown(h):>12} {h / b:>8.2f}x {spread:>11}  {len(base)}/{len(head)}")
+print("\ntime per iteration (real time); head/base below 1: the working tree is faster;")
+print("spread: (slowest - fastest run) / median of each side; a ratio inside it is not a finding")
 EOF
