@@ -116,16 +116,7 @@ void ScrollingTextWindow::chooseShownCommandText(float promptWidth, float cursor
         }
         return;
     }
-    // The rest fits. When the line was scrolled for a longer text, the characters before it
-    // that fit too come back into view, so that a shorter text never shows only its end.
-    for (int32_t i = first - 1; i >= 0; --i) {
-        width += characterWidth(text[static_cast<size_t>(i)]);
-        if (width >= state->commandLineWidth) {
-            break;
-        }
-        first = i;
-    }
-    state->commandLineScroll = first;
+    // The rest fits: the window stays where it is (a cursor left of it moved it above).
 }
 
 float ScrollingTextWindow::characterWidth(char character) const {
