@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fileserver_session.h"
+#include "support/pipe_wire.h"
 
 namespace {
 
@@ -123,6 +124,29 @@ TEST_F(FileServerRefusalTest, AClientThatLeavesMidTransferLeavesTheServerServing
     dmtest::ChildProcess reader("fs_reading_game", {std::to_string(port), "data/hello.txt"});
     EXPECT_TRUE(reader.waitForOutput("read 5", std::chrono::seconds(30)));
     EXPECT_EQ(reader.wait(), 0);
+}
+
+TEST_F(FileServerRefusalTest, AFileThatShrinksWhileItIsSentLeavesTheServerServing) {
+    // A game stops reading in the middle of a 64 MiB answer, another program on the PC cuts
+    // the file short, then the game reads on: the server must not die of the bytes that are
+    // gone, and serves the next game.
+    game.reset();
+    namespace wire = dmtest::pipewire;
+    const std::string big = host.file("assets/big.bin");
+    dmtest::writeFile(big, "");
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(truncate(big.c_str(), 64 << 20), 0);
+        wire::RawPeer peer(static_cast<uint32_t>(port));
+        ASSERT_TRUE(peer.connected);
+        peer.open("fileserver");
+        peer.send(wire::request("fileserver", 1, 0, "read 0 67108864 \"data/big.bin\""));
+        ASSERT_EQ(peer.nextPipeMessage().kind, wire::kResponse);  // the answer is under way
+        ASSERT_EQ(truncate(big.c_str(), (32 << 20) + 12288), 0);  // inside a later chunk
+        for (int chunk = 0; chunk < 300 && peer.next().kind == wire::kResponse; ++chunk) {
+        }
+    }
+    dmtest::ChildProcess reader("fs_reading_game", {std::to_string(port), "data/hello.txt"});
+    EXPECT_TRUE(reader.waitForOutput("read 5", std::chrono::seconds(30)));
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
