@@ -1,11 +1,13 @@
 // Hostile input both ways: requests that try to leave the mapped folders or are not commands
 // at all, a client that goes away mid-transfer, and broken list answers walked by the game.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "fileserver/mapped_read.h"
 #include "fileserver_session.h"
 #include "support/pipe_wire.h"
 
@@ -147,6 +149,21 @@ TEST_F(FileServerRefusalTest, AFileThatShrinksWhileItIsSentLeavesTheServerServin
     }
     dmtest::ChildProcess reader("fs_reading_game", {std::to_string(port), "data/hello.txt"});
     EXPECT_TRUE(reader.waitForOutput("read 5", std::chrono::seconds(30)));
+}
+
+TEST(MappedReadTest, PagesTheFileLosesWhileMappedReadAsZeros) {
+    dmtest::TempDir folder;
+    dmtest::writeFile(folder.file("file.bin"), std::string(3 * 4096, 'm'));
+    const int fd = open(folder.file("file.bin").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    fileserver_tool::MappedRead::installBusErrorGuard();
+    fileserver_tool::MappedRead mapping;
+    ASSERT_TRUE(mapping.map(fd, 100, 12000));
+    ASSERT_EQ(ftruncate(fd, 4096), 0);               // another program cuts the file short
+    const std::string bytes(mapping.data(), 12000);  // without the guard: SIGBUS
+    EXPECT_EQ(bytes, std::string(3996, 'm') + std::string(12000 - 3996, '\0'));
+    mapping.unmap();
+    close(fd);
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
