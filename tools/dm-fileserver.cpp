@@ -19,6 +19,7 @@
 #include "dm/comm.h"
 #include "fileserver/command_handler.h"
 #include "fileserver/folder_map.h"
+#include "fileserver/mapped_read.h"
 #include "zu/event.h"
 #include "zu/thread.h"
 
@@ -154,6 +155,7 @@ int main(int argc, char** argv) {
     signal(SIGINT, onInterrupt);
     signal(SIGTERM, onInterrupt);
     signal(SIGPIPE, SIG_IGN);
+    fileserver_tool::MappedRead::installBusErrorGuard();  // host files may shrink mid-read
     const int result = serve(options, folders);
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);

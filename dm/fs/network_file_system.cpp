@@ -1,6 +1,7 @@
 #include "dm/fs.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -54,9 +55,10 @@ NetworkFindHandle* asFind(zu::FindFileHandle* find) {
     return static_cast<NetworkFindHandle*>(find);
 }
 
-// The 32-bit numbers the protocol carries for positions and counts.
-int low32(uint64_t value) {
-    return static_cast<int>(static_cast<uint32_t>(value));
+// The protocol carries positions and counts as signed 32-bit numbers. Anything larger is
+// refused here: its low 32 bits would name another place in the file.
+bool fitsProtocol(uint64_t position, uint64_t count) {
+    return position <= INT32_MAX && count <= INT32_MAX;
 }
 
 }  // namespace
@@ -108,13 +110,16 @@ void NetworkFileSystem::setLocalRoot(const char* root) {
 // --- Remote or local ---
 
 void NetworkFileSystem::loadMappedFolders() {
+    // Held over the request: a thread that finds the flag set waits in startsWithMappedFolder
+    // for the list instead of deciding on an empty one.
+    zu::ScopedLock lock(m_foldersLock);
+    if (m_mappedFoldersLoaded) {
+        return;  // another thread loaded them while this one waited
+    }
     // Set before the request: a reconnection while it is under way makes the next use load
     // them again.
     m_mappedFoldersLoaded = true;
-    fileserver::FolderList folders;
-    fileserver::getMappedFolders(folders);
-    zu::ScopedLock lock(m_foldersLock);
-    m_mappedFolders = std::move(folders);
+    fileserver::getMappedFolders(m_mappedFolders);
 }
 
 bool NetworkFileSystem::startsWithMappedFolder(const char* name) {
@@ -308,8 +313,11 @@ uint64_t NetworkFileSystem::readFile(zu::FileHandle* file, void* buffer, uint64_
     if (!handle->isRemote()) {
         return m_localFileSystem.readFile(handle->localHandle, buffer, count);
     }
+    if (!fitsProtocol(handle->position, count)) {
+        return 0;
+    }
     Command command;
-    command.format("read %i %i \"%s\"", low32(handle->position), low32(count),
+    command.format("read %i %i \"%s\"", static_cast<int>(handle->position), static_cast<int>(count),
                    handle->path.c_str());
     // The answer's text says nothing that the received count does not.
     uint32_t received = 0;
@@ -328,9 +336,12 @@ uint64_t NetworkFileSystem::writeFile(zu::FileHandle* file, const void* buffer, 
     if (!handle->isRemote()) {
         return m_localFileSystem.writeFile(handle->localHandle, buffer, count);
     }
+    if (!fitsProtocol(handle->position, count)) {
+        return 0;
+    }
     Command command;
-    command.format("write %i %i \"%s\"", low32(handle->position), low32(count),
-                   handle->path.c_str());
+    command.format("write %i %i \"%s\"", static_cast<int>(handle->position),
+                   static_cast<int>(count), handle->path.c_str());
     zu::InplaceString<128> answer = fileserver::send(command.c_str(), nullptr, 0, nullptr, buffer,
                                                      static_cast<uint32_t>(count));
     int written = 0;

@@ -1,12 +1,15 @@
 // Hostile input both ways: requests that try to leave the mapped folders or are not commands
 // at all, a client that goes away mid-transfer, and broken list answers walked by the game.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "fileserver/mapped_read.h"
 #include "fileserver_session.h"
+#include "support/pipe_wire.h"
 
 namespace {
 
@@ -123,6 +126,50 @@ TEST_F(FileServerRefusalTest, AClientThatLeavesMidTransferLeavesTheServerServing
     dmtest::ChildProcess reader("fs_reading_game", {std::to_string(port), "data/hello.txt"});
     EXPECT_TRUE(reader.waitForOutput("read 5", std::chrono::seconds(30)));
     EXPECT_EQ(reader.wait(), 0);
+}
+
+TEST_F(FileServerRefusalTest, AFileThatShrinksWhileItIsSentLeavesTheServerServing) {
+    // A game stops reading in the middle of a 64 MiB answer, another program on the PC cuts
+    // the file short, then the game reads on: the server must not die of the bytes that are
+    // gone, and serves the next game.
+    game.reset();
+    namespace wire = dmtest::pipewire;
+    const std::string big = host.file("assets/big.bin");
+    dmtest::writeFile(big, "");
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(truncate(big.c_str(), 64 << 20), 0);
+        wire::RawPeer peer(static_cast<uint32_t>(port));
+        ASSERT_TRUE(peer.connected);
+        peer.open("fileserver");
+        peer.send(wire::request("fileserver", 1, 0, "read 0 67108864 \"data/big.bin\""));
+        ASSERT_EQ(peer.nextPipeMessage().kind, wire::kResponse);  // the answer is under way
+        ASSERT_EQ(truncate(big.c_str(), (32 << 20) + 12288), 0);  // inside a later chunk
+        // Read on to the end of the answer, or until the server ends the connection.
+        for (int chunk = 0; chunk < 300; ++chunk) {
+            const wire::Message message = peer.next();
+            if (message.kind != wire::kResponse ||
+                message.offset + message.chunk.size() >= message.total) {
+                break;
+            }
+        }
+    }
+    dmtest::ChildProcess reader("fs_reading_game", {std::to_string(port), "data/hello.txt"});
+    EXPECT_TRUE(reader.waitForOutput("read 5", std::chrono::seconds(30)));
+}
+
+TEST(MappedReadTest, PagesTheFileLosesWhileMappedReadAsZeros) {
+    dmtest::TempDir folder;
+    dmtest::writeFile(folder.file("file.bin"), std::string(3 * 4096, 'm'));
+    const int fd = open(folder.file("file.bin").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    fileserver_tool::MappedRead::installBusErrorGuard();
+    fileserver_tool::MappedRead mapping;
+    ASSERT_TRUE(mapping.map(fd, 100, 12000));
+    ASSERT_EQ(ftruncate(fd, 4096), 0);               // another program cuts the file short
+    const std::string bytes(mapping.data(), 12000);  // without the guard: SIGBUS
+    EXPECT_EQ(bytes, std::string(3996, 'm') + std::string(12000 - 3996, '\0'));
+    mapping.unmap();
+    close(fd);
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

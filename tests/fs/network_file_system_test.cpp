@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fileserver_session.h"
@@ -144,13 +146,20 @@ TEST_F(NetworkFileSystemTest, CountsAndPositionsBeyondThirtyTwoBitsStaySafe) {
     zu::FileHandle* file = fs().openFile("data/hello.txt", zu::BaseFile::ModeRead);
     ASSERT_NE(file, nullptr);
     char buffer[16] = {};
-    EXPECT_EQ(fs().readFile(file, buffer, (1ull << 32) + 5), 5u);  // sent as a count of 5
-    EXPECT_EQ(std::string(buffer, 6), std::string("hello\0", 6));
-    EXPECT_EQ(fs().seekFile(file, 0, zu::BaseFile::SeekBegin), 0u);
-    EXPECT_EQ(fs().readFile(file, buffer, 3ull << 30), 0u);  // a negative count: refused
+    EXPECT_EQ(fs().readFile(file, buffer, (1ull << 32) + 5), 0u);  // not cut to a count of 5
+    EXPECT_EQ(fs().readFile(file, buffer, 3ull << 30), 0u);
+    EXPECT_EQ(fs().getCurrentPosition(file), 0u);
     EXPECT_EQ(fs().seekFile(file, 3ll << 30, zu::BaseFile::SeekBegin), 3ull << 30);
-    EXPECT_EQ(fs().readFile(file, buffer, 4), 0u);  // a negative position: refused
+    EXPECT_EQ(fs().readFile(file, buffer, 4), 0u);
+    // A position of 4 GiB and more must not wrap round onto the start of the file.
+    EXPECT_EQ(fs().seekFile(file, 1ll << 32, zu::BaseFile::SeekBegin), 1ull << 32);
+    EXPECT_EQ(fs().readFile(file, buffer, 4), 0u);
     fs().closeFile(file);
+    file = fs().openFile("data/hello.txt", zu::BaseFile::ModeReadWrite);
+    fs().seekFile(file, (1ll << 32) + 1, zu::BaseFile::SeekBegin);
+    EXPECT_EQ(fs().writeFile(file, "J", 1), 0u);
+    fs().closeFile(file);
+    EXPECT_EQ(readWhole("data/hello.txt"), "hello, game");
 }
 
 TEST_F(NetworkFileSystemTest, WritesReadBackAndWritingAnewTruncates) {
@@ -299,6 +308,17 @@ TEST_F(NetworkFileSystemTest, RecursiveFindTakesFilterAndDelegate) {
 }
 
 TEST_F(NetworkFileSystemTest, FolderListComesOncePerConnectionAndAgainAfterARestart) {
+    // Threads that all use the file system first: none takes a remote path for a local one
+    // while the list is on its way, and the list is asked for once.
+    std::vector<std::thread> firstUsers;
+    std::atomic<int> sawRemote{0};
+    for (int i = 0; i < 4; ++i) {
+        firstUsers.emplace_back([&] { sawRemote += fs().fileExists("data/hello.txt") ? 1 : 0; });
+    }
+    for (std::thread& user : firstUsers) {
+        user.join();
+    }
+    EXPECT_EQ(sawRemote.load(), 4);
     EXPECT_TRUE(fs().isPipeAcquired());
     EXPECT_TRUE(fs().isRemotePath("DATA/hello.txt"));  // other letter case: still remote
     EXPECT_TRUE(fs().fileExists("DATA/hello.txt"));

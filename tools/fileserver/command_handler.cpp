@@ -120,6 +120,7 @@ struct CommandHandler::Arguments {
 };
 
 Answer CommandHandler::handle(const char* text, const void* data, uint32_t dataSize) {
+    m_mapping.unmap();  // the last answer has been sent
     const char* space = std::strchr(text, ' ');
     const std::string command = space != nullptr ? std::string(text, space) : std::string(text);
     Arguments arguments{space != nullptr ? space : text + std::strlen(text)};
@@ -227,6 +228,12 @@ Answer CommandHandler::read(Arguments& arguments) {
     const long long available = info.st_size > position ? info.st_size - position : 0;
     long long wanted = count < available ? count : available;
     wanted = wanted < kMaxReadBytes ? wanted : kMaxReadBytes;
+    // The file's own pages are the answer's data; reading into a buffer is the way when the
+    // system will not map them.
+    if (wanted > 0 &&
+        m_mapping.map(file.fd, static_cast<uint64_t>(position), static_cast<size_t>(wanted))) {
+        return Answer{"true", m_mapping.data(), static_cast<uint32_t>(wanted)};
+    }
     if (m_readBuffer.size() < static_cast<size_t>(wanted)) {
         // A read larger than the memory the server can get is refused; serving goes on.
         try {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fileserver/folder_map.h"
+#include "fileserver/mapped_read.h"
 
 namespace fileserver_tool {
 
@@ -45,7 +46,8 @@ private:
 
     const FolderMap& m_folders;
     const bool m_readOnly;
-    std::vector<char> m_readBuffer;  // reused from read to read
+    MappedRead m_mapping;            // the last read's answer, straight from the file
+    std::vector<char> m_readBuffer;  // for reads that cannot be mapped; reused
     std::string m_listBuffer;
 };
 

@@ -49,7 +49,7 @@ public:
     // A remote file's size as of its opening or its last write through this handle.
     uint64_t getFileSize(zu::FileHandle* file) override;
     // A remote read or write is one request; its position and count go as 32-bit numbers, so
-    // counts and positions of 2 GiB and beyond are not supported on remote files.
+    // one whose count or position is 2 GiB or more is refused on remote files (0, nothing sent).
     uint64_t readFile(zu::FileHandle* file, void* buffer, uint64_t count) override;
     uint64_t writeFile(zu::FileHandle* file, const void* buffer, uint64_t count) override;
     bool flushFileBuffers(zu::FileHandle* file) override;
