@@ -4,6 +4,7 @@
 //   - streams text to any monitor tool (`dm-monitor 127.0.0.1 PORT`) and takes its requests,
 //   - keeps a developer console, with its history saved to "consolecache.bin", whose commands
 //     reach the game through an IOInterface.
+// The remote file system has a game of its own, remote_files.cpp.
 // It runs until a pipe client has come and gone (or for SECONDS, 30 by default):
 //
 //   dm-quickstart [SECONDS]
@@ -101,13 +102,9 @@ void startConsole(Services& services) {
     services.console->print("console ready\n");
 }
 
-// The remote file system (dm/fs.h): a game that runs against dm-fileserver on the PC connects
-// a client manager to it as its only pipe manager, then installs a NetworkFileSystem in front
-// of its own file system:
-//     dm::initCommunicationManagerAsClient("files", "pc-address", 3127);
-//     zu::setFileSystem(zu::newObject<dm::NetworkFileSystem>(zu::getFileSystem()));
-// and at shut-down puts its own file system back before dm::NetworkFileSystem::deleteInstance().
-// This game serves pipes itself instead, so it keeps its local file system.
+// The remote file system (dm/fs.h) needs a client manager to dm-fileserver on the PC as the
+// process's only pipe manager, so it has a game of its own: remote_files.cpp. This game serves
+// pipes itself instead, and keeps its local file system.
 void startFileSystem(Services&) {}
 
 // The endpoints (dm/endpoints.h) wrap what startPipes does: dm::Server for a game that tools

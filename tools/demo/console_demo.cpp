@@ -43,7 +43,10 @@ int runConsoleDemo() {
     std::fflush(stdout);  // the tool shares this output
     const pid_t tool =
         startTool("dm-console", {"--folder", folder, "--script", script, "--png", png});
-    if (tool < 0 || !waitForTool(tool, 30.0, [] { zu::sleepMs(10); })) {
+    if (tool < 0) {
+        return 1;  // startTool said where it looked
+    }
+    if (!waitForTool(tool, 30.0, [] { zu::sleepMs(10); })) {
         std::printf("dm-console did not finish its script\n");
         return 1;
     }

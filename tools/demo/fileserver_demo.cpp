@@ -40,6 +40,16 @@ std::string makeHostFolder() {
     return folder;
 }
 
+void removeHostFolder(const std::string& host) {
+    if (host.empty()) {
+        return;
+    }
+    const std::string removeHost = "rm -rf '" + host + "'";
+    if (std::system(removeHost.c_str()) != 0) {
+        std::printf("could not remove %s\n", host.c_str());
+    }
+}
+
 // What the game does with the host's files, through the file system it was given.
 bool playGame(zu::FileSystem& fs) {
     zu::FileHandle* level = fs.openFile("data/level1.txt", zu::BaseFile::ModeRead);
@@ -82,6 +92,7 @@ int runFileServerDemo() {
                        : startTool("dm-fileserver", {"--port", std::to_string(port), "--map",
                                                      "data/=" + host + "/assets", "--verbose"});
     if (server < 0) {
+        removeHostFolder(host);
         return 1;
     }
     dm::CommunicationPipeManager* manager =
@@ -102,10 +113,7 @@ int runFileServerDemo() {
     dm::deinitCommunicationManager("dm-demo game");
     kill(server, SIGTERM);
     waitForTool(server, 5.0, [] {});
-    std::string removeHost = "rm -rf '" + host + "'";
-    if (std::system(removeHost.c_str()) != 0) {
-        std::printf("could not remove %s\n", host.c_str());
-    }
+    removeHostFolder(host);
     return played ? 0 : 1;
 }
 

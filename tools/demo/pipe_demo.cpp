@@ -48,7 +48,7 @@ int runPipeDemo() {
                         servePipe(*pipe);
                     });
     dm::deinitCommunicationManagers();
-    if (!finished) {
+    if (client >= 0 && !finished) {  // one that never started was reported by startTool
         std::printf("dm-pipe-echo did not finish\n");
     }
     return finished ? 0 : 1;
