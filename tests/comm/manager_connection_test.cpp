@@ -85,6 +85,19 @@ TEST_F(ManagerConnectionTest, RequestsSurviveTheServerProcessBeingKilledAndResta
     EXPECT_EQ(restarted->output().find("answered " + std::to_string(kRequests + 1)),
               std::string::npos);
 
+    // More callers at once than a pass sends, behind one large request that cannot be written
+    // directly: each answer must make room for the next.
+    std::vector<std::unique_ptr<RequestThread>> crowd;
+    for (uint32_t i = 0; i < 24; ++i) {
+        const size_t size = i == 0 ? 300 * 1024 : 10 * i;
+        crowd.push_back(std::make_unique<RequestThread>(pipe, "binary " + std::to_string(i),
+                                                        patternBytes(size, i), size));
+    }
+    ASSERT_TRUE(waitUntil([&] { return allDone(crowd); }));
+    for (const auto& request : crowd) {
+        EXPECT_TRUE(request->echoed()) << request->result();
+    }
+
     ASSERT_TRUE(pipe->sendNotify("across", 0));
     zu::InplaceString<128> echoed;
     uint32_t value = 0;

@@ -144,8 +144,10 @@ TEST(Socket, LargePacketsOverfillTheOsBuffersAndTheSenderWaitsWhenTheQueueIsFull
             return !pair.client->hasSendsToDo();
         });
     });
-    // Slow reader: nothing is read until the sender has queued close to the limit.
+    // Slow reader: nothing is read until the sender has queued close to the limit, where it
+    // waits.
     dmtest::waitUntil([&] { return sent >= kCount - 12; });
+    EXPECT_FALSE(dmtest::waitUntil([&] { return sent == kCount; }, std::chrono::milliseconds(300)));
     uint32_t received = 0;
     bool intact = true;
     dmtest::waitUntil([&] {
