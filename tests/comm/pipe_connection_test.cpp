@@ -229,17 +229,4 @@ TEST_F(PipeConnection, NotificationsQueuedBeforeAReattachAreDropped) {
     EXPECT_STREQ("arrived before", left().receiveNotify(nullptr).c_str());
 }
 
-TEST_F(PipeConnection, RequestsQueuedWhileDetachedGoOutOnAttachAndSurviveAMove) {
-    link.left.detach();
-    auto request = ask("survivor");
-    EXPECT_EQ(0, link.left.transferTo(link.right).requests);
-    link.left.attach();
-    EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    ASSERT_TRUE(link.reconnect());
-    EXPECT_STREQ("127.0.0.1", left().getConnectedIP().c_str());
-    EXPECT_EQ(1, link.left.transferTo(link.right).requests);
-    EXPECT_STREQ("survivor", right().receiveRequest(nullptr).c_str());
-    expectAnswered(*request, "made it");
-}
-
 }  // namespace
