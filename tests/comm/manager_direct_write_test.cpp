@@ -85,7 +85,7 @@ private:
 };
 
 TEST_F(DirectWriteTest, CallersOnOnePipeAndOnManyPipesRaceTheManagersPasses) {
-    constexpr int kSharedCallers = 6;
+    constexpr int kSharedCallers = 10;  // more than a pass sends of one pipe
     constexpr int kOwnPipes = 8;
     constexpr int kRequests = 60;
     constexpr int kNotifications = 300;
@@ -142,9 +142,10 @@ TEST_F(DirectWriteTest, CallersOnOnePipeAndOnManyPipesRaceTheManagersPasses) {
     // The echoed notifications came back whole and in the order they were sent.
     int next = 0;
     ASSERT_TRUE(waitUntil([&] {
-        for (zu::InplaceString<128> text;
-             !(text = shared.client->receiveNotify(nullptr)).empty();) {
+        uint32_t value = 0;
+        for (zu::InplaceString<128> text; !(text = shared.client->receiveNotify(&value)).empty();) {
             EXPECT_EQ(std::string(text.c_str()), "echo: note " + std::to_string(next));
+            EXPECT_EQ(value, ManagerLink::kServerId);  // sent with 0: the sending manager's id
             ++next;
         }
         return next == notified;

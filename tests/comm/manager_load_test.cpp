@@ -71,7 +71,6 @@ TEST_F(ManagerLoadTest, ThreeHundredTwentyPipesOverThirtyTwoConnections) {
                 if (pipeName(c, p) == text.c_str() && size == data.size() && answer == data) {
                     ++echoed;
                 }
-                pipes[c][p]->sendNotify(pipeName(c, p).c_str(), 0);
             }
         });
     }
@@ -80,15 +79,6 @@ TEST_F(ManagerLoadTest, ThreeHundredTwentyPipesOverThirtyTwoConnections) {
     }
     EXPECT_EQ(echoed.load(), kClients * kPipesPerClient);
 
-    // The notifications came back on the pipes that sent them.
-    for (int c = 0; c < kClients; ++c) {
-        for (int p = 0; p < kPipesPerClient; ++p) {
-            zu::InplaceString<128> text;
-            ASSERT_TRUE(
-                waitUntil([&] { return !(text = pipes[c][p]->receiveNotify(nullptr)).empty(); }));
-            EXPECT_EQ(std::string(text.c_str()), "echo: " + pipeName(c, p));
-        }
-    }
     server->setPipeCreateCallback({});
 }
 

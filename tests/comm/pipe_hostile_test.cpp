@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "comm/manager_support.h"
 #include "comm/net_communication_pipe_manager.h"
 #include "comm/received_ranges.h"
 #include "support/pipe_link.h"
@@ -28,45 +29,6 @@ Bytes joined(const Bytes& a, const Bytes& b, const Bytes& c) {
     return all;
 }
 
-TEST_F(HostileChunks, RepeatedChunkCountsOnceAndARequestWithAGapIsNeverHandedOut) {
-    const Bytes a(4, 0xAA), b(4, 0xBB), c(4, 0xCC);
-    // Repeated, then the end while bytes 4..8 never came: as many bytes as announced arrived.
-    deliver({pipewire::request("link", 0, 0, "gappy", 12, 0, 4, a.data()),
-             pipewire::request("link", 0, 0, "gappy", 12, 0, 4, a.data()),
-             pipewire::request("link", 0, 0, "gappy", 12, 8, 4, c.data())});
-    EXPECT_TRUE(pipe().receiveRequest(nullptr).empty());
-    EXPECT_EQ(0u, incomingRequests());
-    EXPECT_EQ(2u, statistics().droppedMalformed);
-
-    deliver({pipewire::request("link", 0, 0, "whole", 12, 0, 4, a.data()),
-             pipewire::request("link", 0, 0, "whole", 12, 4, 4, b.data()),
-             pipewire::request("link", 0, 0, "whole", 12, 8, 4, c.data())});
-    ASSERT_STREQ("whole", pipe().receiveRequest(nullptr).c_str());
-    void* data = nullptr;
-    uint32_t size = 0;
-    pipe().getRequestData(&data, &size);
-    ASSERT_EQ(12u, size);
-    const uint8_t* bytes = static_cast<const uint8_t*>(data);
-    EXPECT_EQ(joined(a, b, c), Bytes(bytes, bytes + 12));
-}
-
-TEST_F(HostileChunks, OverlappingRequestChunkIsDroppedAndTheRestStillCompletes) {
-    const Bytes a(6, 0x11), b(6, 0x22);
-    deliver({pipewire::request("link", 0, 0, "overlap", 8, 0, 6, a.data()),
-             pipewire::request("link", 0, 0, "overlap", 8, 2, 6, b.data())});
-    EXPECT_TRUE(pipe().receiveRequest(nullptr).empty());
-    EXPECT_EQ(1u, statistics().droppedMalformed);
-
-    deliver(pipewire::request("link", 0, 0, "overlap", 8, 6, 2, b.data()));
-    ASSERT_STREQ("overlap", pipe().receiveRequest(nullptr).c_str());
-    void* data = nullptr;
-    uint32_t size = 0;
-    pipe().getRequestData(&data, &size);
-    ASSERT_EQ(8u, size);
-    const uint8_t* bytes = static_cast<const uint8_t*>(data);
-    EXPECT_EQ((Bytes{0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x22, 0x22}), Bytes(bytes, bytes + 8));
-}
-
 TEST_F(HostileChunks, ScatteredChunksBeyondAFewGapsAreRefused) {
     // Every fourth byte first, then the rest: more gaps at once than a sender leaves are refused.
     const Bytes byte(1, 0x77);
@@ -75,16 +37,6 @@ TEST_F(HostileChunks, ScatteredChunksBeyondAFewGapsAreRefused) {
     }
     EXPECT_EQ(16u - dm::ReceivedRanges::kMaxRanges, statistics().droppedMalformed);
     EXPECT_EQ(1u, incomingRequests());
-}
-
-TEST_F(HostileChunks, BufferGrowsOnlyWithBytesThatArrived) {
-    // Out of order, but within what arrived: taken.
-    constexpr uint32_t kPart = 100 * 1024;
-    const Bytes part(kPart, 0x3C);
-    deliver({pipewire::request("link", 0, 0, "near", 3 * kPart, kPart, kPart, part.data()),
-             pipewire::request("link", 0, 0, "near", 3 * kPart, 0, kPart, part.data()),
-             pipewire::request("link", 0, 0, "near", 3 * kPart, 2 * kPart, kPart, part.data())});
-    EXPECT_STREQ("near", pipe().receiveRequest(nullptr).c_str());
 }
 
 TEST_F(HostileChunks, ResponseCompletesOnlyWithEveryByteArrived) {
@@ -113,14 +65,22 @@ namespace {
 
 using pipewire::RawPeer;
 
-TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
-    dm::CommunicationPipeManager* server =
-        dm::initCommunicationManagerAsServer("hostile-creation", 0, 9, true);
+// A server manager of the test's own, and peers that speak to it by hand.
+class HostilePeers : public dmtest::ManagerTest {
+protected:
+    dm::CommunicationPipeManager* startServer(bool createPipesOnRequest) {
+        server = dm::initCommunicationManagerAsServer("hostile", 0, 9, createPipesOnRequest);
+        return server;
+    }
+    uint32_t port() const { return dmtest::portOf(server); }
+    dm::CommunicationPipeManager* server = nullptr;
+};
+
+TEST_F(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
+    startServer(true);
     static_cast<dm::NetCommunicationPipeManager*>(server)->setMaxPipesCreatedOnRequest(3);
     server->getPipe("own");
-    uint32_t port = 0;
-    server->getHost(&port);
-    RawPeer peer(port);
+    RawPeer peer(port());
     ASSERT_EQ(pipewire::kWelcome, peer.next().kind);
 
     for (int i = 0; i < 5; ++i) {
@@ -136,17 +96,12 @@ TEST(HostilePeers, PipesMadeOnRequestAreBoundedAndThoseBeyondAreRefused) {
     EXPECT_EQ(pipewire::kPipeOpened, peer.next().kind);
     peer.send(pipewire::openPipe("asked-0", "flooder"));
     EXPECT_EQ(pipewire::kPipeOpened, peer.next().kind);
-    peer.socket.close();
-    dm::deinitCommunicationManager("hostile-creation");
 }
 
-TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
-    dm::CommunicationPipeManager* server =
-        dm::initCommunicationManagerAsServer("hostile-hijack", 0, 9, false);
+TEST_F(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
+    startServer(false);
     dm::CommunicationPipe* pipe = server->getPipe("owned");
-    uint32_t port = 0;
-    server->getHost(&port);
-    RawPeer owner(port), stranger(port);
+    RawPeer owner(port()), stranger(port());
     owner.send(pipewire::openPipe("owned", "owner"));
     ASSERT_EQ(pipewire::kWelcome, owner.next().kind);
     ASSERT_EQ(pipewire::kPipeOpened, owner.next().kind);
@@ -174,18 +129,12 @@ TEST(HostilePeers, APipeTakesMessagesOnlyFromTheConnectionItBelongsTo) {
     owner.send(pipewire::response("owned", 0, "real"));
     ASSERT_TRUE(waitUntil([&] { return answered.load(); }));
     asking.join();
-    owner.socket.close();
-    stranger.socket.close();
-    dm::deinitCommunicationManager("hostile-hijack");
 }
 
-TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
-    dm::CommunicationPipeManager* server =
-        dm::initCommunicationManagerAsServer("hostile-takeover", 0, 9, false);
+TEST_F(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
+    startServer(false);
     dm::CommunicationPipe* pipe = server->getPipe("taken");
-    uint32_t port = 0;
-    server->getHost(&port);
-    RawPeer first(port);
+    RawPeer first(port());
     first.send(pipewire::openPipe("taken", "first"));
     first.send(pipewire::request("taken", 0, 0, "big answer"));
     ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
@@ -195,7 +144,7 @@ TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
         [&] { pipe->respond("for first", answer.data(), static_cast<uint32_t>(answer.size())); });
     ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 1; }));
 
-    RawPeer second(port);
+    RawPeer second(port());
     second.send(pipewire::openPipe("taken", "second"));
     ASSERT_TRUE(waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 0; }));
     responding.join();
@@ -205,9 +154,6 @@ TEST(HostilePeers, ATakenOverPipeSendsTheNewConnectionNoAnswerItDidNotAskFor) {
     const pipewire::Message received = second.nextPipeMessage();
     EXPECT_EQ(pipewire::kResponse, received.kind);
     EXPECT_EQ("for second", received.text);
-    first.socket.close();
-    second.socket.close();
-    dm::deinitCommunicationManager("hostile-takeover");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // A pipe at the edges of what it takes and sends: unfinished requests a peer leaves behind,
-// notifications that can never complete, texts too long for a packet, and messages far larger
+// notifications that can never complete, texts longer than a packet, and messages far larger
 // than a socket queues, which go out over several pumps without blocking the sender.
 #include <gtest/gtest.h>
 
@@ -9,11 +9,13 @@
 #include <thread>
 #include <vector>
 
+#include "support/log_capture.h"
 #include "support/pipe_link.h"
 #include "support/pipe_responders.h"
 
 namespace {
 
+using dmtest::PendingRequest;
 using dmtest::PipeLink;
 using dmtest::waitUntil;
 namespace pipewire = dmtest::pipewire;
@@ -60,14 +62,44 @@ TEST_F(PipeLimits, UnfinishedMessagesAreLimitedInAnnouncedBytesAndInNumber) {
     EXPECT_EQ(droppedBefore + 2, statistics().droppedOverLimit);
 }
 
-// --- Incoming notifications ---
+// An empty text means "nothing arrived" to the application: a sender refuses it at once.
+TEST_F(PipeLimits, EmptyTextsAreRefusedAtOnceWithALogLine) {
+    dm::NetCommunicationPipe& sender = link.left.pipe();
+    dmtest::LogCapture log;
+    EXPECT_FALSE(sender.sendNotify("", 0));
+    EXPECT_FALSE(sender.sendNotify(nullptr, 7));
+    const uint8_t data[16] = {1, 2, 3};
+    uint8_t answer[16] = {};
+    uint32_t answerSize = 99;
+    EXPECT_STREQ(
+        "",
+        sender.sendRequest("", 0, answer, sizeof(answer), &answerSize, data, sizeof(data)).c_str());
+    EXPECT_EQ(99u, answerSize);
+    {
+        // Without data, on a thread of its own: a request that was queued would block.
+        PendingRequest empty(sender, "");
+        EXPECT_TRUE(waitUntil([&] { return empty.done(); }));
+    }
+    const dm::PipeStatistics queued = sender.getStatistics();
+    EXPECT_EQ(0u, queued.outgoingRequests);
+    EXPECT_EQ(0u, queued.outgoingNotifications);
 
-TEST_F(PipeLimits, EmptyFirstNotifyChunkDoesNotHoldBackLaterOnes) {
-    deliver({pipewire::notify("link", 0, 0, 5, 0, 0, nullptr),
-             pipewire::notify("link", 1, 0, 2, 0, 2, "hi")});
-    EXPECT_STREQ("hi", pipe().receiveNotify(nullptr).c_str());
-    EXPECT_EQ(1u, statistics().droppedMalformed);
+    const std::string line = "Pipe \"link\": refused to send a request with an empty text\n";
+    const std::vector<std::string> lines = log.lines();
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_EQ("Pipe \"link\": refused to send a notification with an empty text\n", lines[0]);
+    EXPECT_EQ(line, lines[2]);
+    EXPECT_EQ(line, lines[3]);
+
+    // Nothing went on the wire, and the pipe still sends what has a text.
+    EXPECT_TRUE(sender.sendNotify("after", 0));
+    const dmtest::PacketCounts arrived = link.left.transferTo(link.right);
+    EXPECT_EQ(1, arrived.notifies);
+    EXPECT_EQ(0, arrived.requests);
+    EXPECT_STREQ("after", pipe().receiveNotify(nullptr).c_str());
 }
+
+// --- Incoming notifications ---
 
 TEST_F(PipeLimits, ResetDropsIncompleteNotificationsAndKeepsWholeOnes) {
     deliver({pipewire::notify("link", 0, 0, 2, 0, 2, "ok"),
@@ -136,6 +168,37 @@ TEST(PipeLongText, RequestAndResponseTextsTooLongForAPacketReturnAtOnce) {
     EXPECT_EQ(longText, text.c_str());
     EXPECT_EQ(data.size(), answerSize);
     EXPECT_TRUE(answer == data);
+}
+
+TEST(PipeLongText, NotificationLongerThanOnePacketIsDeliveredOnceWhole) {
+    std::string longText(2 * net::Packet::kMaxPayload + 1234, ' ');
+    for (size_t i = 0; i < longText.size(); ++i) {
+        longText[i] = static_cast<char>('a' + i % 26);
+    }
+    std::atomic<int> completed{0};
+    PipeLink link;
+    ASSERT_TRUE(link.connected);
+    link.right.pipe().setNotifyCallback({&completed, [](void* counter, dm::CommunicationPipe*) {
+                                             ++*static_cast<std::atomic<int>*>(counter);
+                                         }});
+    link.start();
+
+    ASSERT_TRUE(link.left.pipe().sendNotify(longText.c_str(), 5));
+    ASSERT_TRUE(link.left.pipe().sendNotify("after", 6));
+    uint32_t value = 0;
+    zu::InplaceString<128> text;
+    ASSERT_TRUE(waitUntil([&] {
+        text = link.right.pipe().receiveNotify(&value);
+        return !text.empty();
+    }));
+    EXPECT_EQ(longText.size(), text.length());
+    EXPECT_TRUE(longText == text.c_str());
+    EXPECT_EQ(5u, value);
+    ASSERT_TRUE(waitUntil([&] { return completed.load() == 2; }));
+    // Only the short one is left: the long one came once.
+    EXPECT_STREQ("after", link.right.pipe().receiveNotify(&value).c_str());
+    EXPECT_EQ(6u, value);
+    EXPECT_STREQ("", link.right.pipe().receiveNotify(&value).c_str());
 }
 
 // --- Large messages ---

@@ -73,20 +73,6 @@ TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {
 
 using Reassembly = dmtest::HandWrittenPackets;
 
-TEST_F(Reassembly, RequestEndingAfterItsTextIsCompleteWithoutData) {
-    net::Packet bare(pipewire::kPacketId);
-    bare << pipewire::kRequest << "link" << uint32_t(0) << uint32_t(5) << "bare";
-    deliver({bare});
-    uint32_t value = 0;
-    EXPECT_STREQ("bare", pipe().receiveRequest(&value).c_str());
-    EXPECT_EQ(5u, value);
-    void* data = &value;
-    uint32_t size = 1;
-    pipe().getRequestData(&data, &size);
-    EXPECT_EQ(nullptr, data);
-    EXPECT_EQ(0u, size);
-}
-
 TEST_F(Reassembly, RequestChunksLandAtTheirOffsetsAndTheChunkEndingThePayloadCompletes) {
     std::atomic<int> completed{0};
     pipe().setRequestCallback({&completed, [](void* counter, dm::CommunicationPipe*) {
@@ -108,42 +94,6 @@ TEST_F(Reassembly, RequestChunksLandAtTheirOffsetsAndTheChunkEndingThePayloadCom
     ASSERT_EQ(12u, size);
     EXPECT_EQ(0, std::memcmp("123456789abc", data, 12));
     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(data) % 64);
-}
-
-TEST_F(Reassembly, EmptyChunkOfARequestWithDataIsDropped) {
-    // No sender makes one; taken, it would hand out a buffer that no chunk wrote.
-    deliver({pipewire::request("link", 0, 0, "early", 16 * 1024 * 1024, 0, 0, nullptr)});
-    EXPECT_EQ(0u, pipe().getStatistics().incomingRequests);
-    deliver({pipewire::request("link", 0, 0, "proper", 4, 0, 4, "data")});
-    EXPECT_STREQ("proper", pipe().receiveRequest(nullptr).c_str());
-}
-
-TEST_F(Reassembly, IncompleteOldestNotificationHoldsBackNewerOnes) {
-    deliver({pipewire::notify("link", 1, 0, 6, 0, 3, "abc"),
-             pipewire::notify("link", 2, 0, 1, 0, 1, "x")});
-    EXPECT_STREQ("", pipe().receiveNotify(nullptr).c_str());
-    // The offset is not used: chunks are appended in the order they arrive.
-    deliver({pipewire::notify("link", 1, 0, 6, 0, 3, "def")});
-    EXPECT_STREQ("abcdef", pipe().receiveNotify(nullptr).c_str());
-    EXPECT_STREQ("x", pipe().receiveNotify(nullptr).c_str());
-}
-
-TEST_F(Reassembly, NotificationTextEndsAtAZeroByteInItsChunk) {
-    deliver({pipewire::notify("link", 0, 0, 7, 0, 4, "ab\0c"),
-             pipewire::notify("link", 0, 0, 7, 4, 3, "def")});
-    zu::InplaceString<128> text = pipe().receiveNotify(nullptr);
-    EXPECT_STREQ("abdef", text.c_str());
-    EXPECT_EQ(5u, text.length());
-}
-
-TEST_F(Reassembly, CompletedNotificationIdStartsANewOneWhenReused) {
-    deliver({pipewire::notify("link", 0, 1, 3, 0, 3, "one"),
-             pipewire::notify("link", 0, 2, 3, 0, 3, "two")});
-    uint32_t value = 0;
-    EXPECT_STREQ("one", pipe().receiveNotify(&value).c_str());
-    EXPECT_EQ(1u, value);
-    EXPECT_STREQ("two", pipe().receiveNotify(&value).c_str());
-    EXPECT_EQ(2u, value);
 }
 
 // --- The worked example of docs/pipe-protocol.md, byte for byte ---

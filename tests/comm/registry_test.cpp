@@ -75,21 +75,6 @@ TEST_F(RegistryTest, TwoManagersHaveNoSoleOneUntilOneIsDeinitialised) {
     EXPECT_EQ(dm::getCommunicationPipeManager(), nullptr);
 }
 
-TEST_F(RegistryTest, DeinitialisingAllLeavesNothingToFind) {
-    dm::initCommunicationManagerAsServer("only", 0, 1, true)->getPipe("hot");
-    EXPECT_TRUE(dm::isResourceHotLoadPipeCreated("hot"));
-    dm::deinitCommunicationManagers();
-    EXPECT_TRUE(dm::isCommunicationPipeManagerMapEmpty());
-    EXPECT_FALSE(dm::isResourceHotLoadPipeCreated("hot"));
-    EXPECT_EQ(dm::getCommunicationPipeManager("only"), nullptr);
-    EXPECT_EQ(dm::getCommunicationPipeManager(), nullptr);
-    EXPECT_EQ(dm::getCommunicationPipe("hot"), nullptr);
-
-    // And the registry works as before afterwards.
-    dm::CommunicationPipeManager* again = dm::initCommunicationManagerAsServer("only", 0, 1, true);
-    EXPECT_EQ(dm::getCommunicationPipeManager(), again);
-}
-
 TEST_F(RegistryTest, AServerInitUnderATakenNameReplacesWithoutDestroying) {
     dm::CommunicationPipeManager* first = dm::initCommunicationManagerAsServer("twice", 0, 1, true);
     dm::CommunicationPipeManager* second =

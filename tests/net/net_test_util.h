@@ -66,10 +66,9 @@ struct RawPeer {
     zu::UniquePtr<net::Socket> server;
 
     RawPeer() : fd(rawConnect(listener.getPort())) {
-        dmtest::waitUntil([&] {
-            server = fd >= 0 ? listener.pollConnect() : nullptr;
-            return server != nullptr || fd < 0;
-        });
+        if (fd >= 0) {
+            server = dmtest::acceptOne(listener);
+        }
     }
     ~RawPeer() { closeRaw(); }
     RawPeer(const RawPeer&) = delete;
@@ -83,20 +82,6 @@ struct RawPeer {
         }
     }
 };
-
-// Polls `socket` until a packet arrives (updating `peer` meanwhile so its sends go out).
-inline net::Packet* waitForPacket(net::Socket& socket, uint32_t* outSize = nullptr,
-                                  net::Socket* peer = nullptr) {
-    net::Packet* packet = nullptr;
-    dmtest::waitUntil([&] {
-        if (peer) {
-            peer->update();
-        }
-        packet = socket.pollPacket(outSize);
-        return packet != nullptr;
-    });
-    return packet;
-}
 
 inline bool rawSendAll(int fd, const uint8_t* bytes, size_t length) {
     while (length > 0) {

@@ -113,13 +113,10 @@ TEST(SocketFailure, PeerKilledMidFrameEndsTheConnection) {
     dmtest::ChildProcess child("net_half_frame_peer", {std::to_string(listener.getPort())});
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.waitForOutput("sent"));
-    zu::UniquePtr<Socket> server;
-    ASSERT_TRUE(dmtest::waitUntil([&] {
-        server = listener.pollConnect();
-        return server != nullptr;
-    }));
+    zu::UniquePtr<Socket> server = dmtest::acceptOne(listener);
+    ASSERT_NE(server, nullptr);
     uint32_t size = 0;
-    Packet* packet = nettest::waitForPacket(*server, &size);
+    Packet* packet = dmtest::nextPacket(*server, &size);
     ASSERT_NE(packet, nullptr);
     EXPECT_EQ(packet->getID(), 7);
     EXPECT_EQ(size, 4u);

@@ -97,7 +97,6 @@ struct PacketCounts {
     int requests = 0;
     int responses = 0;
     int notifies = 0;
-    int others = 0;
 };
 
 // One end of a connection with one pipe on it.
@@ -151,7 +150,6 @@ public:
             counts.requests += kind == pipewire::kRequest;
             counts.responses += kind == pipewire::kResponse;
             counts.notifies += kind == pipewire::kNotify;
-            counts.others += kind < 0;
         }
         return counts;
     }

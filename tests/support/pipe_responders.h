@@ -9,7 +9,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,23 +30,13 @@ inline std::vector<uint8_t> patternBytes(size_t size, uint32_t seed) {
     return bytes;
 }
 
-// Answers every request on its pipes with the same text and data (or what its answer function
-// makes of them), and every notification with "echo: " and its text, on its own thread. Pipes
-// may be added while it runs. Stop it (or let it go out of scope) before the managers of its
-// pipes are destroyed.
+// Answers every request on its pipes with the same text and data, and every notification with
+// "echo: " and its text, on its own thread. Pipes may be added while it runs. Stop it (or let it
+// go out of scope) before the managers of its pipes are destroyed.
 class EchoResponder {
 public:
-    // Turns a request's text, value and data into the response's text and data.
-    using Answer = std::function<void(const std::string& text, uint32_t value,
-                                      const std::vector<uint8_t>& data, std::string& outText,
-                                      std::vector<uint8_t>& outData)>;
-
-    explicit EchoResponder(Answer answer = {})
-        : m_answer(std::move(answer)), m_thread([this] { run(); }) {}
-    explicit EchoResponder(dm::CommunicationPipe* pipe, Answer answer = {})
-        : EchoResponder(std::move(answer)) {
-        add(pipe);
-    }
+    EchoResponder() : m_thread([this] { run(); }) {}
+    explicit EchoResponder(dm::CommunicationPipe* pipe) : EchoResponder() { add(pipe); }
     ~EchoResponder() { stop(); }
     EchoResponder(const EchoResponder&) = delete;
     EchoResponder& operator=(const EchoResponder&) = delete;
@@ -122,23 +111,14 @@ private:
 
     void serve(dm::CommunicationPipe& pipe) {
         for (int i = 0; i < 64 && !m_stopping; ++i) {
-            uint32_t value = 0;
-            zu::InplaceString<128> text = pipe.receiveRequest(&value);
+            zu::InplaceString<128> text = pipe.receiveRequest(nullptr);
             if (text.empty()) {
                 break;
             }
             void* data = nullptr;
             uint32_t size = 0;
             pipe.getRequestData(&data, &size);
-            if (m_answer) {
-                const uint8_t* bytes = static_cast<const uint8_t*>(data);
-                std::string outText;
-                std::vector<uint8_t> outData;
-                m_answer(text.c_str(), value, std::vector<uint8_t>(bytes, bytes + size), outText,
-                         outData);
-                pipe.respond(outText.c_str(), outData.data(),
-                             static_cast<uint32_t>(outData.size()));
-            } else if (!m_cannedText.empty() && text == m_cannedText.c_str()) {
+            if (!m_cannedText.empty() && text == m_cannedText.c_str()) {
                 pipe.respond(text.c_str(), m_cannedData, m_cannedSize);
             } else {
                 pipe.respond(text.c_str(), data, size);
@@ -154,7 +134,6 @@ private:
         }
     }
 
-    const Answer m_answer;
     WakeUp& m_wakeUp = newWakeUp();
     std::mutex m_mutex;
     std::vector<dm::CommunicationPipe*> m_pipes;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
 #include "zu/string.h"
@@ -101,16 +100,6 @@ TEST(StringComparison, IgnoresCaseLikeStricmp) {
     zu::InplaceString<16> mixed("MiXeD \xC4Z");
     mixed.toLower();
     EXPECT_EQ(mixed, "mixed \xC4z");
-}
-
-TEST(StringComparison, OrderedMapTreatsCaseVariantsAsOneKey) {
-    std::map<zu::InplaceString<128>, int> pipes;
-    pipes["FileServer"] = 1;
-    pipes["fileserver"] = 2;
-    pipes["Alpha"] = 3;
-    ASSERT_EQ(pipes.size(), 2u);
-    EXPECT_EQ(pipes.begin()->second, 3);
-    EXPECT_EQ(pipes["FILESERVER"], 2);
 }
 
 }  // namespace
