@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -40,13 +39,10 @@ struct ConsoleTest : ::testing::Test {
 
     ConsoleTest() { console.setIOInterface(&io); }
     dm::ScrollingTextWindow& window() { return *console.getScrollingTextWindow(); }
-    // Types `text` key by key, as a keyboard would (letters by their capital's code).
+    // Types `text` key by key, as a keyboard would.
     void type(const std::string& text) {
         for (char c : text) {
-            const bool letterOrDigit = std::isalnum(static_cast<unsigned char>(c)) || c == ' ';
-            const int key = letterOrDigit ? std::toupper(static_cast<unsigned char>(c))
-                                          : dmtest::vk::Punctuation;
-            console.deliverKeystroke(key, c, false, false, false);
+            console.deliverKeystroke(dmtest::Keyboard::keyOf(c), c, false, false, false);
         }
     }
     void open() {
