@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "console/fake_shape_engine.h"
 #include "console/keyboard.h"
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 
 namespace {
@@ -14,7 +14,7 @@ using IllegalAlias = dm::ScrollingTextWindowException_IllegalAliasDefinition;
 
 struct AliasTest : ::testing::Test {
     dmtest::ScopedWritableFolder folder;
-    dmtest::FakeShapeEngine engine;
+    dmtest::RecordingShapeEngine engine;
     ScrollingTextWindow window{&engine, 0.0f};
 
     void define(const char* name, const char* text) { window.accessAliasesMap()[name] = text; }

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "console/fake_shape_engine.h"
 #include "console/keyboard.h"
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 
 namespace {
@@ -14,7 +14,7 @@ namespace vk = dmtest::vk;
 
 struct CompletionTest : ::testing::Test {
     dmtest::ScopedWritableFolder folder;
-    dmtest::FakeShapeEngine engine;
+    dmtest::RecordingShapeEngine engine;
     ScrollingTextWindow window{&engine, 0.0f};
     Keyboard keys{window};
 

@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "console/fake_shape_engine.h"
 #include "console/keyboard.h"
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 #include "support/test_support.h"
 
@@ -34,19 +33,16 @@ public:
 
 struct ConsoleTest : ::testing::Test {
     dmtest::ScopedWritableFolder folder;
-    dmtest::FakeShapeEngine engine;
+    dmtest::RecordingShapeEngine engine;
     Console console{&engine, 0.0f};
     RecordingIO io;
 
     ConsoleTest() { console.setIOInterface(&io); }
     dm::ScrollingTextWindow& window() { return *console.getScrollingTextWindow(); }
-    // Types `text` key by key, as a keyboard would (letters by their capital's code).
+    // Types `text` key by key, as a keyboard would.
     void type(const std::string& text) {
         for (char c : text) {
-            const bool letterOrDigit = std::isalnum(static_cast<unsigned char>(c)) || c == ' ';
-            const int key = letterOrDigit ? std::toupper(static_cast<unsigned char>(c))
-                                          : dmtest::vk::Punctuation;
-            console.deliverKeystroke(key, c, false, false, false);
+            console.deliverKeystroke(dmtest::Keyboard::keyOf(c), c, false, false, false);
         }
     }
     void open() {
@@ -67,7 +63,7 @@ struct ConsoleTest : ::testing::Test {
 
 TEST(ConsoleInstance, TheLatestConsoleIsTheInstanceUntilItIsGone) {
     dmtest::ScopedWritableFolder folder;
-    dmtest::FakeShapeEngine engine;
+    dmtest::RecordingShapeEngine engine;
     EXPECT_EQ(Console::getInstance(), nullptr);
     {
         Console first(&engine, 0.1f);
@@ -91,9 +87,9 @@ TEST_F(ConsoleTest, TheToggleKeyOpensAndClosesTheConsole) {
     open();
     console.close();
     EXPECT_FALSE(console.isVisible());
-    engine.resetCalls();
+    engine.reset();
     console.render();
-    EXPECT_EQ(engine.calls(), 0) << "a closed console draws nothing";
+    EXPECT_TRUE(engine.calls().empty()) << "a closed console draws nothing";
 }
 
 TEST_F(ConsoleTest, EnterRunsTheLineAsCommandsEndingWithSemicolons) {
@@ -216,7 +212,7 @@ TEST_F(ConsoleTest, UpdateSavesTheCacheAtMostOnceASecond) {
         console.update();
         return std::filesystem::exists(folder.cacheFile());
     }));
-    dmtest::FakeShapeEngine otherEngine;
+    dmtest::RecordingShapeEngine otherEngine;
     Console next(&otherEngine, 0.0f);
     next.getScrollingTextWindow()->appendInput(dmtest::vk::Up, 0, false, false, false);
     EXPECT_EQ(next.getScrollingTextWindow()->getText(), "remember me") << "history survives";

@@ -55,7 +55,7 @@ public:
     }
     std::string line() const { return m_window.getText().c_str(); }
 
-private:
+    // The key that types `c` (letters by their capital's code).
     static int keyOf(char c) {
         if (std::isalpha(static_cast<unsigned char>(c))) {
             return std::toupper(static_cast<unsigned char>(c));
@@ -66,6 +66,7 @@ private:
         return vk::Punctuation;
     }
 
+private:
     dm::ScrollingTextWindow& m_window;
 };
 

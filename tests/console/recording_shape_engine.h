@@ -1,6 +1,7 @@
-// A drawing interface for console drawing tests: measures like FakeShapeEngine (characters
-// 0.01 wide, a line height of 0.025 at the text size 0.02) and records every call, so that a
-// test can check what a frame drew and in which order.
+// A drawing interface for console tests: a monospaced font (characters 0.01 wide) whose line
+// height is given for the text size 0.02, the only size the console uses; at any other size
+// (and before a size is set) it is 0, so measuring without setting the size shows up. Records
+// every call, so that a test can check what a frame drew and in which order.
 #pragma once
 
 #include <cstdio>
@@ -15,7 +16,7 @@ namespace dmtest {
 
 class RecordingShapeEngine : public dm::ShapeEngineInterface {
 public:
-    static constexpr float kLineHeight = 0.025f;
+    explicit RecordingShapeEngine(float lineHeight = 0.025f) : m_lineHeight(lineHeight) {}
 
     void begin() override { record("begin"); }
     void setTextSize(float size) override {
@@ -24,11 +25,11 @@ public:
     }
     float getLineHeight() override {
         record("getLineHeight");
-        return m_textSize == 0.02f ? kLineHeight : 0.0f;
+        return m_textSize == 0.02f ? m_lineHeight : 0.0f;
     }
     m::Vector2Template<float> getTextExtent(const char* text) override {
         record(std::string("getTextExtent ") + text);
-        return {0.01f * static_cast<float>(std::strlen(text)), kLineHeight};
+        return {0.01f * static_cast<float>(std::strlen(text)), m_lineHeight};
     }
     void setColor(const g::Color& color) override {
         m_color = color;
@@ -101,11 +102,31 @@ public:
 private:
     void record(std::string call) { m_calls.push_back(std::move(call)); }
 
+    float m_lineHeight;
     float m_textSize = 0.0f;
     g::Color m_color;
     std::vector<std::string> m_calls;
     std::vector<Rectangle> m_rectangles;
     std::vector<Text> m_texts;
 };
+
+// Line k of the window (0 = newest) as a std::string.
+inline std::string consoleLine(const dm::ScrollingTextWindow& window, uint64_t k) {
+    return window.getConsoleLine(k).c_str();
+}
+
+// Line k from the bottom of the window's view as a std::string.
+inline std::string visibleLine(const dm::ScrollingTextWindow& window, uint64_t k) {
+    return window.getVisibleLine(k).c_str();
+}
+
+// All stored lines, oldest first.
+inline std::vector<std::string> consoleLinesOldestFirst(const dm::ScrollingTextWindow& window) {
+    std::vector<std::string> lines;
+    for (uint64_t k = window.getConsoleLineCount(); k-- > 0;) {
+        lines.push_back(consoleLine(window, k));
+    }
+    return lines;
+}
 
 }  // namespace dmtest

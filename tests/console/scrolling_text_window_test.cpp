@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "console/bounded_line_store.h"
-#include "console/fake_shape_engine.h"
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 #include "support/test_support.h"
 
@@ -16,7 +16,7 @@ namespace {
 using dm::ScrollingTextWindow;
 using dmtest::consoleLine;
 using dmtest::consoleLinesOldestFirst;
-using dmtest::FakeShapeEngine;
+using dmtest::RecordingShapeEngine;
 using dmtest::visibleLine;
 using Lines = std::vector<std::string>;
 
@@ -26,7 +26,7 @@ constexpr float kScrollBarWidth = 0.003125f;
 // A full-screen window (no margin): 0.975 high, 39 lines of 0.025 on screen, 99 characters
 // wide.
 struct WindowTest : ::testing::Test {
-    FakeShapeEngine engine;
+    RecordingShapeEngine engine;
     ScrollingTextWindow window{&engine, 0.0f};
 
     void printNumberedLines(int first, int count) {
@@ -41,7 +41,7 @@ struct WindowTest : ::testing::Test {
 
 TEST(WindowConstruction, TakesItsGeometryFromTheMarginAndTheLineHeight) {
     // Binary fractions throughout, so the expectations are exact: line height 1/32.
-    FakeShapeEngine engine(0.03125f);
+    RecordingShapeEngine engine(0.03125f);
     ScrollingTextWindow window(&engine, 0.125f);
     EXPECT_EQ(window.getWindowPosition(), (m::Vector2Template<float>{0.125f, 0.125f}));
     EXPECT_EQ(window.getWindowSize(), (m::Vector2Template<float>{0.75f, 0.71875f}));
@@ -55,7 +55,7 @@ TEST(WindowConstruction, TakesItsGeometryFromTheMarginAndTheLineHeight) {
               (m::Vector2Template<float>{0.5f - kScrollBarWidth, 0.328125f}));
     EXPECT_EQ(window.getLinesOnScreen(), 10u);
     // About 98000 lines of 1/131072 fit, more than any screen shows: bounded.
-    FakeShapeEngine tiny(1.0f / 131072);
+    RecordingShapeEngine tiny(1.0f / 131072);
     ScrollingTextWindow tall(&tiny, 0.125f);
     EXPECT_EQ(tall.getLinesOnScreen(), 1u << 16);
 }
@@ -70,7 +70,7 @@ TEST(WindowConstruction, RefusesANullShapeEngine) {
 }
 
 TEST(WindowConstruction, SurvivesAnEngineWithoutLineHeight) {
-    FakeShapeEngine engine(0.0f);
+    RecordingShapeEngine engine(0.0f);
     ScrollingTextWindow window(&engine, 0.1f);
     EXPECT_EQ(window.getLinesOnScreen(), 0u);
     window.print("a\nb\nc\n");

@@ -35,23 +35,6 @@ TEST(Tokenizer, CutsCommandLinesIntoWords) {
     EXPECT_EQ(words("a\t\x0b\r\n b"), (Words{"a", "\t\x0b\r\n ", "b"}));
 }
 
-TEST(Tokenizer, NumbersAreWordsOnlyBeforeWhitespaceOrTheEnd) {
-    EXPECT_EQ(words("5;"), (Words{"5", ";"}));
-    EXPECT_EQ(words("12;"), (Words{"12", ";"}));
-    EXPECT_EQ(words("12ab"), (Words{"12ab"}));
-    EXPECT_EQ(words(".5"), (Words{".", "5"}));
-    EXPECT_EQ(words("-5 +7"), (Words{"-5", " ", "+7"}));
-    EXPECT_EQ(words("-x"), (Words{"-", "x"}));
-    EXPECT_EQ(words("- 1"), (Words{"-", " ", "1"}));
-    EXPECT_EQ(words("1.5e3f 2"), (Words{"1.5e3f", " ", "2"}));
-    EXPECT_EQ(words("1e-5"), (Words{"1e", "-5"}));
-    EXPECT_EQ(words("0xff "), (Words{"0xff", " "}));
-    EXPECT_EQ(words("0xFF "), (Words{"0xFF", " "}));
-    EXPECT_EQ(words("0x1F"), (Words{"0x1F"}));
-    EXPECT_EQ(words("0x "), (Words{"0x", " "}));
-    EXPECT_EQ(words("-0x1f"), (Words{"-", "0x1f"}));
-}
-
 TEST(Tokenizer, UsesLatin1LettersAndKeepsFormFeedApart) {
     EXPECT_EQ(words("\xc4la \xe5\xf6\xd6x"), (Words{"\xc4la", " ", "\xe5\xf6\xd6x"}));
     EXPECT_EQ(words("a\xc3\xa9z"), (Words{"a", "\xc3", "\xa9", "z"}));
@@ -82,6 +65,7 @@ TEST(Scanners, MatchNumbersOnlyWhenWhitespaceOrTheEndFollows) {
     EXPECT_EQ(scan(dm::scanInteger, "12\fx"), -1);
     EXPECT_EQ(scan(dm::scanInteger, "12.5"), -1);
     EXPECT_EQ(scan(dm::scanInteger, "-3 "), 2);
+    EXPECT_EQ(scan(dm::scanInteger, "+7"), 2);
     EXPECT_EQ(scan(dm::scanInteger, "-"), -1);
     EXPECT_EQ(scan(dm::scanInteger, "+ 1"), -1);
     EXPECT_EQ(scan(dm::scanInteger, "x 42", 2), 2);
@@ -100,6 +84,7 @@ TEST(Scanners, MatchNumbersOnlyWhenWhitespaceOrTheEndFollows) {
     EXPECT_EQ(scan(dm::scanHex, "0x"), -1);      // the whole text is shorter than three bytes
     EXPECT_EQ(scan(dm::scanHex, "a 0x", 2), 2);  // ...but what is left may be
     EXPECT_EQ(scan(dm::scanHex, "10x1"), -1);
+    EXPECT_EQ(scan(dm::scanHex, "-0x1f"), -1);
 }
 
 TEST(Scanners, RefusePositionsOutsideTheText) {

@@ -171,25 +171,19 @@ TEST_F(HubTest, AMemberThatLeavesKeepsItsSlotAndTheNextGetsANewOne) {
     EXPECT_TRUE(member(2).waitFor("notification \"hello\" from member 3"));
 }
 
-TEST_F(HubTest, TearingTheHubDownWhileARequestWaitsForAnAnswerEndsIt) {
+TEST_F(HubTest, TearingTheHubDownWhileARequestWaitsAndMembersKeepTalkingNeitherHangsNorLeaks) {
     addMembers();
     // A member in this process that never answers: the request forwarded to it waits.
     dm::Client silent((m_hubName + "silent").c_str());
-    dm::CommunicationPipe* pipe = silent.getPipe("chat");
+    dm::CommunicationPipe* silentPipe = silent.getPipe("chat");
     silent.connect("127.0.0.1", m_port);
     dmtest::runBounded("waitPipeToConnect", [&] { silent.waitPipeToConnect("chat"); });
     ASSERT_TRUE(silent.isPipeAcquired("chat"));
     ASSERT_TRUE(member(0).command("request 3 hello?"));
     EXPECT_TRUE(dmtest::waitUntil([&] {
         uint32_t value = 0;
-        return !pipe->receiveRequest(&value).empty();
+        return !silentPipe->receiveRequest(&value).empty();
     }));
-    destroyHub();
-    dm::deinitCommunicationManager(silent.getName());
-}
-
-TEST_F(HubTest, TearingTheHubDownWhileMembersKeepTalkingNeitherHangsNorLeaks) {
-    addMembers();
     // Members in this process that send without pause, so that the hub's callbacks are busy
     // on every manager while it goes.
     constexpr int kTalkers = 3;
@@ -226,6 +220,7 @@ TEST_F(HubTest, TearingTheHubDownWhileMembersKeepTalkingNeitherHangsNorLeaks) {
     for (auto& talker : talkers) {
         dm::deinitCommunicationManager(talker->getName());
     }
+    dm::deinitCommunicationManager(silent.getName());
 }
 
 }  // namespace

@@ -27,7 +27,8 @@ TEST(Client, APlaceholderDoesNothing) {
     EXPECT_STREQ(placeholder.getName(), "");
 }
 
-TEST(Server, AClientReachesItsPipeAndJobsRunOnItsName) {
+// A server that a client and a hub both join.
+TEST(Server, AClientReachesItsPipeJobsRunOnItsNameAndAHubJoinsAsAMember) {
     dmtest::LogCapture log;
     {
         dm::Server server("endpoint server", 0);
@@ -45,14 +46,7 @@ TEST(Server, AClientReachesItsPipeAndJobsRunOnItsName) {
         server.runJobs(false);
         ASSERT_TRUE(client.getPipe("talk")->sendNotify("hello", 0));
         dmtest::runBounded("the server's jobs", [&] { server.waitJobsToComplete(); });
-    }
-    dm::deinitCommunicationManagers();
-}
 
-TEST(BroadcastServer, JoinsAServerAsAMemberAndCreatesItsPipesThere) {
-    dmtest::LogCapture log;
-    {
-        dm::Server server("joined server", 0);
         dm::BroadcastServer hub("joining hub", 0);
         hub.registerPipe("shared");
         hub.connect(&server);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,5 +45,25 @@ public:
     dm::NetworkFileSystem* fileSystem = nullptr;
     bool connected = false;
 };
+
+// The names a find over `pattern` gives, in the order it gives them.
+inline std::vector<std::string> findAll(dm::NetworkFileSystem& fs, const char* pattern) {
+    std::vector<std::string> names;
+    for (zu::FindFileHandle* find = fs.findFirstFile(pattern); find != nullptr;
+         find = fs.findNextFile(find)) {
+        names.push_back(fs.findGetFileName(find));
+    }
+    return names;
+}
+
+// The paths of a file list, sorted.
+inline std::vector<std::string> sortedPaths(const zu::FilePathList& list) {
+    std::vector<std::string> paths;
+    for (const zu::String& path : list) {
+        paths.push_back(path.c_str());
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
 
 }  // namespace fstest

@@ -65,14 +65,7 @@ protected:
         return written == contents.size();
     }
 
-    std::vector<std::string> findAll(const char* pattern) {
-        std::vector<std::string> names;
-        for (zu::FindFileHandle* find = fs().findFirstFile(pattern); find != nullptr;
-             find = fs().findNextFile(find)) {
-            names.push_back(fs().findGetFileName(find));
-        }
-        return names;
-    }
+    std::vector<std::string> findAll(const char* pattern) { return fstest::findAll(fs(), pattern); }
 
     dmtest::TempDir host;
     dmtest::TempDir local;
@@ -286,12 +279,7 @@ TEST_F(NetworkFileSystemTest, RecursiveFindTakesFilterAndDelegate) {
     zu::FilePathList out;
     out.push_back("stale");
     fs().listFiles(out, "data/levels", "*.lvl", accept, true);
-    Names listed;
-    for (const zu::String& path : out) {
-        listed.push_back(path.c_str());
-    }
-    std::sort(listed.begin(), listed.end());
-    EXPECT_EQ(listed, (Names{"data/levels/deep/two.lvl", "data/levels/one.lvl"}));
+    EXPECT_EQ(fstest::sortedPaths(out), (Names{"data/levels/deep/two.lvl", "data/levels/one.lvl"}));
     EXPECT_EQ(asked.size(), 3u);
     for (const auto& [name, path] : asked) {
         EXPECT_EQ(path.substr(path.size() - name.size()), name);
@@ -299,12 +287,7 @@ TEST_F(NetworkFileSystemTest, RecursiveFindTakesFilterAndDelegate) {
 
     zu::FileAcceptDelegate everything;
     fs().listFiles(out, "data/levels", nullptr, everything, false);
-    listed.clear();
-    for (const zu::String& path : out) {
-        listed.push_back(path.c_str());
-    }
-    std::sort(listed.begin(), listed.end());
-    EXPECT_EQ(listed, (Names{"data/levels/notes.txt", "data/levels/one.lvl"}));
+    EXPECT_EQ(fstest::sortedPaths(out), (Names{"data/levels/notes.txt", "data/levels/one.lvl"}));
 }
 
 TEST_F(NetworkFileSystemTest, FolderListComesOncePerConnectionAndAgainAfterARestart) {
