@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "console/fake_shape_engine.h"
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 #include "zu/file.h"
 
@@ -76,7 +76,7 @@ void exercise(dm::ScrollingTextWindow& window) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     writeCacheFile(data, size);
-    dmtest::FakeShapeEngine engine;
+    dmtest::RecordingShapeEngine engine;
     dm::ScrollingTextWindow window(&engine, 0.05f);
     try {
         window.load();

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "console/fake_shape_engine.h"
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 #include "dm/monitor.h"
 #include "net/packet.h"
@@ -110,7 +110,7 @@ Bytes savedCache(const std::string& folder, int lines, int commands) {
     zu::File::setFileSysPathForWrite((folder + "/").c_str());
     const std::string path = folder + "/" + dm::ScrollingTextWindow::kCacheFileName;
     std::remove(path.c_str());
-    dmtest::FakeShapeEngine engine;
+    dmtest::RecordingShapeEngine engine;
     dm::ScrollingTextWindow window(&engine, 0.05f);
     for (int line = 0; line < lines; ++line) {
         window.print("line %d: \"quoted\" 0x1f -2.5e3 word\n", line);
