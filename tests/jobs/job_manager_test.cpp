@@ -24,7 +24,7 @@ struct BatchLog {
     std::mutex lock;
     std::vector<int> order;
     std::vector<zu::ThreadId> threads;
-    std::vector<std::string> managerNames;
+    std::vector<std::string> seen;  // manager name and thread name
     bool overlapped = false;
     std::atomic<bool> running{false};
 
@@ -37,7 +37,8 @@ struct BatchLog {
                 std::lock_guard<std::mutex> guard(lock);
                 order.push_back(index);
                 threads.push_back(zu::getCurrentThreadId());
-                managerNames.emplace_back(managerName);
+                seen.push_back(std::string(managerName) + "|" +
+                               zu::getThreadName(zu::getCurrentThreadId()).c_str());
             }
             running = false;
         });
@@ -48,44 +49,45 @@ struct BatchLog {
     }
 };
 
-TEST(JobManager, RunsABatchInTheOrderOfAddJobOnItsOwnThread) {
+TEST(JobManager, RunsABatchInTheOrderOfAddJobOnItsOwnNamedThread) {
     dm::JobManager manager("tools");
     BatchLog log;
     // More jobs than the queue's first three sizes (8, 12, 18) hold.
     const int jobCount = 20;
-    for (int i = 0; i < jobCount; ++i) {
-        log.addRecordingJob(manager, i);
-    }
-    manager.runJobs(true);
-
     std::vector<int> expected;
     for (int i = 0; i < jobCount; ++i) {
+        log.addRecordingJob(manager, i);
         expected.push_back(i);
     }
+    manager.runJobs(true);
     EXPECT_EQ(log.takenOrder(), expected);
     EXPECT_FALSE(log.overlapped);
     ASSERT_EQ(log.threads.size(), static_cast<size_t>(jobCount));
     EXPECT_NE(log.threads[0], zu::getCurrentThreadId());
     for (int i = 0; i < jobCount; ++i) {
         EXPECT_EQ(log.threads[i], log.threads[0]);
-        EXPECT_EQ(log.managerNames[i], "tools");
+        EXPECT_EQ(log.seen[i], "tools|ZMK tools job manager");
     }
-}
 
-TEST(JobManager, NamesItsThreadAfterTheManager) {
-    dm::JobManager named("file server");
     dm::JobManager unnamed;
-    std::string namedThread;
-    std::string unnamedThread;
-    named.addNewJob<FunctionJob>(
-        [&](const char*) { namedThread = zu::getThreadName(zu::getCurrentThreadId()).c_str(); });
-    unnamed.addNewJob<FunctionJob>(
-        [&](const char*) { unnamedThread = zu::getThreadName(zu::getCurrentThreadId()).c_str(); });
-    named.runJobs(true);
+    BatchLog unnamedLog;
+    unnamedLog.addRecordingJob(unnamed, 0);
     unnamed.runJobs(true);
-    EXPECT_EQ(namedThread, "ZMK file server job manager");
-    EXPECT_EQ(unnamedThread, "ZMK  job manager");
+    EXPECT_EQ(unnamedLog.seen, std::vector<std::string>{"|ZMK  job manager"});
     EXPECT_STREQ(unnamed.getName(), "");
+
+    // A job may queue another on its own manager, which runs in the same batch.
+    std::vector<int> chain;
+    manager.addNewJob<FunctionJob>([&](const char*) {
+        chain.push_back(1);
+        manager.addNewJob<FunctionJob>([&](const char*) {
+            chain.push_back(2);
+            manager.addNewJob<FunctionJob>([&](const char*) { chain.push_back(3); });
+        });
+    });
+    manager.runJobs(true);
+    EXPECT_EQ(chain, (std::vector<int>{1, 2, 3}));
+    EXPECT_FALSE(manager.isBatchStarted());
 }
 
 TEST(JobManager, EachRunJobsRunsOnlyWhatWasQueuedBeforeItAndNoJobsStartNoThread) {
@@ -105,13 +107,10 @@ TEST(JobManager, EachRunJobsRunsOnlyWhatWasQueuedBeforeItAndNoJobsStartNoThread)
     manager.waitJobsToComplete();
     EXPECT_EQ(log.takenOrder(), std::vector<int>{1});
     EXPECT_FALSE(manager.isBatchStarted());
-
     manager.runJobs(true);
     EXPECT_EQ(log.takenOrder(), (std::vector<int>{1, 2}));
-}
 
-TEST(JobManager, ASecondRunJobsWaitsForTheFirstBatchAndStartsNothingNew) {
-    dm::JobManager manager("twice");
+    // A second runJobs waits for the running batch and starts nothing new.
     std::atomic<int> runs{0};
     std::atomic<bool> finished{false};
     manager.addNewJob<FunctionJob>([&](const char*) {
@@ -124,51 +123,6 @@ TEST(JobManager, ASecondRunJobsWaitsForTheFirstBatchAndStartsNothingNew) {
     EXPECT_TRUE(finished.load());
     manager.waitJobsToComplete();
     EXPECT_EQ(runs.load(), 1);
-}
-
-TEST(JobManager, DestroysEveryJobItWasGivenAndWaitsForTheRunningBatch) {
-    std::atomic<int> runs{0};
-    std::atomic<int> destroyed{0};
-    std::atomic<bool> finished{false};
-    {
-        dm::JobManager manager("owner");
-        for (int i = 0; i < 3; ++i) {
-            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
-        }
-        manager.runJobs(true);
-        EXPECT_EQ(runs.load(), 3);
-        EXPECT_EQ(destroyed.load(), 3);
-
-        // Still running when the manager goes: its destruction waits for the batch.
-        manager.addNewJob<FunctionJob>(
-            [&](const char*) {
-                zu::sleepMs(kSlowJobMs);
-                finished = true;
-            },
-            &destroyed);
-        manager.runJobs(false);
-        // Queued but never run: destroyed with the manager, without running.
-        for (int i = 0; i < 10; ++i) {
-            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
-        }
-    }
-    EXPECT_TRUE(finished.load());
-    EXPECT_EQ(runs.load(), 3);
-    EXPECT_EQ(destroyed.load(), 14);
-}
-
-TEST(JobManager, AFailingJobIsLoggedAndTheBatchGoesOn) {
-    dmtest::LogCapture log;
-    dm::JobManager manager("careful");
-    std::atomic<int> destroyed{0};
-    std::atomic<bool> laterJobRan{false};
-    manager.addNewJob<FunctionJob>([](const char*) { throw zu::Exception("disk %d gone", 2); },
-                                   &destroyed);
-    manager.addNewJob<FunctionJob>([&](const char*) { laterJobRan = true; }, &destroyed);
-    manager.runJobs(true);
-    EXPECT_TRUE(laterJobRan.load());
-    EXPECT_EQ(destroyed.load(), 2);
-    EXPECT_EQ(log.count("JobManager \"careful\": a job failed: disk 2 gone\n"), 1);
 }
 
 // A job whose Job part does not start its object: the manager must free the whole object.
@@ -187,36 +141,54 @@ private:
     std::atomic<int>& m_runs;
 };
 
-TEST(JobManager, FreesJobsWhoseJobPartIsNotAtTheirStart) {
+TEST(JobManager, DestroysEveryJobItWasGivenAndWaitsForTheRunningBatch) {
     std::atomic<int> runs{0};
-    dm::JobManager manager("offset");
-    OffsetJob* job = dm::makeJob<OffsetJob>(runs);
-    ASSERT_NE(static_cast<void*>(static_cast<dm::Job*>(job)), static_cast<void*>(job));
-    manager.addJob(job);
-    manager.addNewJob<OffsetJob>(runs);
-    manager.runJobs(true);
-    EXPECT_EQ(runs.load(), 2);
-    // This one is freed unrun with the manager; the sanitizers check every free.
-    manager.addNewJob<OffsetJob>(runs);
+    std::atomic<int> destroyed{0};
+    std::atomic<bool> finished{false};
+    {
+        dm::JobManager manager("owner");
+        for (int i = 0; i < 3; ++i) {
+            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
+        }
+        OffsetJob* job = dm::makeJob<OffsetJob>(runs);
+        ASSERT_NE(static_cast<void*>(static_cast<dm::Job*>(job)), static_cast<void*>(job));
+        manager.addJob(job);
+        manager.runJobs(true);
+        EXPECT_EQ(runs.load(), 4);
+        EXPECT_EQ(destroyed.load(), 3);
+
+        // Still running when the manager goes: its destruction waits for the batch.
+        manager.addNewJob<FunctionJob>(
+            [&](const char*) {
+                zu::sleepMs(kSlowJobMs);
+                finished = true;
+            },
+            &destroyed);
+        manager.runJobs(false);
+        // Queued but never run: destroyed with the manager, without running (the sanitizers
+        // check the free of the offset one).
+        for (int i = 0; i < 10; ++i) {
+            manager.addNewJob<FunctionJob>([&](const char*) { ++runs; }, &destroyed);
+        }
+        manager.addNewJob<OffsetJob>(runs);
+    }
+    EXPECT_TRUE(finished.load());
+    EXPECT_EQ(runs.load(), 4);
+    EXPECT_EQ(destroyed.load(), 14);
 }
 
-}  // namespace
-
-namespace {
-
-TEST(JobManager, AJobMayQueueAnotherOnItsOwnManagerWhichRunsInTheSameBatch) {
-    dm::JobManager manager("chain");
-    std::vector<int> order;
-    manager.addNewJob<FunctionJob>([&](const char*) {
-        order.push_back(1);
-        manager.addNewJob<FunctionJob>([&](const char*) {
-            order.push_back(2);
-            manager.addNewJob<FunctionJob>([&](const char*) { order.push_back(3); });
-        });
-    });
+TEST(JobManager, AFailingJobIsLoggedAndTheBatchGoesOn) {
+    dmtest::LogCapture log;
+    dm::JobManager manager("careful");
+    std::atomic<int> destroyed{0};
+    std::atomic<bool> laterJobRan{false};
+    manager.addNewJob<FunctionJob>([](const char*) { throw zu::Exception("disk %d gone", 2); },
+                                   &destroyed);
+    manager.addNewJob<FunctionJob>([&](const char*) { laterJobRan = true; }, &destroyed);
     manager.runJobs(true);
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-    EXPECT_FALSE(manager.isBatchStarted());
+    EXPECT_TRUE(laterJobRan.load());
+    EXPECT_EQ(destroyed.load(), 2);
+    EXPECT_EQ(log.count("JobManager \"careful\": a job failed: disk 2 gone\n"), 1);
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ protected:
 
 using Names = std::vector<std::string>;
 
-TEST_F(FindTest, FindsMatchingNamesSorted) {
+TEST_F(FindTest, FindsMatchingNamesAndSubfoldersSorted) {
     std::vector<Found> found = find(root + "/*.txt");
     EXPECT_EQ(names(found), (Names{"a.txt", "ab.txt", "b.txt"}));
     ASSERT_EQ(found.size(), 3u);
@@ -114,9 +114,7 @@ TEST_F(FindTest, FindsMatchingNamesSorted) {
     ASSERT_NE(handle, nullptr);
     fs.findClose(handle);
     fs.findClose(nullptr);
-}
 
-TEST_F(FindTest, FindsSubfolders) {
     zu::FilePathList folders;
     fs.findSubfolders(folders, root.c_str());
     ASSERT_EQ(folders.size(), 2u);

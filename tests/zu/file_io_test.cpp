@@ -32,7 +32,7 @@ struct WrappedFileSystem : dmtest::ForwardingFileSystem {
     }
 };
 
-TEST(File, ReadsWritesAndSeeksThroughTheCurrentFileSystem) {
+TEST(File, ReadsWritesAndSeeksThroughTheCurrentFileSystemAndFailsWithoutAFile) {
     dmtest::TempDir dir;
     std::string path = dir.file("data.bin");
     WrappedFileSystem wrapped;
@@ -62,13 +62,10 @@ TEST(File, ReadsWritesAndSeeksThroughTheCurrentFileSystem) {
     EXPECT_EQ(reader.getPosition(), 10u);
     EXPECT_TRUE(reader.open(path.c_str(), zu::File::ModeRead));  // reopening closes first
     EXPECT_EQ(reader.getPosition(), 0u);
-}
 
-TEST(File, FailsWithoutAnOpenFile) {
-    dmtest::TempDir dir;
+    // Without an open file.
     std::string missing = dir.file("missing.txt");
     EXPECT_THROW(zu::File(missing.c_str(), zu::File::ModeRead), zu::FileException_FileOpenFailed);
-    zu::File file;
     EXPECT_FALSE(file.open(missing.c_str(), zu::File::ModeRead));
     EXPECT_FALSE(file.open(nullptr, zu::File::ModeRead));
     char byte = 0;
@@ -80,15 +77,20 @@ TEST(File, FailsWithoutAnOpenFile) {
     EXPECT_FALSE(zu::FileUtils::fileExists(nullptr));
 }
 
-TEST(File, StripsFolders) {
-    EXPECT_EQ(zu::File::stripPath("a/b\\c.txt"), "c.txt");
-    EXPECT_EQ(zu::File::stripPath("devkit:\\PLX\\consolecache.bin"), "consolecache.bin");
-    EXPECT_EQ(zu::File::stripPath("plain"), "plain");
-    EXPECT_EQ(zu::File::stripPath("folder/"), "");
-    EXPECT_EQ(zu::File::stripPath(nullptr), "");
-}
+// The default comes from the environment of a fresh process.
+TEST(File, WritablePathAndStrippedFolders) {
+    ASSERT_EQ(setenv("DM_WRITE_PATH", "/var/game-cache", 1), 0);
+    dmtest::ChildProcess fromEnvironment("zu_file_helper", {"write-path"});
+    ASSERT_EQ(unsetenv("DM_WRITE_PATH"), 0);
+    dmtest::ChildProcess fromNothing("zu_file_helper", {"write-path"});
 
-TEST(File, WritablePathAndReadOnlyFlag) {
+    ASSERT_EQ(fromEnvironment.wait(), 0);
+    EXPECT_NE(fromEnvironment.output().find("write path: /var/game-cache/\n"), std::string::npos)
+        << fromEnvironment.output();
+    ASSERT_EQ(fromNothing.wait(), 0);
+    EXPECT_NE(fromNothing.output().find("write path: ./\n"), std::string::npos)
+        << fromNothing.output();
+
     dmtest::TempDir dir;
     std::string previous = zu::File::getFileSysPathForWrite();
     const char* before = zu::File::getFileSysPathForWrite();
@@ -107,24 +109,15 @@ TEST(File, WritablePathAndReadOnlyFlag) {
     zu::File::setFileSysPathForWrite("");
     EXPECT_STREQ(zu::File::getFileSysPathForWrite(), "./");
     zu::File::setFileSysPathForWrite(previous.c_str());
+
+    EXPECT_EQ(zu::File::stripPath("a/b\\c.txt"), "c.txt");
+    EXPECT_EQ(zu::File::stripPath("devkit:\\PLX\\consolecache.bin"), "consolecache.bin");
+    EXPECT_EQ(zu::File::stripPath("plain"), "plain");
+    EXPECT_EQ(zu::File::stripPath("folder/"), "");
+    EXPECT_EQ(zu::File::stripPath(nullptr), "");
 }
 
-// The default comes from the environment of a fresh process.
-TEST(File, WritablePathDefaultsToTheEnvironmentOrTheCurrentFolder) {
-    ASSERT_EQ(setenv("DM_WRITE_PATH", "/var/game-cache", 1), 0);
-    dmtest::ChildProcess fromEnvironment("zu_file_helper", {"write-path"});
-    ASSERT_EQ(unsetenv("DM_WRITE_PATH"), 0);
-    dmtest::ChildProcess fromNothing("zu_file_helper", {"write-path"});
-
-    ASSERT_EQ(fromEnvironment.wait(), 0);
-    EXPECT_NE(fromEnvironment.output().find("write path: /var/game-cache/\n"), std::string::npos)
-        << fromEnvironment.output();
-    ASSERT_EQ(fromNothing.wait(), 0);
-    EXPECT_NE(fromNothing.output().find("write path: ./\n"), std::string::npos)
-        << fromNothing.output();
-}
-
-TEST(BufferedMemoryFile, LoadsWholeFilesAndReadsWithACursor) {
+TEST(BufferedMemoryFile, LoadsOrAppendsAndReadsWithACursor) {
     dmtest::TempDir dir;
     std::string path = dir.file("whole.txt");
     std::ofstream(path) << "hello, memory";
@@ -159,6 +152,19 @@ TEST(BufferedMemoryFile, LoadsWholeFilesAndReadsWithACursor) {
     EXPECT_FALSE(memory.load(dir.file("missing").c_str()));
     EXPECT_EQ(memory.getSize(), 0u);
     EXPECT_EQ(memory.getData(), nullptr);
+
+    // Appending grows the buffer.
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string piece = std::to_string(i) + ",";
+        memory.append(piece.data(), piece.size());
+        expected += piece;
+    }
+    memory.append(nullptr, 5);  // nothing to append
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(memory.getData()), memory.getSize()),
+              expected);
+    memory.clear();
+    EXPECT_EQ(memory.getSize(), 0u);
 }
 
 TEST(BufferedMemoryFile, RefusesSizesThatCannotBeRead) {
@@ -184,21 +190,6 @@ TEST(BufferedMemoryFile, RefusesSizesThatCannotBeRead) {
     wrapped.maxRead = UINT64_MAX;
     EXPECT_TRUE(memory.load(path.c_str(), &wrapped));
     EXPECT_EQ(memory.getSize(), 26u);
-}
-
-TEST(BufferedMemoryFile, AppendsAndGrows) {
-    zu::BufferedMemoryFile memory;
-    std::string expected;
-    for (int i = 0; i < 1000; ++i) {
-        const std::string piece = std::to_string(i) + ",";
-        memory.append(piece.data(), piece.size());
-        expected += piece;
-    }
-    memory.append(nullptr, 5);  // nothing to append
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(memory.getData()), memory.getSize()),
-              expected);
-    memory.clear();
-    EXPECT_EQ(memory.getSize(), 0u);
 }
 
 }  // namespace
