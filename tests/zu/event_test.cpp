@@ -1,17 +1,16 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
+#include "socket_pair.h"
 #include "zu/event.h"
 #include "zu/timer.h"
 
 namespace {
 
-TEST(Event, OneWakePerSignal) {
+TEST(Event, OneWakePerSignalAndTimedWaits) {
     zu::Event event;
     EXPECT_FALSE(event.tryWait());
     event.signal();
@@ -21,10 +20,8 @@ TEST(Event, OneWakePerSignal) {
     event.signal();
     event.reset();
     EXPECT_FALSE(event.tryWait());
-}
 
-TEST(Event, WaitTimesOut) {
-    zu::Event event;
+    // Waits time out, never before their time.
     zu::Timer timer;
     EXPECT_FALSE(event.wait(30));
     EXPECT_GE(timer.getElapsedSeconds(), 0.029);
@@ -58,22 +55,10 @@ TEST(Event, EachSignalReleasesExactlyOneOfManyWaiters) {
     EXPECT_EQ(woke.load(), 4);
 }
 
-class SocketPair {
-public:
-    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
-    ~SocketPair() {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    zu::WaitHandle readable() const { return {zu::WaitHandle::SocketRead, fds[0]}; }
-    void send() { EXPECT_EQ(write(fds[1], "x", 1), 1); }
-    int fds[2];
-};
-
 TEST(WaitForAny, WaitsOnEventsAndSocketsTogether) {
     zu::Event first, second;
     SocketPair socket;
-    zu::WaitHandle handles[] = {first.getWaitHandle(), socket.readable(), second.getWaitHandle()};
+    zu::WaitHandle handles[] = {first.getWaitHandle(), socket.handle(0), second.getWaitHandle()};
 
     EXPECT_EQ(zu::waitForAny(handles, 3, 10), zu::kWaitTimeout);
 
@@ -88,9 +73,7 @@ TEST(WaitForAny, WaitsOnEventsAndSocketsTogether) {
     std::thread signaller([&] { first.signal(); });
     signaller.join();
     EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 0);  // lowest ready index first
-}
-
-TEST(WaitForAny, RejectsInvalidCalls) {
+    // Invalid calls fail; an empty handle never becomes ready.
     std::vector<zu::WaitHandle> tooMany(65);
     EXPECT_EQ(zu::waitForAny(tooMany.data(), tooMany.size(), 0), zu::kWaitFailed);
     zu::WaitHandle closed{zu::WaitHandle::SocketRead, 1000000};

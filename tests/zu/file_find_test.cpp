@@ -42,29 +42,18 @@ protected:
         }
     }
 
-    struct Found {
-        std::string name;
-        uint64_t size;
-        bool isDirectory;
-    };
-
-    std::vector<Found> find(const std::string& pattern) {
-        std::vector<Found> found;
+    // Each entry found: "name size" for a file, "name/" for a folder.
+    std::vector<std::string> find(const std::string& pattern) {
+        std::vector<std::string> found;
         for (zu::FindFileHandle* handle = fs.findFirstFile(pattern.c_str()); handle != nullptr;
              handle = fs.findNextFile(handle)) {
             EXPECT_GT(fs.findGetFileTime(handle), 0u);
-            found.push_back({fs.findGetFileName(handle), fs.findGetFileSize(handle),
-                             fs.findIsDirectory(handle)});
+            std::string name = fs.findGetFileName(handle);
+            found.push_back(fs.findIsDirectory(handle)
+                                ? name + "/"
+                                : name + " " + std::to_string(fs.findGetFileSize(handle)));
         }
         return found;
-    }
-
-    std::vector<std::string> names(const std::vector<Found>& found) {
-        std::vector<std::string> result;
-        for (const Found& entry : found) {
-            result.push_back(entry.name);
-        }
-        return result;
     }
 
     std::vector<std::string> list(const char* filter, zu::FileAcceptDelegate accept, bool recursive,
@@ -87,22 +76,13 @@ protected:
 using Names = std::vector<std::string>;
 
 TEST_F(FindTest, FindsMatchingNamesAndSubfoldersSorted) {
-    std::vector<Found> found = find(root + "/*.txt");
-    EXPECT_EQ(names(found), (Names{"a.txt", "ab.txt", "b.txt"}));
-    ASSERT_EQ(found.size(), 3u);
-    EXPECT_EQ(found[1].size, 6u);
-    EXPECT_FALSE(found[1].isDirectory);
-
-    EXPECT_EQ(names(find(root + "/?.txt")), (Names{"a.txt", "b.txt"}));
-    EXPECT_EQ(names(find(root + "\\sub\\*.dat")), (Names{"e.dat"}));
-    EXPECT_EQ(names(find(root + "/readme")), (Names{"readme"}));
-
+    EXPECT_EQ(find(root + "/*.txt"), (Names{"a.txt 5", "ab.txt 6", "b.txt 5"}));
+    EXPECT_EQ(find(root + "/?.txt"), (Names{"a.txt 5", "b.txt 5"}));
+    EXPECT_EQ(find(root + "\\sub\\*.dat"), (Names{"e.dat 9"}));
+    EXPECT_EQ(find(root + "/readme"), (Names{"readme 6"}));
     // Everything, folders included, never "." and "..".
-    found = find(root + "/*");
-    EXPECT_EQ(names(found), (Names{"a.txt", "ab.txt", "b.txt", "c.dat", "other", "readme", "sub"}));
-    EXPECT_TRUE(found[4].isDirectory);
-    EXPECT_TRUE(found[6].isDirectory);
-
+    EXPECT_EQ(find(root + "/*"),
+              (Names{"a.txt 5", "ab.txt 6", "b.txt 5", "c.dat 5", "other/", "readme 6", "sub/"}));
     EXPECT_EQ(fs.findFirstFile((root + "/other/*.txt").c_str()), nullptr);  // g.TXT: case
     EXPECT_EQ(fs.findFirstFile((root + "/missing/*").c_str()), nullptr);
     EXPECT_EQ(fs.findFirstFile((root + "/").c_str()), nullptr);

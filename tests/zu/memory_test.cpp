@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(Memory, HonoursAlignment) {
+TEST(Memory, HonoursAlignmentOrThrows) {
     for (size_t alignment : {16u, 64u, 4096u, 65536u}) {
         void* memory = zu::allocateMemory(100, alignment);
         EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % alignment, 0u) << alignment;
@@ -15,9 +15,7 @@ TEST(Memory, HonoursAlignment) {
     }
     zu::deleteMemory(zu::allocateMemory(0));
     zu::deleteMemory(nullptr);
-}
-
-TEST(Memory, FailureThrowsTheRuntimeException) {
+    // Failure throws the runtime's exception.
     EXPECT_THROW(zu::allocateMemory(SIZE_MAX / 2), zu::OutOfMemoryException);
     EXPECT_THROW(zu::allocateMemory(16, 48), zu::OutOfMemoryException);
 }

@@ -24,20 +24,6 @@ bool freeForAnotherThread(MutexType& mutex) {
     return taken;
 }
 
-template <typename MutexType>
-class ScopedLockTest : public ::testing::Test {};
-using MutexTypes = ::testing::Types<zu::Mutex, zu::RecursiveMutex>;
-TYPED_TEST_SUITE(ScopedLockTest, MutexTypes);
-
-TYPED_TEST(ScopedLockTest, HoldsTheMutexAgainstOtherThreadsForItsScopeOnly) {
-    TypeParam mutex;
-    {
-        zu::ScopedLock lock(mutex);
-        EXPECT_FALSE(freeForAnotherThread(mutex));
-    }
-    EXPECT_TRUE(freeForAnotherThread(mutex));
-}
-
 TEST(RecursiveMutex, IsHeldUntilEveryLockOfItsThreadIsGivenBack) {
     zu::RecursiveMutex mutex;
     {
@@ -52,7 +38,7 @@ TEST(RecursiveMutex, IsHeldUntilEveryLockOfItsThreadIsGivenBack) {
 }
 
 // A condition variable waits on a zu::Mutex held by a ScopedLock, as a pipe's close does.
-TEST(Mutex, AConditionVariableWaitsOnItAndGivesItBackWhileWaiting) {
+TEST(Mutex, IsHeldForTheLocksScopeAndGivenBackWhileAConditionVariableWaits) {
     zu::Mutex mutex;
     std::condition_variable_any changed;
     bool ready = false;
@@ -67,11 +53,13 @@ TEST(Mutex, AConditionVariableWaitsOnItAndGivesItBackWhileWaiting) {
     });
     {
         zu::ScopedLock lock(mutex);
+        EXPECT_FALSE(freeForAnotherThread(mutex));
         waiting = true;
         changed.wait(mutex, [&] { return ready; });
         EXPECT_TRUE(ready);
     }
     setter.join();
+    EXPECT_TRUE(freeForAnotherThread(mutex));  // the lock gave it back with its scope
 }
 
 }  // namespace

@@ -43,9 +43,7 @@ TEST(UniquePtr, DestroysThroughABaseWhosePartLiesInsideTheObject) {
         EXPECT_EQ(destroyed, 1);
     }
     EXPECT_EQ(destroyed, 2);
-}
-
-TEST(UniquePtr, AFailingConstructorGivesTheMemoryBack) {
+    // A failing constructor gives the memory back; an empty owner frees nothing.
     EXPECT_THROW(zu::makeUnique<Failing>(), zu::Exception);
     zu::UniquePtr<Counted> none;
     none.reset();  // an empty owner frees nothing
@@ -68,9 +66,6 @@ TEST(Buffer, OwnsAlignedBytesAndHandsThemOverOnMove) {
     EXPECT_EQ(other.size(), 1000u);
     other.reset();
     EXPECT_TRUE(other.empty());
-}
-
-TEST(Buffer, ABlockTooLargeThrowsTheRuntimeException) {
     EXPECT_THROW(zu::Buffer(SIZE_MAX / 2), zu::OutOfMemoryException);
 }
 

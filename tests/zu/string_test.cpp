@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(InplaceString, GrowsPastInlineStorageWithoutTruncating) {
+TEST(InplaceString, GrowsAndFormatsPastInlineStorageWithoutTruncating) {
     zu::InplaceString<8> text("1234567");
     EXPECT_TRUE(text.isInline());
     text += "89abcdef";
@@ -18,6 +18,16 @@ TEST(InplaceString, GrowsPastInlineStorageWithoutTruncating) {
     text = longText.c_str();
     EXPECT_EQ(text.length(), 5000u);
     EXPECT_EQ(std::string(text.c_str()), longText);
+
+    // Formatting does not truncate either.
+    zu::InplaceString<8> formatted;
+    formatted.format("%s-%d", "name", 12345);
+    EXPECT_EQ(formatted, "name-12345");
+    formatted.appendFormat("/%x", 255u);
+    EXPECT_EQ(formatted, "name-12345/ff");
+    EXPECT_EQ(zu::str("ZMK %s job manager", "io"), "ZMK io job manager");
+    std::string wide(1000, 'w');
+    EXPECT_EQ(zu::str("%s", wide.c_str()).length(), 1000u);
 }
 
 TEST(InplaceString, CopiesAndMovesKeepTheirOwnStorage) {
@@ -39,15 +49,6 @@ TEST(InplaceString, CopiesAndMovesKeepTheirOwnStorage) {
     EXPECT_EQ(base, moved);
 }
 
-TEST(InplaceString, AppendingItsOwnTextIsSafe) {
-    zu::InplaceString<4> text("abc");
-    text += text;
-    text += text.c_str() + 1;
-    EXPECT_EQ(text, "abcabcbcabc");
-    text.assign(text.c_str() + 3, 3);
-    EXPECT_EQ(text, "abc");
-}
-
 TEST(InplaceString, EditingOperations) {
     zu::InplaceString<8> text("hello");
     text.insert(0, '>');
@@ -65,17 +66,14 @@ TEST(InplaceString, EditingOperations) {
     EXPECT_EQ(zu::String("one two").substr(4), "two");
     text.truncate(1);
     EXPECT_EQ(text, ">");
-}
 
-TEST(InplaceString, FormatsWithoutTruncating) {
-    zu::InplaceString<8> text;
-    text.format("%s-%d", "name", 12345);
-    EXPECT_EQ(text, "name-12345");
-    text.appendFormat("/%x", 255u);
-    EXPECT_EQ(text, "name-12345/ff");
-    EXPECT_EQ(zu::str("ZMK %s job manager", "io"), "ZMK io job manager");
-    std::string wide(1000, 'w');
-    EXPECT_EQ(zu::str("%s", wide.c_str()).length(), 1000u);
+    // Appending or assigning its own text is safe.
+    zu::InplaceString<4> own("abc");
+    own += own;
+    own += own.c_str() + 1;
+    EXPECT_EQ(own, "abcabcbcabc");
+    own.assign(own.c_str() + 3, 3);
+    EXPECT_EQ(own, "abc");
 }
 
 TEST(StringComparison, IgnoresCaseLikeStricmp) {
