@@ -1,59 +1,13 @@
+// zu::waitForAny over events and sockets.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 #include <vector>
 
 #include "socket_pair.h"
 #include "zu/event.h"
-#include "zu/timer.h"
 
 namespace {
-
-TEST(Event, OneWakePerSignalAndTimedWaits) {
-    zu::Event event;
-    EXPECT_FALSE(event.tryWait());
-    event.signal();
-    event.signal();  // merges with the first: still one wake
-    EXPECT_TRUE(event.wait(0));
-    EXPECT_FALSE(event.wait(0));
-    event.signal();
-    event.reset();
-    EXPECT_FALSE(event.tryWait());
-
-    // Waits time out, never before their time.
-    zu::Timer timer;
-    EXPECT_FALSE(event.wait(30));
-    EXPECT_GE(timer.getElapsedSeconds(), 0.029);
-    // A wait of 1 ms never returns before its millisecond has passed.
-    timer.restart();
-    EXPECT_FALSE(event.wait(1));
-    EXPECT_GE(timer.getElapsedSeconds(), 0.001);
-}
-
-TEST(Event, EachSignalReleasesExactlyOneOfManyWaiters) {
-    zu::Event event;
-    std::atomic<int> woke{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i) {
-        waiters.emplace_back([&] {
-            if (event.wait(10000)) {
-                ++woke;
-            }
-        });
-    }
-    for (int i = 0; i < 4; ++i) {
-        event.signal();
-        // Wait for that signal to be taken before giving the next, so none merge.
-        for (int spin = 0; spin < 100000 && woke.load() <= i; ++spin) {
-            std::this_thread::yield();
-        }
-    }
-    for (auto& waiter : waiters) {
-        waiter.join();
-    }
-    EXPECT_EQ(woke.load(), 4);
-}
 
 TEST(WaitForAny, WaitsOnEventsAndSocketsTogether) {
     zu::Event first, second;

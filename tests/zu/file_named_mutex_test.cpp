@@ -21,7 +21,7 @@ bool exists(const std::string& name) {
     return zu::NamedMutex::doesMutexExist(name.c_str());
 }
 
-TEST(NamedMutex, IsPresentWhileAnyHolderLives) {
+TEST(NamedMutex, IsPresentWhileAnyHolderLivesUnderItsExactName) {
     std::string name = uniqueName("in-process");
     EXPECT_FALSE(exists(name));
     {
@@ -37,9 +37,8 @@ TEST(NamedMutex, IsPresentWhileAnyHolderLives) {
     }
     EXPECT_FALSE(exists(name));
     EXPECT_FALSE(exists(name));  // probing does not create it
-}
 
-TEST(NamedMutex, NamesThatLookAlikeAfterCleaningStayApart) {
+    // Names that look alike after cleaning stay apart.
     std::string base = uniqueName("alike");
     zu::NamedMutex slashed((base + "a/b").c_str());
     ASSERT_TRUE(slashed.isHeld());

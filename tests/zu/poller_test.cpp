@@ -66,6 +66,12 @@ TEST(Poller, ReportsReadySocketsAndEventsTakingTheEventsSignals) {
     poller.unwatch(sockets.handle(1));
     EXPECT_FALSE(poller.isWatching(sockets.handle(1)));
     EXPECT_EQ(waitOn(poller, 20).count, 0);  // unwatched: never reported again
+
+    // What it cannot watch is refused.
+    EXPECT_FALSE(poller.watch({zu::WaitHandle::SocketRead, -1, 1}));
+    EXPECT_EQ(poller.wait(0, found.ready, 0), zu::kWaitFailed);
+    EXPECT_TRUE(poller.watch({}));  // kind None: nothing to watch
+    EXPECT_EQ(waitOn(poller, 1).count, 0);
 }
 
 TEST(Poller, RegistersADescriptorNumberAgainForItsNextSocket) {
@@ -91,15 +97,6 @@ TEST(Poller, RegistersADescriptorNumberAgainForItsNextSocket) {
     // Handles of an earlier generation are no longer this poller's to unwatch.
     poller.unwatch(second.handle(1));
     EXPECT_EQ(waitOn(poller, 1000).count, 1);
-}
-
-TEST(Poller, RefusesWhatItCannotWatch) {
-    zu::Poller poller;
-    EXPECT_FALSE(poller.watch({zu::WaitHandle::SocketRead, -1, 1}));
-    Found found;
-    EXPECT_EQ(poller.wait(0, found.ready, 0), zu::kWaitFailed);
-    EXPECT_TRUE(poller.watch({}));  // kind None: nothing to watch
-    EXPECT_EQ(waitOn(poller, 1).count, 0);
 }
 
 }  // namespace

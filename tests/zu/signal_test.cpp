@@ -1,27 +1,25 @@
+// zu::Event and zu::Signal keep one signal until a waiter takes it; both are held to the same
+// behaviour.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 #include <vector>
 
+#include "support/test_support.h"
+#include "zu/event.h"
 #include "zu/signal.h"
 #include "zu/timer.h"
 
 namespace {
 
-// Waits (bounded) until `condition` holds.
-template <typename Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::yield();
-    }
-    return condition();
-}
+template <typename SignalType>
+class WakeTest : public ::testing::Test {};
+using SignalTypes = ::testing::Types<zu::Event, zu::Signal>;
+TYPED_TEST_SUITE(WakeTest, SignalTypes);
 
-TEST(Signal, KeepsOneSignalUntilTakenAndTimesOutWithout) {
-    zu::Signal signal;
+TYPED_TEST(WakeTest, KeepsOneSignalUntilTakenAndTimesOutWithout) {
+    TypeParam signal;
     EXPECT_FALSE(signal.tryWait());
     signal.signal();
     signal.signal();  // merges with the first
@@ -34,12 +32,16 @@ TEST(Signal, KeepsOneSignalUntilTakenAndTimesOutWithout) {
     zu::Timer timer;
     EXPECT_FALSE(signal.wait(30));
     EXPECT_GE(timer.getElapsedSeconds(), 0.029);
+    // A wait of 1 ms never returns before its millisecond has passed.
+    timer.restart();
+    EXPECT_FALSE(signal.wait(1));
+    EXPECT_GE(timer.getElapsedSeconds(), 0.001);
     signal.signal();  // a wait that gave up leaves later signals for the next one
     EXPECT_TRUE(signal.wait(0));
 }
 
-TEST(Signal, WakesAThreadAsleepOnItEveryTime) {
-    zu::Signal ping, pong;
+TYPED_TEST(WakeTest, WakesAThreadAsleepOnItEveryTime) {
+    TypeParam ping, pong;
     constexpr int kRounds = 2000;
     std::thread partner([&] {
         for (int i = 0; i < kRounds; ++i) {
@@ -58,8 +60,8 @@ TEST(Signal, WakesAThreadAsleepOnItEveryTime) {
     EXPECT_FALSE(pong.tryWait());
 }
 
-TEST(Signal, EachSignalReleasesOneOfManyWaiters) {
-    zu::Signal signal;
+TYPED_TEST(WakeTest, EachSignalReleasesOneOfManyWaiters) {
+    TypeParam signal;
     std::atomic<int> woke{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 4; ++i) {
@@ -67,7 +69,7 @@ TEST(Signal, EachSignalReleasesOneOfManyWaiters) {
     }
     for (int i = 1; i <= 4; ++i) {
         signal.signal();
-        EXPECT_TRUE(eventually([&] { return woke.load() >= i; }));  // taken before the next
+        EXPECT_TRUE(dmtest::waitUntil([&] { return woke.load() >= i; }));  // before the next
         EXPECT_EQ(woke.load(), i);
         EXPECT_FALSE(signal.tryWait());  // the waiter took it; none is left over
     }
