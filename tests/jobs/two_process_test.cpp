@@ -13,25 +13,14 @@
 
 namespace {
 
-// The port from the game's "listening on port <n>" line; 0 if it did not print one.
-uint32_t announcedPort(dmtest::ChildProcess& game) {
-    const std::string marker = "listening on port ";
-    if (!game.waitForOutput(marker)) {
-        return 0;
-    }
-    const std::string& output = game.output();
-    return static_cast<uint32_t>(
-        std::strtoul(output.c_str() + output.find(marker) + marker.size(), nullptr, 10));
-}
-
 TEST(JobsAcrossProcesses, AToolsRequestIsAnsweredByTheGamesJobs) {
     dmtest::ChildProcess game("jobs_answering_game", {});
     ASSERT_TRUE(game.started());
-    const uint32_t port = announcedPort(game);
-    ASSERT_NE(port, 0u);
+    const int port = std::atoi(game.portAfter("listening on port ").c_str());
+    ASSERT_NE(port, 0);
 
     const char* toolName = "jobs-tool";
-    dm::initCommunicationManagerAsClient(toolName, "127.0.0.1", static_cast<int>(port));
+    dm::initCommunicationManagerAsClient(toolName, "127.0.0.1", port);
     std::vector<uint8_t> buffer(answeringgame::kAnswerSize, 0);
     {
         dm::JobManager toolJobs(toolName);
