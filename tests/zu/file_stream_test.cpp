@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <string>
+#include <vector>
 
 #include "support/test_support.h"
 #include "zu/exception.h"
@@ -13,11 +14,8 @@ using dmtest::readFile;
 using dmtest::writeFile;
 
 std::string littleEndian(uint32_t value) {
-    std::string bytes;
-    for (int i = 0; i < 4; ++i) {
-        bytes += static_cast<char>((value >> (8 * i)) & 0xFF);
-    }
-    return bytes;
+    const char bytes[4] = {char(value), char(value >> 8), char(value >> 16), char(value >> 24)};
+    return std::string(bytes, 4);
 }
 
 class FileStreamTest : public ::testing::Test {
@@ -61,19 +59,15 @@ TEST_F(FileStreamTest, RoundTripsEveryType) {
     stream >> i0 >> iMinus1 >> iMin >> iMax >> u0 >> uMax;
     stream >> empty >> grown >> high >> fromNull >> longRead >> last;
 
-    EXPECT_EQ(i0, 0);
-    EXPECT_EQ(iMinus1, -1);
-    EXPECT_EQ(iMin, INT_MIN);
-    EXPECT_EQ(iMax, INT_MAX);
-    EXPECT_EQ(u0, 0u);
-    EXPECT_EQ(uMax, UINT_MAX);
+    EXPECT_EQ((std::vector<int>{i0, iMinus1, iMin, iMax, last}),
+              (std::vector<int>{0, -1, INT_MIN, INT_MAX, 7}));
+    EXPECT_EQ((std::vector<unsigned>{u0, uMax}), (std::vector<unsigned>{0u, UINT_MAX}));
     EXPECT_EQ(empty, "");
     EXPECT_EQ(grown, "grows beyond its inline buffer");
     EXPECT_EQ(high, "\x01\x7f\x80\xff high bytes");
     EXPECT_EQ(fromNull, "");
     EXPECT_EQ(longRead.length(), longText.size());
     EXPECT_EQ(longRead, longText.c_str());
-    EXPECT_EQ(last, 7);
     EXPECT_EQ(stream.getRemaining(), 0u);
 }
 

@@ -132,7 +132,32 @@ TEST_F(LocalFileSystemTest, SeekModesAndAsyncReads) {
     fs.closeFile(handle);
 }
 
-TEST_F(LocalFileSystemTest, MoveCopyAndDelete) {
+TEST_F(LocalFileSystemTest, FilesAndDirectoriesComeAndGoWithEitherSeparator) {
+    std::string folder = file("folder");
+    EXPECT_FALSE(fs.directoryExists(folder.c_str()));
+    EXPECT_TRUE(fs.createDirectory(folder.c_str()));
+    EXPECT_TRUE(fs.createDirectory(folder.c_str()));  // already there
+    EXPECT_TRUE(fs.directoryExists(folder.c_str()));
+    EXPECT_FALSE(fs.fileExists(folder.c_str()));
+    EXPECT_FALSE(fs.createDirectory(file("no/such/parent").c_str()));
+
+    writeFile(folder + "/inside.txt", "x");
+    EXPECT_FALSE(fs.directoryExists((folder + "/inside.txt").c_str()));
+    EXPECT_FALSE(fs.createDirectory((folder + "/inside.txt").c_str()));  // a file is in the way
+    EXPECT_FALSE(fs.deleteDirectory(folder.c_str()));                    // not empty
+    EXPECT_TRUE(fs.deleteFile((folder + "/inside.txt").c_str()));
+    EXPECT_TRUE(fs.deleteDirectory(folder.c_str()));
+    EXPECT_FALSE(fs.directoryExists(folder.c_str()));
+
+    // Backslashes separate folders too.
+    ASSERT_TRUE(fs.createDirectory((m_dir.path() + "\\win").c_str()));
+    std::string windowsStyle = m_dir.path() + "\\win\\data.txt";
+    EXPECT_TRUE(writeVia(windowsStyle, zu::BaseFile::ModeWrite, "via backslashes"));
+    EXPECT_EQ(readFile(file("win/data.txt")), "via backslashes");
+    EXPECT_TRUE(fs.fileExists(windowsStyle.c_str()));
+    EXPECT_TRUE(fs.directoryExists(file("win").c_str()));
+
+    // Files move, copy and go.
     std::string a = file("a.txt"), b = file("b.txt"), c = file("c.txt");
     writeFile(a, "alpha");
     writeFile(b, "beta");
@@ -162,32 +187,6 @@ TEST_F(LocalFileSystemTest, MoveCopyAndDelete) {
     EXPECT_FALSE(fs.fileExists(c.c_str()));
     EXPECT_FALSE(fs.deleteFile(c.c_str()));
     EXPECT_FALSE(fs.deleteFile(m_dir.path().c_str()));  // folders go with deleteDirectory
-}
-
-TEST_F(LocalFileSystemTest, DirectoriesWithEitherSeparator) {
-    std::string folder = file("folder");
-    EXPECT_FALSE(fs.directoryExists(folder.c_str()));
-    EXPECT_TRUE(fs.createDirectory(folder.c_str()));
-    EXPECT_TRUE(fs.createDirectory(folder.c_str()));  // already there
-    EXPECT_TRUE(fs.directoryExists(folder.c_str()));
-    EXPECT_FALSE(fs.fileExists(folder.c_str()));
-    EXPECT_FALSE(fs.createDirectory(file("no/such/parent").c_str()));
-
-    writeFile(folder + "/inside.txt", "x");
-    EXPECT_FALSE(fs.directoryExists((folder + "/inside.txt").c_str()));
-    EXPECT_FALSE(fs.createDirectory((folder + "/inside.txt").c_str()));  // a file is in the way
-    EXPECT_FALSE(fs.deleteDirectory(folder.c_str()));                    // not empty
-    EXPECT_TRUE(fs.deleteFile((folder + "/inside.txt").c_str()));
-    EXPECT_TRUE(fs.deleteDirectory(folder.c_str()));
-    EXPECT_FALSE(fs.directoryExists(folder.c_str()));
-
-    // Backslashes separate folders too.
-    ASSERT_TRUE(fs.createDirectory((m_dir.path() + "\\win").c_str()));
-    std::string windowsStyle = m_dir.path() + "\\win\\data.txt";
-    EXPECT_TRUE(writeVia(windowsStyle, zu::BaseFile::ModeWrite, "via backslashes"));
-    EXPECT_EQ(readFile(file("win/data.txt")), "via backslashes");
-    EXPECT_TRUE(fs.fileExists(windowsStyle.c_str()));
-    EXPECT_TRUE(fs.directoryExists(file("win").c_str()));
 }
 
 TEST_F(LocalFileSystemTest, TimesSizesAndReadOnly) {

@@ -1,4 +1,5 @@
-// zu::UniquePtr and zu::Buffer: objects and bytes on the runtime's heap, owned by their types.
+// The runtime's heap: raw blocks, zu::UniquePtr and zu::Buffer owning objects and bytes, and the
+// exceptions it throws.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -30,6 +31,30 @@ struct Offset : Padding, Counted {
 struct Failing {
     Failing() { throw zu::Exception("no"); }
 };
+
+TEST(Memory, HonoursAlignmentOrThrowsTheRuntimesException) {
+    for (size_t alignment : {16u, 64u, 4096u, 65536u}) {
+        void* memory = zu::allocateMemory(100, alignment);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % alignment, 0u) << alignment;
+        zu::deleteMemory(memory);
+    }
+    zu::deleteMemory(zu::allocateMemory(0));
+    zu::deleteMemory(nullptr);
+    // Failure throws the runtime's exception.
+    EXPECT_THROW(zu::allocateMemory(SIZE_MAX / 2), zu::OutOfMemoryException);
+    EXPECT_THROW(zu::allocateMemory(16, 48), zu::OutOfMemoryException);
+
+    // The runtime's exceptions carry formatted text.
+    try {
+        throw zu::FileException_FileOpenFailed("cannot open \"%s\" (%d)", "a.bin", 2);
+    } catch (const zu::FileException& error) {
+        EXPECT_STREQ(error.getError(), "cannot open \"a.bin\" (2)");
+        EXPECT_STREQ(error.what(), error.getError());
+    }
+    zu::Exception error;
+    error.setError("code %u", 7u);
+    EXPECT_STREQ(error.what(), "code 7");
+}
 
 TEST(UniquePtr, DestroysThroughABaseWhosePartLiesInsideTheObject) {
     int destroyed = 0;

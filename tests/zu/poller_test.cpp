@@ -1,12 +1,35 @@
+// Waiting on events and sockets: zu::waitForAny and zu::Poller.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <thread>
+#include <vector>
 
-#include "socket_pair.h"
 #include "zu/event.h"
 #include "zu/poller.h"
 
 namespace {
+
+// A connected pair of local stream sockets; `reader` is watched, `writer` makes it readable.
+struct SocketPair {
+    SocketPair() {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        reader = fds[0];
+        writer = fds[1];
+    }
+    ~SocketPair() {
+        close(reader);
+        close(writer);
+    }
+    zu::WaitHandle handle(uint32_t generation,
+                          zu::WaitHandle::Kind kind = zu::WaitHandle::SocketRead) const {
+        return {kind, reader, generation};
+    }
+    void send() const { EXPECT_EQ(write(writer, "x", 1), 1); }
+    int reader, writer;
+};
 
 // What one wait finds: the handles in report order (at most 8).
 struct Found {
@@ -26,6 +49,33 @@ Found waitOn(zu::Poller& poller, uint32_t timeoutMs) {
     Found found;
     found.count = poller.wait(timeoutMs, found.ready, 8);
     return found;
+}
+
+TEST(WaitForAny, WaitsOnEventsAndSocketsTogether) {
+    zu::Event first, second;
+    SocketPair socket;
+    zu::WaitHandle handles[] = {first.getWaitHandle(), socket.handle(0), second.getWaitHandle()};
+
+    EXPECT_EQ(zu::waitForAny(handles, 3, 10), zu::kWaitTimeout);
+
+    second.signal();
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 2);
+    EXPECT_FALSE(second.tryWait());  // the wait took the signal
+
+    socket.send();
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 1);
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 1);  // readiness is not consumed
+
+    std::thread signaller([&] { first.signal(); });
+    signaller.join();
+    EXPECT_EQ(zu::waitForAny(handles, 3, 1000), 0);  // lowest ready index first
+    // Invalid calls fail; an empty handle never becomes ready.
+    std::vector<zu::WaitHandle> tooMany(65);
+    EXPECT_EQ(zu::waitForAny(tooMany.data(), tooMany.size(), 0), zu::kWaitFailed);
+    zu::WaitHandle closed{zu::WaitHandle::SocketRead, 1000000};
+    EXPECT_EQ(zu::waitForAny(&closed, 1, 0), zu::kWaitFailed);
+    zu::WaitHandle none{};
+    EXPECT_EQ(zu::waitForAny(&none, 1, 5), zu::kWaitTimeout);
 }
 
 TEST(Poller, ReportsReadySocketsAndEventsTakingTheEventsSignals) {

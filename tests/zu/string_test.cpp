@@ -28,9 +28,8 @@ TEST(InplaceString, GrowsAndFormatsPastInlineStorageWithoutTruncating) {
     EXPECT_EQ(zu::str("ZMK %s job manager", "io"), "ZMK io job manager");
     std::string wide(1000, 'w');
     EXPECT_EQ(zu::str("%s", wide.c_str()).length(), 1000u);
-}
 
-TEST(InplaceString, CopiesAndMovesKeepTheirOwnStorage) {
+    // Copies and moves keep their own storage.
     zu::InplaceString<16> small("short");
     zu::InplaceString<16> copy(small);
     copy += "!";
