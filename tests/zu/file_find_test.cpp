@@ -102,7 +102,7 @@ TEST_F(FindTest, FindsMatchingNamesAndSubfoldersSorted) {
     EXPECT_EQ(folders[1], "sub");
 }
 
-TEST_F(FindTest, ListsFilesRecursivelyThroughTheDelegate) {
+TEST_F(FindTest, ListsFilesRecursivelyThroughTheDelegateDownToTheDepthLimit) {
     std::vector<std::pair<std::string, std::string>> asked;
     auto refuseB = [&](const char* name, const char* path) {
         asked.emplace_back(name, path);
@@ -125,11 +125,10 @@ TEST_F(FindTest, ListsFilesRecursivelyThroughTheDelegate) {
                      root + "/readme"}));
     EXPECT_EQ(list("*.dat", nullptr, true, root), (Names{root + "/c.dat", root + "/sub/e.dat"}));
     EXPECT_EQ(list("*", nullptr, true, root + "/missing"), Names{});
-}
 
-TEST_F(FindTest, ListingStopsAtTheDepthLimitOnALinkLoop) {
+    // On a link loop the listing stops at the depth limit.
     ASSERT_EQ(symlink("..", (root + "/sub/deeper/up").c_str()), 0);
-    Names listed = list("f.txt", nullptr, true, root + "/sub");
+    listed = list("f.txt", nullptr, true, root + "/sub");
     // deeper/f.txt, then deeper/up/deeper/f.txt, ... one per level down to the limit.
     EXPECT_EQ(listed.size(), static_cast<size_t>(zu::FileSystem::kMaxFindDepth / 2));
     EXPECT_EQ(listed.front(), root + "/sub/deeper/f.txt");

@@ -35,7 +35,7 @@ protected:
     dmtest::TempDir m_dir;
 };
 
-TEST_F(LocalFileSystemTest, OpenModes) {
+TEST_F(LocalFileSystemTest, OpenModesSeeksAndAsyncReads) {
     std::string path = file("modes.txt");
     EXPECT_EQ(fs.openFile(path.c_str(), zu::BaseFile::ModeRead), nullptr);
     EXPECT_EQ(fs.openFile(path.c_str(), zu::BaseFile::ModeReadWrite), nullptr);
@@ -67,42 +67,15 @@ TEST_F(LocalFileSystemTest, OpenModes) {
     EXPECT_EQ(fs.writeFile(handle, "x", 1), 0u);
     fs.closeFile(handle);
     EXPECT_EQ(fs.openFile(file("missing/x.txt").c_str(), zu::BaseFile::ModeWrite), nullptr);
-}
 
-TEST_F(LocalFileSystemTest, OnlyRegularFilesOpenAndNullHandlesDoNothing) {
-    // A FIFO where a file is expected must neither open nor block the caller.
-    std::string fifo = file("cache.fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    EXPECT_EQ(fs.openFile(fifo.c_str(), zu::BaseFile::ModeRead), nullptr);
-    ASSERT_TRUE(writeVia(file("plain.txt"), zu::BaseFile::ModeWrite, "x"));
-    EXPECT_FALSE(fs.copyFile(fifo.c_str(), file("copy.txt").c_str()));
-    EXPECT_FALSE(fs.copyFile(file("plain.txt").c_str(), fifo.c_str()));
-    EXPECT_EQ(fs.openFile(m_dir.path().c_str(), zu::BaseFile::ModeRead), nullptr);
-
-    uint64_t freeBytes = 0, totalBytes = 0;
-    ASSERT_TRUE(fs.getDiskSpaceInfo(m_dir.path().c_str(), freeBytes, totalBytes));
-    EXPECT_GT(totalBytes, 0u);
-    EXPECT_LE(freeBytes, totalBytes);
-    EXPECT_FALSE(fs.getDiskSpaceInfo(file("missing").c_str(), freeBytes, totalBytes));
-
-    char byte = 0;
-    EXPECT_FALSE(fs.closeFile(nullptr));
-    EXPECT_EQ(fs.readFile(nullptr, &byte, 1) + fs.writeFile(nullptr, &byte, 1) +
-                  fs.readFileAsync(nullptr, &byte, 1, 0) +
-                  fs.seekFile(nullptr, 5, zu::BaseFile::SeekBegin) + fs.getFileSize(nullptr),
-              0u);
-    EXPECT_FALSE(fs.setFileTime(nullptr, zu::FileTime{}, zu::FileTime::fromValue(1)));
-    EXPECT_EQ(fs.openFile(nullptr, zu::BaseFile::ModeRead), nullptr);
-}
-
-TEST_F(LocalFileSystemTest, SeekModesAndAsyncReads) {
-    std::string path = file("hundred.bin");
+    // Seeks in every mode, and async reads at their own offset.
+    path = file("hundred.bin");
     std::string bytes;
     for (int i = 0; i < 100; ++i) {
         bytes += static_cast<char>(i);
     }
     writeFile(path, bytes);
-    zu::FileHandle* handle = fs.openFile(path.c_str(), zu::BaseFile::ModeRead);
+    handle = fs.openFile(path.c_str(), zu::BaseFile::ModeRead);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(fs.getFileSize(handle), 100u);
     EXPECT_EQ(fs.seekFile(handle, 10, zu::BaseFile::SeekBegin), 10u);
@@ -130,6 +103,32 @@ TEST_F(LocalFileSystemTest, SeekModesAndAsyncReads) {
     EXPECT_EQ(fs.readFileAsync(handle, chunk, 4, 98), 2u);
     EXPECT_EQ(fs.getCurrentPosition(handle), 7u);
     fs.closeFile(handle);
+}
+
+TEST_F(LocalFileSystemTest, OnlyRegularFilesOpenAndNullHandlesDoNothing) {
+    // A FIFO where a file is expected must neither open nor block the caller.
+    std::string fifo = file("cache.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(fs.openFile(fifo.c_str(), zu::BaseFile::ModeRead), nullptr);
+    ASSERT_TRUE(writeVia(file("plain.txt"), zu::BaseFile::ModeWrite, "x"));
+    EXPECT_FALSE(fs.copyFile(fifo.c_str(), file("copy.txt").c_str()));
+    EXPECT_FALSE(fs.copyFile(file("plain.txt").c_str(), fifo.c_str()));
+    EXPECT_EQ(fs.openFile(m_dir.path().c_str(), zu::BaseFile::ModeRead), nullptr);
+
+    uint64_t freeBytes = 0, totalBytes = 0;
+    ASSERT_TRUE(fs.getDiskSpaceInfo(m_dir.path().c_str(), freeBytes, totalBytes));
+    EXPECT_GT(totalBytes, 0u);
+    EXPECT_LE(freeBytes, totalBytes);
+    EXPECT_FALSE(fs.getDiskSpaceInfo(file("missing").c_str(), freeBytes, totalBytes));
+
+    char byte = 0;
+    EXPECT_FALSE(fs.closeFile(nullptr));
+    EXPECT_EQ(fs.readFile(nullptr, &byte, 1) + fs.writeFile(nullptr, &byte, 1) +
+                  fs.readFileAsync(nullptr, &byte, 1, 0) +
+                  fs.seekFile(nullptr, 5, zu::BaseFile::SeekBegin) + fs.getFileSize(nullptr),
+              0u);
+    EXPECT_FALSE(fs.setFileTime(nullptr, zu::FileTime{}, zu::FileTime::fromValue(1)));
+    EXPECT_EQ(fs.openFile(nullptr, zu::BaseFile::ModeRead), nullptr);
 }
 
 TEST_F(LocalFileSystemTest, FilesAndDirectoriesComeAndGoWithEitherSeparator) {

@@ -56,25 +56,7 @@ TEST(Memory, HonoursAlignmentOrThrowsTheRuntimesException) {
     EXPECT_STREQ(error.what(), "code 7");
 }
 
-TEST(UniquePtr, DestroysThroughABaseWhosePartLiesInsideTheObject) {
-    int destroyed = 0;
-    {
-        zu::UniquePtr<Counted> base = zu::makeUnique<Offset>(&destroyed);
-        ASSERT_NE(static_cast<void*>(base.get()), dynamic_cast<void*>(base.get()));
-        zu::Vector<zu::UniquePtr<Counted>> owners;
-        owners.push_back(std::move(base));
-        owners.push_back(zu::makeUnique<Counted>(&destroyed));
-        owners.erase(0);
-        EXPECT_EQ(destroyed, 1);
-    }
-    EXPECT_EQ(destroyed, 2);
-    // A failing constructor gives the memory back; an empty owner frees nothing.
-    EXPECT_THROW(zu::makeUnique<Failing>(), zu::Exception);
-    zu::UniquePtr<Counted> none;
-    none.reset();  // an empty owner frees nothing
-}
-
-TEST(Buffer, OwnsAlignedBytesAndHandsThemOverOnMove) {
+TEST(Ownership, BuffersAndUniquePtrsFreeWhatTheyOwnAndHandItOverOnMove) {
     zu::Buffer buffer(1000, 4096);
     ASSERT_FALSE(buffer.empty());
     EXPECT_EQ(buffer.size(), 1000u);
@@ -92,6 +74,23 @@ TEST(Buffer, OwnsAlignedBytesAndHandsThemOverOnMove) {
     other.reset();
     EXPECT_TRUE(other.empty());
     EXPECT_THROW(zu::Buffer(SIZE_MAX / 2), zu::OutOfMemoryException);
+
+    // A UniquePtr destroys through a base whose part lies inside the object.
+    int destroyed = 0;
+    {
+        zu::UniquePtr<Counted> base = zu::makeUnique<Offset>(&destroyed);
+        ASSERT_NE(static_cast<void*>(base.get()), dynamic_cast<void*>(base.get()));
+        zu::Vector<zu::UniquePtr<Counted>> owners;
+        owners.push_back(std::move(base));
+        owners.push_back(zu::makeUnique<Counted>(&destroyed));
+        owners.erase(0);
+        EXPECT_EQ(destroyed, 1);
+    }
+    EXPECT_EQ(destroyed, 2);
+    // A failing constructor gives the memory back; an empty owner frees nothing.
+    EXPECT_THROW(zu::makeUnique<Failing>(), zu::Exception);
+    zu::UniquePtr<Counted> none;
+    none.reset();  // an empty owner frees nothing
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ public:
     std::atomic<zu::ThreadId> id{0};
 };
 
-TEST(Thread, StartJoinAndResult) {
+TEST(Thread, StartJoinResultAndTimers) {
     NamedWorker worker;
     EXPECT_EQ(worker.joinThread(), 0);  // nothing started: returns at once
     ASSERT_TRUE(worker.startThread());
@@ -46,9 +46,8 @@ TEST(Thread, StartJoinAndResult) {
     ASSERT_TRUE(worker.startThread());
     worker.go.signal();
     EXPECT_EQ(worker.joinThread(), 42);
-}
 
-TEST(Timer, MeasuresElapsedTime) {
+    // Timers measure elapsed time.
     zu::Timer timer;
     double age = zu::Timer::getAppAge();
     zu::sleepMs(20);
