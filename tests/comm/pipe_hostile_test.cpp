@@ -22,12 +22,7 @@ using Bytes = std::vector<uint8_t>;
 
 using HostileChunks = dmtest::HandWrittenPackets;
 
-Bytes joined(const Bytes& a, const Bytes& b, const Bytes& c) {
-    Bytes all = a;
-    all.insert(all.end(), b.begin(), b.end());
-    all.insert(all.end(), c.begin(), c.end());
-    return all;
-}
+using dmtest::joined;
 
 TEST_F(HostileChunks, ScatteredChunksBeyondAFewGapsAreRefused) {
     // Every fourth byte first, then the rest: more gaps at once than a sender leaves are refused.

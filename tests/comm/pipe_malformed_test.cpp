@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -28,12 +29,7 @@ net::Packet cutShort(const net::Packet& packet, uint32_t bytesRemoved) {
 
 using Malformed = dmtest::HandWrittenPackets;
 
-Bytes joined(const Bytes& a, const Bytes& b, const Bytes& c) {
-    Bytes all = a;
-    all.insert(all.end(), b.begin(), b.end());
-    all.insert(all.end(), c.begin(), c.end());
-    return all;
-}
+using dmtest::joined;
 
 // --- Packets written by hand, and what the application can take afterwards ---
 

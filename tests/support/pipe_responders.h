@@ -30,6 +30,17 @@ inline std::vector<uint8_t> patternBytes(size_t size, uint32_t seed) {
     return bytes;
 }
 
+// The three byte runs one after the other.
+inline std::vector<uint8_t> joined(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
+                                   const std::vector<uint8_t>& c) {
+    std::vector<uint8_t> all;
+    all.reserve(a.size() + b.size() + c.size());
+    all.insert(all.end(), a.begin(), a.end());
+    all.insert(all.end(), b.begin(), b.end());
+    all.insert(all.end(), c.begin(), c.end());
+    return all;
+}
+
 // Answers every request on its pipes with the same text and data, and every notification with
 // "echo: " and its text, on its own thread. Pipes may be added while it runs. Stop it (or let it
 // go out of scope) before the managers of its pipes are destroyed.
