@@ -74,6 +74,7 @@ PipeStatistics NetCommunicationPipe::getStatistics() const {
     sizes.droppedConnectionLimit = m_droppedConnectionLimit.load();
     sizes.sentDirectly = m_sentDirectly.load();
     sizes.sentDirectlyInPart = m_sentDirectlyInPart.load();
+    sizes.answersReadDirectly = m_answersReadDirectly.load();
     {
         zu::ScopedLock lock(m_incomingLock);
         sizes.incomingRequests = m_incomingRequests.size() + m_partialRequests.size();
@@ -165,8 +166,13 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
         request.dataSize = data ? dataSize : 0;
         request.event = event;
     }
+    if (m_owner) {
+        m_owner->countAwaitedAnswers(1);
+    }
     if (!writeRequestDirectly(id)) {
         wakeToSend();
+    } else if (m_owner) {
+        m_owner->readForAnswer(*this, id);
     }
 
     zu::InplaceString<128> responseText;
@@ -189,9 +195,19 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
             }
         }
         releaseEvent(event);
+        if (m_owner) {
+            m_owner->countAwaitedAnswers(-1);
+        }
         leaveBlockingCall();
         return responseText;
     }
+}
+
+bool NetCommunicationPipe::isAnswered(uint32_t requestId) {
+    zu::ScopedLock lock(m_outgoingLock);
+    size_t index = 0;
+    const RequestRecord* request = findOutgoingRequest(requestId, &index);
+    return !request || request->responseReceived;
 }
 
 zu::InplaceString<128> NetCommunicationPipe::receiveRequest(uint32_t* outValue) {

@@ -27,6 +27,8 @@
 
 namespace dm {
 
+class NetCommunicationPipe;
+
 // What a pipe needs from the manager that owns it.
 class PipeOwner {
 public:
@@ -50,11 +52,20 @@ public:
             callback.function(callback.context, pipe);
         }
     }
-    // The lock under which the owner's thread works on its connections; it lets it go only
-    // while it waits. A caller that gets it may borrow the pipe's socket for one non-blocking
-    // write of its own message (see NetCommunicationPipe::writeDirectly). Null: the owner
-    // lends its sockets to nobody, and its thread sends everything.
-    virtual zu::Mutex* socketLock() { return nullptr; }
+    // Lends the owner's connections to a caller for one non-blocking write of its own message
+    // (see NetCommunicationPipe::writeDirectly): true when the caller may write now, and then
+    // it must call returnSockets when done. The owner's thread works on its connections under
+    // a lock it lets go only while it waits, and a caller never waits for a pass: false then.
+    // By default the owner lends nothing, and its thread sends everything.
+    virtual bool borrowSockets() { return false; }
+    virtual void returnSockets() {}
+    // Called by a caller whose request went out directly and who is about to wait for the
+    // answer: the owner may let it read the pipe's connection itself while the owner's thread
+    // sleeps, until `pipe` has the answer to `requestId` or the owner wants the connection
+    // back. Returns at once by default: the owner's thread delivers the answer.
+    virtual void readForAnswer(NetCommunicationPipe& /*pipe*/, uint32_t /*requestId*/) {}
+    // A caller of sendRequest starts (+1) or stops (-1) waiting for its answer.
+    virtual void countAwaitedAnswers(int /*change*/) {}
 
 protected:
     virtual ~PipeOwner();
@@ -146,6 +157,15 @@ public:
     // pipe_protocol::decode) and reassembles it. Malformed, stale or oversized packets are
     // dropped and counted (see PipeStatistics).
     void receive(const pipe_protocol::Message& message);
+    // The socket the pipe is attached to, or null.
+    net::Socket* attachedSocket() const { return m_socket.load(); }
+
+    // For any thread: the answer to `requestId` has arrived (or the request is gone).
+    bool isAnswered(uint32_t requestId);
+    // Counts an answer that its caller read itself (see PipeStatistics).
+    void countAnswerReadDirectly() {
+        m_answersReadDirectly.fetch_add(1, std::memory_order_relaxed);
+    }
 
 private:
     struct RequestRecord {
@@ -340,6 +360,7 @@ private:
     std::atomic<uint64_t> m_droppedConnectionLimit{0};
     std::atomic<uint64_t> m_sentDirectly{0};
     std::atomic<uint64_t> m_sentDirectlyInPart{0};
+    std::atomic<uint64_t> m_answersReadDirectly{0};
     zu::Event m_wakeEvent;
 
     // Manager thread only: copies taken by pumpOutgoing and the packet it builds messages in,

@@ -64,6 +64,9 @@ NetCommunicationPipeManager::~NetCommunicationPipeManager() {
     m_stopRequested.store(true);
     m_wakeEvent.signal();
     joinThread();
+    // From now on no caller reads a connection: those still blocked are let go below.
+    m_socketLockWaiters.fetch_add(1);
+    m_takeBackEvent.signal();
     // Threads blocked on any pipe are let go before the first pipe is destroyed.
     for (PipeEntry* entry : m_pipeOrder) {
         entry->pipe->close();
@@ -112,18 +115,45 @@ int NetCommunicationPipeManager::run() {
     return 0;
 }
 
+// A caller may hold the lock: for a moment to write, or for as long as it reads a lent
+// connection, which it gives back when asked.
 void NetCommunicationPipeManager::lockSockets() {
-    m_ioLock.lock();
+    takeSocketLock();
     t_socketLockHolder = this;
 }
 
+void NetCommunicationPipeManager::takeSocketLock() {
+    if (m_ioLock.tryLock()) {
+        return;
+    }
+    m_socketLockWaiters.fetch_add(1);
+    m_takeBackEvent.signal();
+    m_ioLock.lock();
+    m_socketLockWaiters.fetch_sub(1);
+}
+
+// What the pass held back leaves with the lock; runAfterPass runs it.
 void NetCommunicationPipeManager::unlockSockets() {
+    m_wakesToRun.swap(m_wakesAfterPass);
+    m_callsToRun.swap(m_callsAfterPass);
     t_socketLockHolder = nullptr;
     m_ioLock.unlock();
 }
 
-zu::Mutex* NetCommunicationPipeManager::socketLock() {
-    return t_socketLockHolder == this ? nullptr : &m_ioLock;
+// A caller reading a lent connection gives the lock back at once; the thread's passes are not
+// waited for.
+bool NetCommunicationPipeManager::borrowSockets() {
+    if (t_socketLockHolder == this) {
+        return false;
+    }
+    if (m_ioLock.tryLock()) {
+        return true;
+    }
+    if (m_lentReads.load() == 0) {
+        return false;
+    }
+    takeSocketLock();
+    return true;
 }
 
 // --- Operations for application threads ---

@@ -98,8 +98,13 @@ public:
     void onOutgoingQueued() override { m_outgoingQueued.store(true); }
     void wakeAfterPass(zu::Signal* event) override;
     void callAfterPass(const PipeCallback& callback, CommunicationPipe* pipe) override;
-    // Null on this manager's own thread while it holds the lock (a callback of its pass).
-    zu::Mutex* socketLock() override;
+    // False on this manager's own thread while it holds the lock (a callback of its pass).
+    bool borrowSockets() override ZU_TRY_ACQUIRE(true, m_ioLock);
+    void returnSockets() override ZU_RELEASE(m_ioLock) { m_ioLock.unlock(); }
+    // A client lends its connection to the caller while its thread sleeps (see
+    // net_pipe_direct_read.cpp).
+    void readForAnswer(NetCommunicationPipe& pipe, uint32_t requestId) override;
+    void countAwaitedAnswers(int change) override { m_awaitedAnswers.fetch_add(change); }
 
 private:
     struct SocketEntry {
@@ -155,6 +160,11 @@ private:
         bool sawIdle(zu::WaitHandle handle) const;
         // After a wait: whether it found `handle` ready.
         bool sawReady(zu::WaitHandle handle) const;
+        // While the thread waits, with the socket lock held: stops (and restarts) the wait's
+        // reports of a socket it watches for reading only, except for errors and hang-ups.
+        // False when the socket is watched otherwise, or the system cannot do it.
+        bool mute(zu::WaitHandle handle);
+        void unmute(zu::WaitHandle handle);
 
     private:
         static constexpr size_t kCapacity = 64;
@@ -186,6 +196,7 @@ private:
     // again; then notes which sockets the wait found readable.
     int waitBetweenPasses(WaitList& waits, uint32_t timeoutMs) ZU_REQUIRES(m_ioLock);
     void lockSockets() ZU_ACQUIRE(m_ioLock);
+    void takeSocketLock() ZU_ACQUIRE(m_ioLock);
     void unlockSockets() ZU_RELEASE(m_ioLock);
     void noteReadableSockets(const WaitList& waits) ZU_REQUIRES(m_ioLock);
     SocketEntry makeEntry(zu::UniquePtr<net::Socket> socket);
@@ -197,6 +208,12 @@ private:
     void connectClient(SocketEntry& entry, double now) ZU_REQUIRES(m_ioLock);
     bool pumpIsDue();
     void runAfterPass() ZU_EXCLUDES(m_ioLock);
+
+    // --- A connection lent to a caller (any thread, with the socket lock held) ---
+    SocketEntry* lendableSocket(const NetCommunicationPipe& pipe) ZU_REQUIRES(m_ioLock);
+    bool readLentSocket(SocketEntry& entry, NetCommunicationPipe& pipe, uint32_t requestId)
+        ZU_REQUIRES(m_ioLock);
+    bool dispatchLentPackets(SocketEntry& entry) ZU_REQUIRES(m_ioLock);
     void collectPipes();
     void pumpPipes() ZU_REQUIRES(m_ioLock);
     bool addPipeWakeHandles(WaitList& waits);
@@ -273,13 +290,28 @@ private:
     bool m_wasConnected = false;
     // Pumping is skipped while no pipe queued anything and the last pump sent all it took.
     std::atomic<bool> m_outgoingQueued{true};
-    // Manager thread only: wake-ups and callbacks held back until the pass is over.
+    // Wake-ups and callbacks held back until the pass is over.
     struct DeferredCall {
         PipeCallback callback;
         CommunicationPipe* pipe = nullptr;
     };
+    // Filled with the socket lock held, by the pass or by a caller reading a lent connection;
+    // handed to the ...ToRun lists as the lock is let go, and run from those outside it.
     zu::Vector<zu::Signal*> m_wakesAfterPass;
     zu::Vector<DeferredCall> m_callsAfterPass;
+    zu::Vector<zu::Signal*> m_wakesToRun;
+    zu::Vector<DeferredCall> m_callsToRun;
+    // Threads waiting for the socket lock (the manager's, or a caller's that wants to write),
+    // and callers reading a lent connection, which give the lock back to anyone waiting. A
+    // waiter counts itself and signals the event before it waits; the event is never reset,
+    // so a signal left over only ends one read early.
+    std::atomic<int> m_socketLockWaiters{0};
+    std::atomic<int> m_lentReads{0};
+    // Callers blocked in sendRequest on any pipe. A connection is lent only to a lone one: with
+    // more, the thread's one wake-up serves them all, and lending would have them queue for the
+    // lock.
+    std::atomic<int> m_awaitedAnswers{0};
+    zu::Event m_takeBackEvent;
     bool m_pumpLeftWork = false;
     bool m_pipesUnattached = true;  // of the pipes last collected: some wait for their peer
     bool m_moreWork = false;        // the pass left work behind: the next one starts at once

@@ -4,8 +4,8 @@
 // to learn that it went.
 //
 // The manager's thread stays the owner of every socket. It holds its socket lock (see
-// PipeOwner::socketLock) for the whole of a pass and lets it go only while it waits; a caller
-// only tries the lock, never waits for it, and writes only when nothing can come before its
+// PipeOwner::borrowSockets) for the whole of a pass and lets it go only while it waits; a
+// caller never waits for a pass to end, and writes only when nothing can come before its
 // message: the socket has nothing queued (no other frame is half-written), the pipe has
 // nothing unsent ahead of it (per-pipe order), and the message fits one packet. A frame that
 // the OS takes only in part goes whole into the socket's send queue, and the manager, woken,
@@ -20,11 +20,7 @@ namespace dm {
 // connection is up with nothing queued; true when `write` says it sent the message.
 template <typename Write>
 bool NetCommunicationPipe::writeDirectly(const Write& write) {
-    zu::Mutex* socketLock = m_owner ? m_owner->socketLock() : nullptr;
-    if (!socketLock) {
-        return false;
-    }
-    if (!socketLock->tryLock()) {
+    if (!m_owner || !m_owner->borrowSockets()) {
         return false;  // the manager is in a pass: it sends the message
     }
     bool written = false;
@@ -40,7 +36,7 @@ bool NetCommunicationPipe::writeDirectly(const Write& write) {
             wakeToSend();  // the OS took part of the frame: the manager sends the rest
         }
     }
-    socketLock->unlock();
+    m_owner->returnSockets();
     return written;
 }
 

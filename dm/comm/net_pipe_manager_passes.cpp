@@ -168,6 +168,20 @@ bool NetCommunicationPipeManager::WaitList::sawIdle(zu::WaitHandle handle) const
     return false;
 }
 
+bool NetCommunicationPipeManager::WaitList::mute(zu::WaitHandle handle) {
+    for (size_t i = 0; m_pollerWatchesPass && i < m_watchedCount; ++i) {
+        if (m_watched[i].sameDescriptor(handle)) {
+            return m_watched[i].kind == zu::WaitHandle::SocketRead && m_poller.mute(m_watched[i]);
+        }
+    }
+    return false;
+}
+
+void NetCommunicationPipeManager::WaitList::unmute(zu::WaitHandle handle) {
+    handle.kind = zu::WaitHandle::SocketRead;
+    m_poller.unmute(handle);
+}
+
 bool NetCommunicationPipeManager::WaitList::sawReady(zu::WaitHandle handle) const {
     for (size_t i = 0; m_waited && i < m_count; ++i) {
         if (m_handles[i].sameDescriptor(handle)) {
@@ -203,15 +217,15 @@ void NetCommunicationPipeManager::callAfterPass(const PipeCallback& callback,
 
 // Wakes first: a callback may take its time. Callbacks see the pass's effects complete.
 void NetCommunicationPipeManager::runAfterPass() {
-    for (zu::Signal* event : m_wakesAfterPass) {
+    for (zu::Signal* event : m_wakesToRun) {
         event->signal();
     }
-    m_wakesAfterPass.clear();
-    for (size_t i = 0; i < m_callsAfterPass.size(); ++i) {
-        const DeferredCall call = m_callsAfterPass[i];
+    m_wakesToRun.clear();
+    for (size_t i = 0; i < m_callsToRun.size(); ++i) {
+        const DeferredCall call = m_callsToRun[i];
         call.callback.function(call.callback.context, call.pipe);
     }
-    m_callsAfterPass.clear();
+    m_callsToRun.clear();
 }
 
 // --- Server ---

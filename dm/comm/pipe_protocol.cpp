@@ -135,6 +135,15 @@ bool decode(net::Packet& packet, Message& message) {
     return true;
 }
 
+bool carriesPipeTraffic(const net::Packet& packet) {
+    if (packet.getID() != kPipePacketId || packet.getSize() < 4) {
+        return false;
+    }
+    const uint8_t* bytes = packet.getData();  // the kind, little-endian
+    const uint32_t kind = bytes[0] | bytes[1] << 8 | bytes[2] << 16 | uint32_t{bytes[3]} << 24;
+    return kind == kRequest || kind == kResponse || kind == kNotify;
+}
+
 bool requestFitsPacket(const char* pipeName, const char* text, uint32_t dataSize) {
     return headLeavesRoom(requestHeadSize(pipeName, text), dataSize);
 }

@@ -64,6 +64,9 @@ struct Message {
 // does not know come back as they are, for the caller to skip. A Request may end right after
 // its text: its chunk fields then count as 0 (a request without data).
 bool decode(net::Packet& packet, Message& message);
+// A Request, Response or Notify, by its kind alone (nothing else is checked): the traffic of
+// the pipes, which touches no connection state and calls no callback while it is dispatched.
+bool carriesPipeTraffic(const net::Packet& packet);
 
 // --- Sending. The chunked messages go to a sink (see PacketSink); `scratch` is the caller's
 // packet, reused so that sending allocates nothing once it has grown. ---

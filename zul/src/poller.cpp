@@ -82,6 +82,16 @@ void Poller::unwatch(WaitHandle handle) {
     --m_watchedCount;
 }
 
+bool Poller::mute(WaitHandle handle) {
+    return isOpen() && platform::muteOnPoller(m_handle, handle, true);
+}
+
+void Poller::unmute(WaitHandle handle) {
+    if (isOpen()) {
+        platform::muteOnPoller(m_handle, handle, false);
+    }
+}
+
 int Poller::wait(uint32_t timeoutMs, Ready* ready, size_t capacity) {
     if (!isOpen() || ready == nullptr || capacity == 0) {
         return kWaitFailed;

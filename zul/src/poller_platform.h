@@ -19,6 +19,9 @@ void closePoller(NativeHandle poller);
 // Registers `handle` with the system (`isNew`) or changes what it is watched for.
 bool watchOnPoller(NativeHandle poller, const WaitHandle& handle, bool isNew);
 void unwatchOnPoller(NativeHandle poller, const WaitHandle& handle);
+// Watches a registered `handle` for errors and hang-ups only (`muted`), or again for what its
+// kind asks. Safe while another thread waits on the poller. False where not supported.
+bool muteOnPoller(NativeHandle poller, const WaitHandle& handle, bool muted);
 // Waits once, up to `timeoutMs` (-1: no limit), and stores what the system found ready:
 // descriptor and generation as registered, and the readiness. A report with neither readable
 // nor writable set means the descriptor is no longer open. Returns how many, 0 on time-out or

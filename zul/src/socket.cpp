@@ -478,4 +478,28 @@ Packet* Socket::pollPacket(uint32_t* outSize) {
     return nullptr;
 }
 
+Packet* Socket::pollPacketIf(bool (*wanted)(const Packet&), uint32_t* outSize) {
+    if (outSize) {
+        *outSize = 0;
+    }
+    m_packet.reset(0);
+    if (m_state == State::Connected && wholeFrameSize() == 0) {
+        receive();
+    }
+    const uint32_t frameBegin = m_receiveBegin;
+    const bool open = m_state == State::Connected || m_state == State::PeerClosed;
+    if (!open || !extractPacket(outSize)) {
+        return nullptr;
+    }
+    if (!wanted(m_packet)) {
+        m_receiveBegin = frameBegin;
+        m_packet.reset(0);
+        if (outSize) {
+            *outSize = 0;
+        }
+        return nullptr;
+    }
+    return &m_packet;
+}
+
 }  // namespace net

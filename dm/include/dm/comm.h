@@ -133,6 +133,9 @@ struct PipeStatistics {
     // once (the manager's thread sent the rest).
     uint64_t sentDirectly = 0;
     uint64_t sentDirectlyInPart = 0;
+    // Answers to requests of this pipe that their caller read from the connection itself,
+    // while the client manager's thread slept (a lone caller whose request went directly).
+    uint64_t answersReadDirectly = 0;
 };
 
 // The manager's callbacks: a context pointer and a function, set when either is non-null.

@@ -62,6 +62,12 @@ public:
     // payload size. When no whole packet is buffered it reads the socket once first, so a
     // loop of pollPacket calls drains the connection without update calls in between.
     Packet* pollPacket(uint32_t* outSize);
+    // The same, but the next whole packet is handed out only when `wanted` accepts it; one it
+    // refuses stays buffered, first in line for the next poll. Unlike pollPacket it never closes
+    // a connection whose peer has gone: that is left for pollPacket to find.
+    Packet* pollPacketIf(bool (*wanted)(const Packet&), uint32_t* outSize);
+    // A whole received packet is buffered: a wait on the socket would not report it.
+    bool hasWholePacket() const { return wholeFrameSize() > 0; }
     // Owners that wait on the socket can spare the read that finds nothing: with this set, once
     // a read came back short the socket reads again only after noteReadable. The owner must
     // then call noteReadable whenever its wait found the socket ready, or whenever it did not

@@ -42,6 +42,14 @@ public:
     void unwatch(WaitHandle handle);
     bool isWatching(WaitHandle handle) const;
 
+    // Stops reporting `handle` (watched as `handle.kind`) as ready, except for an error or a
+    // hang-up, without changing what is registered; unmute undoes it. Unlike the rest of the
+    // poller, these two may be called while another thread waits on it: the owner lends the
+    // handle for a while to a thread that waits on it alone. False where the system cannot
+    // do this (the poll-based poller, which hands its list to each wait): nothing changed then.
+    bool mute(WaitHandle handle);
+    void unmute(WaitHandle handle);
+
     // Waits until a watched handle is ready or `timeoutMs` passed, and stores up to `capacity`
     // ready handles in `ready`. Returns how many (0 on time-out) or kWaitFailed. An event
     // reported was cleared by the wait; one whose signal another waiter took is not reported.

@@ -59,6 +59,15 @@ void unwatchOnPoller(NativeHandle poller, const WaitHandle& handle) {
     epoll_ctl(static_cast<int>(poller), EPOLL_CTL_DEL, static_cast<int>(handle.handle), nullptr);
 }
 
+// With no events asked for, epoll still reports EPOLLERR and EPOLLHUP.
+bool muteOnPoller(NativeHandle poller, const WaitHandle& handle, bool muted) {
+    epoll_event entry{};
+    entry.events = muted ? 0 : epollEventsOf(handle.kind);
+    entry.data.u64 = tagOf(handle);
+    return epoll_ctl(static_cast<int>(poller), EPOLL_CTL_MOD, static_cast<int>(handle.handle),
+                     &entry) == 0;
+}
+
 int waitOnPoller(NativeHandle poller, const Vector<WaitHandle>&, size_t, int timeoutMs,
                  Poller::Ready* ready, size_t capacity, Buffer& scratch) {
     const size_t bytes = capacity * sizeof(epoll_event);

@@ -27,6 +27,11 @@ bool watchOnPoller(NativeHandle, const WaitHandle&, bool) {
 
 void unwatchOnPoller(NativeHandle, const WaitHandle&) {}
 
+// A wait already under way polls the list it was given.
+bool muteOnPoller(NativeHandle, const WaitHandle&, bool) {
+    return false;
+}
+
 int waitOnPoller(NativeHandle, const Vector<WaitHandle>& byDescriptor, size_t watchedCount,
                  int timeoutMs, Poller::Ready* ready, size_t capacity, Buffer& scratch) {
     const size_t bytes = (watchedCount > 0 ? watchedCount : 1) * sizeof(pollfd);

@@ -1,0 +1,109 @@
+// NetCommunicationPipeManager: the direct read. A client's caller whose request went out
+// directly (see net_pipe_direct_write.cpp) would otherwise sleep until the manager's thread
+// woke on the answer, read it and woke the caller: two thread wake-ups for every round trip.
+// Instead the caller takes the socket lock while the thread sleeps and waits on the connection
+// itself; the answer then wakes only the caller.
+//
+// The thread stays the owner. It goes on sleeping with the connection muted in its poller
+// (errors and hang-ups still wake it), and when it wakes for anything else it asks for the lock
+// back (takeSocketLock), as does another caller that wants to write: the reader, waiting on the
+// take-back event too, gives it back at once. The
+// caller dispatches only pipe traffic, which touches no connection state; callbacks that it
+// causes run on the thread after its next pass, and anything else that arrives (a welcome, a
+// redirect, a close) is left to the thread, woken for it. Where the poller cannot mute a
+// handle (the poll-based fallback), callers simply wait for the thread as before.
+#include "comm/net_communication_pipe_manager.h"
+#include "comm/pipe_protocol.h"
+
+namespace dm {
+
+namespace {
+
+// Pipe messages dispatched per wake-up of the reading caller, as in a pass.
+constexpr int kMaxLentPackets = 1024;
+
+}  // namespace
+
+void NetCommunicationPipeManager::readForAnswer(NetCommunicationPipe& pipe, uint32_t requestId) {
+    if (m_isServer || m_awaitedAnswers.load() != 1 || m_socketLockWaiters.load() > 0 ||
+        !m_ioLock.tryLock()) {
+        return;
+    }
+    bool wakeThread = false;
+    if (SocketEntry* entry = lendableSocket(pipe)) {
+        wakeThread = !readLentSocket(*entry, pipe, requestId);
+        if (pipe.isAnswered(requestId)) {
+            pipe.countAnswerReadDirectly();
+        }
+    }
+    // Wake-ups may not wait for the thread: the caller's own answer is among them.
+    for (zu::Signal* event : m_wakesAfterPass) {
+        event->signal();
+    }
+    m_wakesAfterPass.clear();
+    if (wakeThread || !m_callsAfterPass.empty()) {
+        m_wakeEvent.signal();
+    }
+    m_ioLock.unlock();
+}
+
+// The client's connection, when it is up, carries the pipe, has nothing to send and may be
+// read; null otherwise.
+NetCommunicationPipeManager::SocketEntry* NetCommunicationPipeManager::lendableSocket(
+    const NetCommunicationPipe& pipe) {
+    if (m_sockets.size() != 1) {
+        return nullptr;
+    }
+    SocketEntry& entry = m_sockets[0];
+    net::Socket* socket = entry.socket.get();
+    const bool usable = socket->isConnected() && !socket->hasSendsToDo() &&
+                        !entry.budget->queuedFull() && pipe.attachedSocket() == socket;
+    return usable ? &entry : nullptr;
+}
+
+// Waits on the connection and dispatches what arrives until the answer is in or the thread
+// wants the lock back. False when the thread has work the caller left: it must be woken.
+bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunicationPipe& pipe,
+                                                 uint32_t requestId) {
+    net::Socket& socket = *entry.socket;
+    const zu::WaitHandle lent = socket.getWaitHandle();
+    if (!m_waits.mute(lent)) {
+        return true;
+    }
+    m_lentReads.fetch_add(1);
+    const zu::WaitHandle waits[2] = {lent, m_takeBackEvent.getWaitHandle()};
+    bool leftWork = false;
+    while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
+        // Bounded like the thread's own sleep, which ends in a take-back at the latest.
+        if (zu::waitForAny(waits, 2, kClientPassMs) != 0) {
+            break;
+        }
+        socket.noteReadable();
+        leftWork = !dispatchLentPackets(entry);
+    }
+    m_lentReads.fetch_sub(1);
+    if (socket.getWaitHandle().sameDescriptor(lent)) {
+        m_waits.unmute(lent);  // level-triggered: what is still unread wakes the thread
+    }
+    return !leftWork;
+}
+
+// Dispatches the pipe messages that have arrived. False when something is left that only the
+// thread may handle: another kind of message, a full budget, a closed connection, or more than
+// one wake-up's share.
+bool NetCommunicationPipeManager::dispatchLentPackets(SocketEntry& entry) {
+    net::Socket& socket = *entry.socket;
+    for (int count = 0; count < kMaxLentPackets; ++count) {
+        if (entry.budget->queuedFull()) {
+            return false;
+        }
+        net::Packet* packet = socket.pollPacketIf(pipe_protocol::carriesPipeTraffic, nullptr);
+        if (!packet) {
+            return !socket.hasWholePacket() && socket.isConnected();
+        }
+        dispatch(socket, *packet);
+    }
+    return false;
+}
+
+}  // namespace dm

@@ -1,0 +1,174 @@
+// A lone caller that reads its answer from the client's connection itself while the manager's
+// thread sleeps: traffic for other pipes meanwhile, a writer that needs the connection, a
+// connection that goes, and a manager destroyed under the reading caller.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "comm/hand_played_server.h"
+#include "comm/manager_support.h"
+#include "support/manager_link.h"
+
+namespace dmtest {
+namespace {
+
+class DirectReadTest : public ManagerTest {};
+
+dm::PipeStatistics statisticsOf(dm::CommunicationPipe* pipe) {
+    return dm::getPipeStatistics(pipe);
+}
+
+// Notes on which threads a pipe's callback ran.
+struct CallbackThreads {
+    std::thread::id caller;
+    std::atomic<int> calls{0};
+    std::atomic<int> callsOnCaller{0};
+    static void note(void* context, dm::CommunicationPipe*) {
+        auto* threads = static_cast<CallbackThreads*>(context);
+        ++threads->calls;
+        threads->callsOnCaller += std::this_thread::get_id() == threads->caller;
+    }
+};
+
+TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsOrderAndThread) {
+    constexpr int kRequests = 300;
+    constexpr int kNotifications = 300;
+    ManagerLink link;
+    const std::string client = link.addClient();
+    const ManagerLink::PipeEnds lone = link.connectPipe(client, "lone");
+    const ManagerLink::PipeEnds chatty = link.connectPipe(client, "chatty");
+    ASSERT_NE(lone.client, nullptr);
+    ASSERT_NE(chatty.client, nullptr);
+    EchoResponder responder(lone.server);
+    CallbackThreads threads;
+    threads.caller = std::this_thread::get_id();
+    chatty.client->setNotifyCallback({&threads, CallbackThreads::note});
+
+    // Notifications for another pipe arrive while the caller waits on the connection.
+    std::thread notifier([&] {
+        for (int n = 0; n < kNotifications; ++n) {
+            chatty.server->sendNotify(("note " + std::to_string(n)).c_str(), 0);
+        }
+    });
+    int echoed = 0;
+    for (int i = 0; i < kRequests; ++i) {
+        const std::vector<uint8_t> data = patternBytes(16 + i % 7 * 1000, i);
+        std::vector<uint8_t> answer(data.size());
+        uint32_t answerSize = 0;
+        const std::string text = "round " + std::to_string(i);
+        const zu::InplaceString<128> got =
+            lone.client->sendRequest(text.c_str(), 0, answer.data(), uint32_t(answer.size()),
+                                     &answerSize, data.data(), uint32_t(data.size()));
+        echoed += text == got.c_str() && answerSize == data.size() && answer == data;
+    }
+    notifier.join();
+    EXPECT_EQ(echoed, kRequests);
+    EXPECT_GT(statisticsOf(lone.client).answersReadDirectly, 0u);
+
+    int next = 0;
+    ASSERT_TRUE(waitUntil([&] {
+        for (zu::InplaceString<128> text;
+             !(text = chatty.client->receiveNotify(nullptr)).empty();) {
+            EXPECT_EQ(std::string(text.c_str()), "note " + std::to_string(next++));
+        }
+        return next == kNotifications;
+    }));
+    // The caller dispatched some of them, but their callbacks ran on the manager's thread.
+    ASSERT_TRUE(waitUntil([&] { return threads.calls.load() > 0; }));
+    EXPECT_EQ(threads.callsOnCaller.load(), 0);
+}
+
+// A client manager on a hand-played server, with its pipes attached.
+struct PlayedClient {
+    HandPlayedServer server;
+    dm::CommunicationPipeManager* manager = nullptr;
+    std::vector<dm::CommunicationPipe*> pipes;
+
+    bool start(const char* name, const std::vector<std::string>& pipeNames) {
+        manager = dm::initCommunicationManagerAsClient(name, "127.0.0.1", int(server.port()));
+        for (const std::string& pipeName : pipeNames) {
+            pipes.push_back(manager->getPipe(pipeName.c_str()));
+        }
+        return server.accept() && attached();
+    }
+    bool attached() {
+        return server.serve([&] {
+            return server.openedPipes() >= pipes.size() &&
+                   std::all_of(pipes.begin(), pipes.end(), isConnected);
+        });
+    }
+    // Serves until a request with `text` has arrived; it is stored in `into`.
+    bool awaitRequest(const std::string& text, pipewire::Message& into) {
+        bool seen = false;
+        return server.serve([&] { return seen; },
+                            [&](const pipewire::Message& request) {
+                                if (request.text == text) {
+                                    into = request;
+                                    seen = true;
+                                }
+                            });
+    }
+};
+
+TEST_F(DirectReadTest, AWriterTakesTheConnectionFromACallerReadingIt) {
+    constexpr int kRounds = 5;
+    PlayedClient client;
+    ASSERT_TRUE(client.start("read-and-write", {"reader", "writer"}));
+    int writesDirect = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        // The first caller is alone, so it waits on the connection; the second one's request
+        // still goes out at once, written by its caller.
+        const uint64_t before = statisticsOf(client.pipes[1]).sentDirectly;
+        RequestThread reading(client.pipes[0], "wait", patternBytes(32, round), 32);
+        pipewire::Message first;
+        ASSERT_TRUE(client.awaitRequest("wait", first));
+        RequestThread writing(client.pipes[1], "write", patternBytes(48, round), 48);
+        pipewire::Message second;
+        ASSERT_TRUE(client.awaitRequest("write", second));
+        writesDirect += statisticsOf(client.pipes[1]).sentDirectly > before;
+
+        client.server.echo(second);
+        client.server.echo(first);
+        ASSERT_TRUE(waitUntil([&] { return reading.done() && writing.done(); }));
+        EXPECT_TRUE(reading.echoed()) << reading.result();
+        EXPECT_TRUE(writing.echoed()) << writing.result();
+    }
+    EXPECT_GE(writesDirect, kRounds - 1);
+}
+
+TEST_F(DirectReadTest, AConnectionLostUnderAReadingCallerIsTakenBackAndItsRequestGoesAgain) {
+    PlayedClient client;
+    ASSERT_TRUE(client.start("read-then-drop", {"lone"}));
+    RequestThread request(client.pipes[0], "again", patternBytes(64, 3), 64);
+    pipewire::Message first;
+    ASSERT_TRUE(client.awaitRequest("again", first));
+    client.server.drop();
+
+    ASSERT_TRUE(client.server.accept());
+    ASSERT_TRUE(client.attached());
+    pipewire::Message resent;
+    ASSERT_TRUE(client.awaitRequest("again", resent));
+    EXPECT_EQ(resent.chunk, first.chunk);
+    client.server.echo(resent);
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_TRUE(request.echoed()) << request.result();
+}
+
+TEST_F(DirectReadTest, DestroyingTheManagerLetsACallerReadingItsConnectionGo) {
+    PlayedClient client;
+    ASSERT_TRUE(client.start("read-then-end", {"lone"}));
+    RequestThread request(client.pipes[0], "never answered", patternBytes(16, 4), 16);
+    pipewire::Message seen;
+    ASSERT_TRUE(client.awaitRequest("never answered", seen));
+    dm::deinitCommunicationManager("read-then-end");
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_EQ(request.result(), "");
+}
+
+}  // namespace
+}  // namespace dmtest
