@@ -1,8 +1,9 @@
 // Communication pipes next to ZeroMQ REQ/REP and a raw TCP ping-pong (the floor), all over
 // loopback: request/response round trips with 16 bytes and 64 KiB each way, requests per second
 // with one and with eight client threads, and a 64 MiB response to a small request. Every
-// measurement runs unpinned and pinned to CPU 0 (as `taskset -c 0` would), five times; the
-// table at the end shows the medians and their ratios within the same run.
+// measurement runs unpinned and pinned to CPU 0 (as `taskset -c 0` would), five times, the
+// repetitions of all peers shuffled together; the table at the end shows the medians and their
+// ratios within the same run.
 //
 //   cmake --preset release && cmake --build --preset release --target comm_pipe_bench
 //   ./build/release/bench/comm_pipe_bench
@@ -273,7 +274,13 @@ int main(int argc, char** argv) {
     std::printf("ZeroMQ was not found at build time: its columns stay empty\n");
 #endif
     registerPeer<bench::RawTcpRig>(kPeers[2]);
-    benchmark::Initialize(&argc, argv);
+    // The peers' repetitions run in a shuffled order, so that a change in the machine's load
+    // during the run falls on all of them alike.
+    std::vector<char*> arguments(argv, argv + argc);
+    char interleave[] = "--benchmark_enable_random_interleaving=true";
+    arguments.insert(arguments.begin() + 1, interleave);
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
     const std::string loadAtStart = loadAverage();
     MedianCollector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
