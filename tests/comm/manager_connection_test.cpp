@@ -98,6 +98,14 @@ TEST_F(ManagerConnectionTest, RequestsSurviveTheServerProcessBeingKilledAndResta
         EXPECT_TRUE(request->echoed()) << request->result();
     }
 
+    // A lone caller, one request at a time, reads its answers from the connection itself.
+    for (uint32_t i = 0; i < 20; ++i) {
+        RequestThread alone(pipe, "alone " + std::to_string(i), patternBytes(16, i), 16);
+        ASSERT_TRUE(waitUntil([&] { return alone.done(); }));
+        EXPECT_TRUE(alone.echoed()) << alone.result();
+    }
+    EXPECT_GT(dm::getPipeStatistics(pipe).answersReadDirectly, 0u);
+
     ASSERT_TRUE(pipe->sendNotify("across", 0));
     zu::InplaceString<128> echoed;
     uint32_t value = 0;
