@@ -47,13 +47,17 @@ inline const uint8_t* bigPayload() {
     return payload.data();
 }
 
-// --- Pipes: a server and a client manager, one pipe per channel, one responder per pipe ---
+// --- Pipes: a server and a client manager, one pipe per channel, one responder thread for all,
+// like ZeroMQ's one REP socket ---
 
 class PipeRig {
 public:
     // Without `canAnswerBig`, "big" is echoed like any request, and the 64 MiB answer is never
     // made (it would dominate the process's memory).
     explicit PipeRig(int channels, bool canAnswerBig = true) {
+        if (canAnswerBig) {
+            m_responder.answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
+        }
         const std::string client = m_link.addClient();
         for (int c = 0; c < channels; ++c) {
             const std::string name = "bench-" + std::to_string(c);
@@ -62,10 +66,7 @@ public:
                 return;
             }
             m_pipes.push_back(ends.client);
-            m_responders.push_back(std::make_unique<dmtest::EchoResponder>(ends.server));
-            if (canAnswerBig) {
-                m_responders.back()->answer("big", bigPayload(), static_cast<uint32_t>(kBigSize));
-            }
+            m_responder.add(ends.server);
         }
         m_ready = true;
     }
@@ -91,7 +92,7 @@ public:
 private:
     dmtest::ManagerLink m_link;  // destroyed last: the responders stop before the managers go
     std::vector<dm::CommunicationPipe*> m_pipes;
-    std::vector<std::unique_ptr<dmtest::EchoResponder>> m_responders;
+    dmtest::EchoResponder m_responder;
     bool m_ready = false;
 };
 

@@ -15,8 +15,9 @@
 // ZeroMQ (Debian's libzmq3-dev) is a dependency of this benchmark only; without it the peer's
 // columns read "-". The pipe side is one server and one client manager in this process; with
 // several client threads each has a pipe of its own (a pipe answers one request at a time),
-// all over the client manager's one connection. ZeroMQ uses one REQ socket per client thread
-// and one REP socket; raw TCP uses one connection and one echo thread per client thread.
+// all over the client manager's one connection, and one responder thread answers them all.
+// ZeroMQ uses one REQ socket per client thread and one REP socket on one thread; raw TCP uses
+// one connection and one echo thread per client thread.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 
