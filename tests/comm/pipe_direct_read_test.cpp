@@ -2,6 +2,7 @@
 // thread sleeps: traffic for other pipes meanwhile, a writer that needs the connection, a
 // connection that goes, and a manager destroyed under the reading caller.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -139,6 +140,50 @@ TEST_F(DirectReadTest, AWriterTakesTheConnectionFromACallerReadingIt) {
         EXPECT_TRUE(writing.echoed()) << writing.result();
     }
     EXPECT_GE(writesDirect, kRounds - 1);
+}
+
+// The packet as its frame: length, id, payload (see docs/packet-format.md).
+std::vector<uint8_t> frameOf(const net::Packet& packet) {
+    const uint32_t length = packet.getSize() + 4;
+    const uint32_t id = static_cast<uint32_t>(packet.getID());
+    std::vector<uint8_t> frame;
+    for (uint32_t field : {length, id}) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            frame.push_back(static_cast<uint8_t>(field >> shift));
+        }
+    }
+    frame.insert(frame.end(), packet.getData(), packet.getData() + packet.getSize());
+    return frame;
+}
+
+TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadingCaller) {
+    PlayedClient client;
+    ASSERT_TRUE(client.start("read-dribbled", {"lone", "quiet"}));
+    RequestThread request(client.pipes[0], "slowly", patternBytes(40, 5), 40);
+    pipewire::Message asked;
+    ASSERT_TRUE(client.awaitRequest("slowly", asked));
+
+    // Kinds the reading caller leaves to the manager's thread come first, then a notification
+    // for another pipe, then the answer, every byte sent on its own.
+    std::vector<uint8_t> bytes;
+    for (const net::Packet& packet :
+         {pipewire::pipeMessage(pipewire::kPipeRefused, "unknown"),
+          pipewire::notify("quiet", 1, 9, 5, 0, 5, "aside"),
+          pipewire::response("lone", asked.id, "slowly", 40, 0, 40, asked.chunk.data())}) {
+        const std::vector<uint8_t> frame = frameOf(packet);
+        bytes.insert(bytes.end(), frame.begin(), frame.end());
+    }
+    const int descriptor = static_cast<int>(client.server.socket().getWaitHandle().handle);
+    for (uint8_t byte : bytes) {
+        ASSERT_EQ(::send(descriptor, &byte, 1, MSG_NOSIGNAL), 1);
+    }
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_TRUE(request.echoed()) << request.result();
+    zu::InplaceString<128> aside;
+    ASSERT_TRUE(
+        waitUntil([&] { return !(aside = client.pipes[1]->receiveNotify(nullptr)).empty(); }));
+    EXPECT_STREQ(aside.c_str(), "aside");
+    EXPECT_TRUE(client.pipes[0]->isConnected());
 }
 
 TEST_F(DirectReadTest, AConnectionLostUnderAReadingCallerIsTakenBackAndItsRequestGoesAgain) {
