@@ -1,5 +1,6 @@
 // The job kinds in conversation over real pipe managers: a server and clients connected over
-// 127.0.0.1, each side's jobs run by a job manager named like its pipe manager.
+// 127.0.0.1, each side's jobs run by a job manager named like its pipe manager. (A plain
+// request answered by JobWaitRequest and JobRespond: two_process_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -86,34 +87,6 @@ private:
     dm::CommunicationPipe& m_pipe;
     std::atomic<int> m_refused{0};
 };
-
-TEST(PipeJobs, ARequestIsAnsweredByWaitRequestAndRespondIntoTheCallersBuffer) {
-    LogCapture log;
-    ManagerLink link;
-    const std::string client = link.addClient();
-    const ManagerLink::PipeEnds ends = link.connectPipe(client, "assets");
-    ASSERT_TRUE(ends.client && ends.server);
-
-    const std::vector<uint8_t> payload = patternBytes(5000, 3);
-    std::vector<uint8_t> buffer(6000, 0xEE);
-    dm::JobManager serverJobs(link.serverName());
-    dm::JobManager clientJobs(client.c_str());
-    serverJobs.addNewJob<dm::JobWaitRequest>("assets", "texture list");
-    serverJobs.addNewJob<dm::JobRespond>("assets", "here", payload.data(), payload.size());
-    BatchEnd serverEnd(serverJobs);
-    serverJobs.runJobs(false);
-    clientJobs.addNewJob<dm::JobSendRequest>("assets", "texture list", buffer.data(),
-                                             static_cast<unsigned>(buffer.size()));
-    BatchEnd clientEnd(clientJobs);
-    clientJobs.runJobs(false);
-    clientEnd.wait();
-    serverEnd.wait();
-
-    EXPECT_TRUE(std::equal(payload.begin(), payload.end(), buffer.begin()));
-    EXPECT_EQ(buffer[payload.size()], 0xEE);  // nothing written behind the answer
-    EXPECT_EQ(log.count("JobWaitRequest: Listening to pipe: assets\n"), 1);
-    EXPECT_EQ(log.count("JobRespond: Responding to pipe: assets\n"), 1);
-}
 
 TEST(PipeJobs, NotificationJobsTakeAnyNotificationAndPassItsNumberOn) {
     LogCapture log;
