@@ -25,23 +25,6 @@ bool closedByServer(int fd) {
     return recv(fd, &byte, 1, 0) <= 0;
 }
 
-// Reads one frame header from `fd` and returns its packet id, or -1.
-int readFrameId(int fd) {
-    uint8_t header[8];
-    size_t got = 0;
-    while (got < sizeof(header) && nettest::waitReadable(fd, 10000)) {
-        ssize_t now = recv(fd, header + got, sizeof(header) - got, 0);
-        if (now <= 0) {
-            return -1;
-        }
-        got += static_cast<size_t>(now);
-    }
-    if (got < sizeof(header)) {
-        return -1;
-    }
-    return static_cast<int>(header[4] | header[5] << 8 | header[6] << 16 | header[7] << 24);
-}
-
 // The number after `key` in the server's output, or -1.
 long long valueAfter(const std::string& output, const std::string& key) {
     size_t at = output.find(key + " ");
@@ -75,10 +58,9 @@ TEST_P(DescriptorStarvation, TurnsClientsAwayWithoutSpinningAndRecovers) {
 
     ASSERT_TRUE(server.writeInput("free\n"));
     ASSERT_TRUE(server.waitForOutput("freed")) << server.output();
-    int fd = nettest::rawConnect(static_cast<uint32_t>(port));
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(readFrameId(fd), GetParam().greetingId) << "not served after recovery";
-    close(fd);
+    net::Socket served(nettest::rawConnect(static_cast<uint32_t>(port)));
+    net::Packet* greeting = dmtest::nextPacket(served);
+    EXPECT_EQ(greeting ? greeting->getID() : -1, GetParam().greetingId) << "not served again";
 
     ASSERT_TRUE(server.writeInput("quit\n"));
     EXPECT_EQ(server.wait(), 0) << server.output();
