@@ -15,7 +15,6 @@
 
 namespace {
 
-using dmtest::PendingRequest;
 using dmtest::PipeLink;
 using dmtest::waitUntil;
 namespace pipewire = dmtest::pipewire;
@@ -77,7 +76,7 @@ TEST_F(PipeLimits, EmptyTextsAreRefusedAtOnceWithALogLine) {
     EXPECT_EQ(99u, answerSize);
     {
         // Without data, on a thread of its own: a request that was queued would block.
-        PendingRequest empty(sender, "");
+        dmtest::RequestThread empty(&sender, "");
         EXPECT_TRUE(waitUntil([&] { return empty.done(); }));
     }
     const dm::PipeStatistics queued = sender.getStatistics();

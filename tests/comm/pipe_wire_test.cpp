@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
     PipeLink link("Wire");
     ASSERT_TRUE(link.connected);
     for (uint32_t expectedId = 0; expectedId < 2; ++expectedId) {
-        dmtest::PendingRequest pending(link.left.pipe(), "request", 9 + expectedId);
+        dmtest::RequestThread pending(&link.left.pipe(), "request", {}, 0, 9 + expectedId);
         ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
         link.left.pump();
         std::vector<net::Packet> packets = link.left.outbox().take();
@@ -46,7 +47,7 @@ TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
         link.right.send(pipewire::response("Wire", expectedId, "ok", 0, 0, 0, nullptr));
         link.left.receive();
         ASSERT_TRUE(waitUntil([&] { return pending.done(); }));
-        EXPECT_STREQ("ok", pending.result());
+        EXPECT_EQ("ok", pending.result());
     }
 }
 

@@ -156,21 +156,21 @@ private:
     std::thread m_thread;
 };
 
-// A sendRequest with data running on its own thread; the response data lands in a buffer of
-// `responseCapacity` bytes. A request still blocked when the object goes is left to finish on
-// its own: the test's end destroys the managers, which releases it.
+// A sendRequest (with data, if given) running on its own thread; the response data lands in a
+// buffer of `responseCapacity` bytes. A request still blocked when the object goes is left to
+// finish on its own: the test's end destroys the managers, which releases it.
 class RequestThread {
 public:
-    RequestThread(dm::CommunicationPipe* pipe, std::string text, std::vector<uint8_t> data,
-                  size_t responseCapacity)
+    RequestThread(dm::CommunicationPipe* pipe, std::string text, std::vector<uint8_t> data = {},
+                  size_t responseCapacity = 0, uint32_t value = 0)
         : m_state(std::make_shared<State>()) {
         m_state->text = std::move(text);
         m_state->data = std::move(data);
         m_state->response.resize(responseCapacity);
         std::shared_ptr<State> state = m_state;
-        m_thread = std::thread([state, pipe] {
+        m_thread = std::thread([state, pipe, value] {
             zu::InplaceString<128> result = pipe->sendRequest(
-                state->text.c_str(), 0, state->response.data(),
+                state->text.c_str(), value, state->response.data(),
                 static_cast<uint32_t>(state->response.size()), &state->responseSize,
                 state->data.data(), static_cast<uint32_t>(state->data.size()));
             state->result = result.c_str();
