@@ -41,12 +41,7 @@ std::unique_ptr<ChildProcess> startServerProcess(uint32_t port, bool hold) {
 }
 
 bool allDone(const std::vector<std::unique_ptr<RequestThread>>& requests) {
-    for (const auto& request : requests) {
-        if (!request->done()) {
-            return false;
-        }
-    }
-    return true;
+    return every(requests, [](const auto& request) { return request->done(); });
 }
 
 TEST_F(ManagerConnectionTest, RequestsSurviveTheServerProcessBeingKilledAndRestarted) {

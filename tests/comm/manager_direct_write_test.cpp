@@ -28,10 +28,6 @@ uint64_t sentDirectly(const std::vector<dm::CommunicationPipe*>& pipes, bool inP
     return count;
 }
 
-bool everyConnected(const std::vector<dm::CommunicationPipe*>& pipes) {
-    return std::all_of(pipes.begin(), pipes.end(), isConnected);
-}
-
 // The server end played by the test over a plain socket: it welcomes the client manager, opens
 // every pipe asked for, and takes requests only while the test serves.
 class HandPlayedServer {
@@ -165,7 +161,7 @@ TEST_F(DirectWriteTest, AFrameTheSystemTakesInPartIsFinishedByTheManager) {
     }
     ASSERT_TRUE(server.accept());
     ASSERT_TRUE(
-        server.serve([&] { return server.openedPipes() >= kPipes && everyConnected(pipes); }));
+        server.serve([&] { return server.openedPipes() >= kPipes && every(pipes, isConnected); }));
 
     // Nobody reads at the far end: the system's buffers fill, and a frame goes in part. One
     // caller at a time, so that each finds the manager idle and writes itself.
