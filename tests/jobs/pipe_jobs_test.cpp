@@ -22,20 +22,6 @@ using dmtest::LogCapture;
 using dmtest::ManagerLink;
 using dmtest::patternBytes;
 
-// Takes the next request or notification that arrives on `pipe` (waiting a bounded time); ""
-// if none came.
-using Receive = zu::InplaceString<128> (dm::CommunicationPipe::*)(uint32_t*);
-std::string take(dm::CommunicationPipe& pipe, Receive receive, uint32_t* outValue = nullptr) {
-    std::string text;
-    dmtest::waitUntil([&] {
-        text = (pipe.*receive)(outValue).c_str();
-        return !text.empty();
-    });
-    return text;
-}
-constexpr Receive kRequest = &dm::CommunicationPipe::receiveRequest;
-constexpr Receive kNotify = &dm::CommunicationPipe::receiveNotify;
-
 // Forwards every call to a real pipe and counts the notifications it refused.
 class NotifyCountingPipe : public dm::CommunicationPipe {
 public:
@@ -109,7 +95,7 @@ TEST(PipeJobs, NotificationJobsTakeAnyNotificationAndPassItsNumberOn) {
     EXPECT_TRUE(ends.server->sendNotify("build failed", 1));
     EXPECT_TRUE(ends.server->sendNotify("level 3 loaded", 4242));
     uint32_t value = 0;
-    EXPECT_EQ(take(*ends.server, kRequest, &value), "fetch level");
+    EXPECT_EQ(dmtest::takeRequest(*ends.server, &value), "fetch level");
     EXPECT_EQ(value, 4242u);
     const std::vector<uint8_t> level = patternBytes(40, 9);
     ends.server->respond("level data", level.data(), static_cast<uint32_t>(level.size()));
@@ -145,7 +131,7 @@ TEST(PipeJobs, SendNotifyRetriesUntilThePipeConnectsLoggingEachRetryButNotForAnE
     dm::CommunicationPipe* serverPipe = link.server().getPipe("late");
     clientEnd.wait();
     uint32_t value = 0;
-    EXPECT_EQ(take(*serverPipe, kNotify, &value), "hello");
+    EXPECT_EQ(dmtest::takeNotify(*serverPipe, &value), "hello");
     EXPECT_EQ(value, 9u);
     // One line per retry: every refusal but none of the first attempt's is followed by one.
     EXPECT_EQ(log.count(retryLine), countingPipe.refusedNotifies());
@@ -155,7 +141,7 @@ TEST(PipeJobs, SendNotifyRetriesUntilThePipeConnectsLoggingEachRetryButNotForAnE
     const int linesBefore = log.count(retryLine);
     clientJobs.addNewJob<dm::JobSendNotify>(clientPipe, "hello", 10u);
     clientJobs.runJobs(true);
-    EXPECT_EQ(take(*serverPipe, kNotify, &value), "hello");
+    EXPECT_EQ(dmtest::takeNotify(*serverPipe, &value), "hello");
     EXPECT_EQ(value, 10u);
     EXPECT_EQ(log.count(retryLine), linesBefore);
 }
@@ -192,7 +178,7 @@ TEST(PipeJobs, ForwardRequestRelaysTextAndAnyDataBetweenTwoPipes) {
         askerJobs.runJobs(false);
 
         // Should it not arrive, the asker's batch never ends and askerEnd reports that.
-        EXPECT_EQ(take(*asks.server, kRequest), "question");
+        EXPECT_EQ(dmtest::takeRequest(*asks.server), "question");
         hubJobs.addNewJob<dm::JobForwardRequest>(asks.server, answers.server, "question");
         BatchEnd hubEnd(hubJobs);
         hubJobs.runJobs(false);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "dm/comm.h"
+#include "support/test_support.h"
 
 namespace dmtest {
 
@@ -39,6 +40,19 @@ inline std::vector<uint8_t> joined(const std::vector<uint8_t>& a, const std::vec
     all.insert(all.end(), b.begin(), b.end());
     all.insert(all.end(), c.begin(), c.end());
     return all;
+}
+
+// The next request or notification that arrives on `pipe` (waiting a bounded time), and its
+// value if asked for; "" if none came.
+inline std::string takeRequest(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
+    std::string text;
+    waitUntil([&] { return !(text = pipe.receiveRequest(outValue).c_str()).empty(); });
+    return text;
+}
+inline std::string takeNotify(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
+    std::string text;
+    waitUntil([&] { return !(text = pipe.receiveNotify(outValue).c_str()).empty(); });
+    return text;
 }
 
 // Answers every request on its pipes with the same text and data, and every notification with
