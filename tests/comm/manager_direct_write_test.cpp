@@ -128,9 +128,7 @@ TEST_F(DirectWriteTest, CallersOnOnePipeAndOnManyPipesRaceTheManagersPasses) {
     for (int n = 0; n < kNotifications; ++n) {
         notified += shared.client->sendNotify(("note " + std::to_string(n)).c_str(), 0);
     }
-    for (std::thread& caller : callers) {
-        caller.join();
-    }
+    dmtest::joinAll(callers);
     EXPECT_EQ(echoed.load(), (kSharedCallers + kOwnPipes) * kRequests);
 
     // The echoed notifications came back whole and in the order they were sent.

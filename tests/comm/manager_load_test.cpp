@@ -64,9 +64,7 @@ TEST_F(ManagerLoadTest, ThreeHundredTwentyPipesOverThirtyTwoConnections) {
             }
         });
     }
-    for (std::thread& asker : askers) {
-        asker.join();
-    }
+    dmtest::joinAll(askers);
     EXPECT_EQ(echoed.load(), kClients * kPipesPerClient);
 
     server->setPipeCreateCallback({});
@@ -125,9 +123,7 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
     };
     ASSERT_TRUE(waitUntil([&] { return every(pipes, blocked); }));
     dm::deinitCommunicationManagers();
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    dmtest::joinAll(workers);
     EXPECT_EQ(released.load(), kClients * kPipesPerClient);
     EXPECT_TRUE(dm::isCommunicationPipeManagerMapEmpty());
 }

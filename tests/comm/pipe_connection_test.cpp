@@ -29,9 +29,7 @@ public:
             m_end.pump();
             return m_finished.load() == m_threads.size();
         });
-        for (std::thread& thread : m_threads) {
-            thread.join();
-        }
+        dmtest::joinAll(m_threads);
     }
     bool respondToCurrent(const char* text) {
         const size_t queued = m_end.pipe().getStatistics().outgoingResponses;

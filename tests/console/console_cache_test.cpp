@@ -293,9 +293,7 @@ TEST_F(CacheTest, SavesAndScrollsWhileOtherThreadsPrint) {
         window.appendInput(round % 2 == 0 ? vk::PageUp : vk::PageDown, 0, false, false, false);
         window.appendInput(vk::End, 0, false, true, false);
     }
-    for (std::thread& printer : printers) {
-        printer.join();
-    }
+    dmtest::joinAll(printers);
     window.save();
 
     // Every line was kept (their order per thread is the concurrent printing test's business)

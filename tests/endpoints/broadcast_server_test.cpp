@@ -214,9 +214,7 @@ TEST_F(HubTest, TearingTheHubDownWhileARequestWaitsAndMembersKeepTalkingNeitherH
     EXPECT_TRUE(member(0).waitFor("notification \"chatter"));
     destroyHub();
     stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    dmtest::joinAll(threads);
     for (auto& talker : talkers) {
         dm::deinitCommunicationManager(talker->getName());
     }

@@ -438,9 +438,7 @@ TEST_F(MonitorLinkTest, PrintsFromSeveralThreadsArriveWholeAndInOrder) {
         });
     }
     EXPECT_TRUE(updateUntil([&] { return finished == kThreads; }));
-    for (std::thread& printer : printers) {
-        printer.join();
-    }
+    dmtest::joinAll(printers);
     std::vector<int> next(kThreads, 0);
     int received = 0;
     bool inOrder = true;

@@ -270,9 +270,7 @@ TEST_F(ThreadProfilerTest, SnapshotsWhileThreadsRecord) {
         }
     }
     stop = true;
-    for (std::thread& recorder : recorders) {
-        recorder.join();
-    }
+    dmtest::joinAll(recorders);
 }
 
 }  // namespace
