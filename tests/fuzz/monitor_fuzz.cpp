@@ -13,15 +13,10 @@
 #include <cstring>
 
 #include "dm/monitor.h"
+#include "fuzz/check.h"
 #include "net/net_test_util.h"
 
 namespace {
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 class EchoingParser : public dm::DataParserCallback {
 public:
