@@ -180,18 +180,6 @@ TEST(BoundedLineStore, NeverGrowsBeyondItsLimitNorReadsOutsideItsSlots) {
     EXPECT_EQ(store.count(), 2u);
 }
 
-TEST_F(WindowTest, WrapsAWordTooWideForTheTextAreaIntoFullRows) {
-    setTextAreaWidth(0.505f);
-    std::string word;
-    for (int i = 0; i < 150; ++i) {
-        word += static_cast<char>('a' + i % 26);
-    }
-    window.printStringWithPrefix(true, (word + "\n").c_str());
-    EXPECT_EQ(consoleLinesOldestFirst(window),
-              (Lines{">" + word.substr(0, 49) + "\n", ">" + word.substr(49, 49) + "\n",
-                     ">" + word.substr(98, 49) + "\n", ">" + word.substr(147) + "\n"}));
-}
-
 TEST_F(WindowTest, WrapsBetweenWordsAndEvenInATextAreaTooNarrowForACharacter) {
     setTextAreaWidth(0.1f);
     window.printStringWithPrefix(true, "alpha beta gamma\n");
