@@ -87,18 +87,6 @@ TEST_F(WindowTest, CountsTheCharactersThatFitAWidth) {
     EXPECT_EQ(window.getCharacterFitCount("abcde", -1.0f), 0);
 }
 
-TEST_F(WindowTest, ShowsTextOnlyOnceItsLineFeedArrives) {
-    window.printString("abc");
-    EXPECT_EQ(window.getConsoleLineCount(), 0u);
-    window.printString("def\n");
-    EXPECT_EQ(consoleLinesOldestFirst(window), (Lines{"abcdef\n"}));
-
-    window.printString("one\ntwo\nthr");
-    EXPECT_EQ(consoleLinesOldestFirst(window), (Lines{"abcdef\n", "one\n", "two\n"}));
-    window.printStringWithPrefix(true, "ee\n");
-    EXPECT_EQ(consoleLine(window, 0), ">three\n");
-}
-
 TEST_F(WindowTest, PutsThePromptOrTheLinePrefixInFront) {
     window.printStringWithPrefix(true, "typed\n");
     window.printWithPrefix(true, "%d items\n", 3);
