@@ -123,27 +123,6 @@ TEST_F(WindowTest, TakesTextsLongerThanItsWorkBuffer) {
     EXPECT_EQ(consoleLine(window, 0), std::string(20, 'y') + "\n");  // ... and 20
 }
 
-TEST_F(WindowTest, KeepsTheNewestThousandLinesAndGivesAnEmptyOneBeyond) {
-    EXPECT_EQ(consoleLine(window, 0), "");
-    printNumberedLines(0, 1000);
-    EXPECT_EQ(window.getConsoleLineCount(), 1000u);
-    EXPECT_EQ(consoleLine(window, 0), "line 999\n");
-    EXPECT_EQ(consoleLine(window, 999), "line 0\n");
-
-    printNumberedLines(1000, 1);
-    EXPECT_EQ(window.getConsoleLineCount(), 1000u);
-    EXPECT_EQ(consoleLine(window, 0), "line 1000\n");
-    EXPECT_EQ(consoleLine(window, 999), "line 1\n");
-
-    printNumberedLines(1001, 1500);
-    EXPECT_EQ(consoleLine(window, 0), "line 2500\n");
-    EXPECT_EQ(consoleLine(window, 999), "line 1501\n");
-    for (uint64_t beyond : {uint64_t(1000), uint64_t(4294967296ull), UINT64_MAX}) {
-        EXPECT_EQ(consoleLine(window, beyond), "");
-    }
-    EXPECT_EQ(visibleLine(window, 2000), "");
-}
-
 TEST(BoundedLineStore, NeverGrowsBeyondItsLimitNorReadsOutsideItsSlots) {
     dm::BoundedLineStore<zu::InplaceString<64>> store;
     store.maxLines = 1000;
