@@ -16,15 +16,6 @@ constexpr int kStarvedClients = 3;
 // the backlog empty, and a few after each back-off. A server that spins makes thousands.
 constexpr unsigned long kMaxAcceptCalls = 20 + 4 * kStarvedClients;
 
-// True when the server closed `fd`: the peer reads end-of-file (or a reset) within the bound.
-bool closedByServer(int fd) {
-    if (!nettest::waitReadable(fd, 10000)) {
-        return false;
-    }
-    char byte = 0;
-    return recv(fd, &byte, 1, 0) <= 0;
-}
-
 // The number after `key` in the server's output, or -1.
 long long valueAfter(const std::string& output, const std::string& key) {
     size_t at = output.find(key + " ");
@@ -47,7 +38,10 @@ TEST_P(DescriptorStarvation, TurnsClientsAwayWithoutSpinningAndRecovers) {
     for (int client = 0; client < kStarvedClients; ++client) {
         int fd = nettest::rawConnect(static_cast<uint32_t>(port));  // the backlog takes it
         ASSERT_GE(fd, 0);
-        EXPECT_TRUE(closedByServer(fd)) << "client " << client << " left waiting";
+        // Closed by the server: it reads end-of-file (or a reset) within the bound.
+        char byte = 0;
+        EXPECT_TRUE(nettest::waitReadable(fd, 10000) && recv(fd, &byte, 1, 0) <= 0)
+            << "client " << client << " left waiting";
         close(fd);
     }
     ASSERT_TRUE(server.writeInput("report\n"));

@@ -19,16 +19,6 @@ Bytes uint32Payload(uint32_t value) {
     return payload;
 }
 
-// Two whole frames (ids 1 and 2) and the first bytes of a third.
-Bytes wholeFramesAndAHalf() {
-    Bytes stream = nettest::makeFrame(1, uint32Payload(11));
-    Bytes second = nettest::makeFrame(2, uint32Payload(22));
-    Bytes third = nettest::makeFrame(3, Bytes(64, 0x33));
-    stream.insert(stream.end(), second.begin(), second.end());
-    stream.insert(stream.end(), third.begin(), third.begin() + 20);
-    return stream;
-}
-
 // Polls until the socket reports the connection gone; returns the ids of the packets seen.
 std::vector<int> drainUntilDisconnected(Socket& socket) {
     std::vector<int> ids;
@@ -87,7 +77,13 @@ TEST(SocketFailure, PeerClosingOrResettingMidFrameLeavesItsWholeFrames) {
         SCOPED_TRACE(reset ? "reset" : "closed");
         RawPeer peer;
         ASSERT_TRUE(peer.connected());
-        ASSERT_TRUE(nettest::rawSendAll(peer.fd, wholeFramesAndAHalf()));
+        // Two whole frames (ids 1 and 2) and the first bytes of a third.
+        Bytes stream = nettest::makeFrame(1, uint32Payload(11));
+        Bytes second = nettest::makeFrame(2, uint32Payload(22));
+        Bytes third = nettest::makeFrame(3, Bytes(64, 0x33));
+        stream.insert(stream.end(), second.begin(), second.end());
+        stream.insert(stream.end(), third.begin(), third.begin() + 20);
+        ASSERT_TRUE(nettest::rawSendAll(peer.fd, stream));
         if (reset) {  // the bytes are taken in before the reset, the frames stay unpolled
             zu::WaitHandle handle = peer.server->getWaitHandle();
             ASSERT_EQ(zu::waitForAny(&handle, 1, 5000), 0);
