@@ -41,12 +41,7 @@ std::unique_ptr<ChildProcess> startServerProcess(uint32_t port, bool hold) {
 }
 
 bool allDone(const std::vector<std::unique_ptr<RequestThread>>& requests) {
-    for (const auto& request : requests) {
-        if (!request->done()) {
-            return false;
-        }
-    }
-    return true;
+    return every(requests, [](const auto& request) { return request->done(); });
 }
 
 TEST_F(ManagerConnectionTest, RequestsSurviveTheServerProcessBeingKilledAndRestarted) {
@@ -107,10 +102,8 @@ TEST_F(ManagerConnectionTest, RequestsSurviveTheServerProcessBeingKilledAndResta
     EXPECT_GT(dm::getPipeStatistics(pipe).answersReadDirectly, 0u);
 
     ASSERT_TRUE(pipe->sendNotify("across", 0));
-    zu::InplaceString<128> echoed;
     uint32_t value = 0;
-    ASSERT_TRUE(waitUntil([&] { return !(echoed = pipe->receiveNotify(&value)).empty(); }));
-    EXPECT_STREQ(echoed.c_str(), "echo: across");
+    EXPECT_EQ(takeNotify(*pipe, &value), "echo: across");
     EXPECT_EQ(value, 7u);  // the server's id
 }
 

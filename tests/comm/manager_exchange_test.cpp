@@ -93,9 +93,7 @@ TEST_F(ManagerExchangeTest, ServerHandshakeOnTheWire) {
     EXPECT_TRUE(known->isConnected());
     first.send(pipewire::request("known", 0, 0, "over the wire"));
     uint32_t value = 1;
-    zu::InplaceString<128> text;
-    ASSERT_TRUE(waitUntil([&] { return !(text = known->receiveRequest(&value)).empty(); }));
-    EXPECT_STREQ(text.c_str(), "over the wire");
+    EXPECT_EQ(takeRequest(*known, &value), "over the wire");
     EXPECT_EQ(value, 0u);
 
     // Connections are numbered in order of acceptance.
@@ -137,9 +135,7 @@ TEST_F(ManagerExchangeTest, ClientHandshakeOnTheWire) {
     EXPECT_TRUE(client->getPipe("pushed")->isConnected());
     socket->sendPacket(pipewire::request("p", 0, 0, "to the client"));
     socket->update();
-    zu::InplaceString<128> text;
-    ASSERT_TRUE(waitUntil([&] { return !(text = pipe->receiveRequest(nullptr)).empty(); }));
-    EXPECT_STREQ(text.c_str(), "to the client");
+    EXPECT_EQ(takeRequest(*pipe), "to the client");
 }
 
 // Each side's manager sends a message far larger than a socket queues before it makes its

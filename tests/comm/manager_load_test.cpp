@@ -20,16 +20,6 @@ void addToResponder(void* responder, dm::CommunicationPipeManager*, dm::Communic
     static_cast<EchoResponder*>(responder)->add(pipe);
 }
 
-bool everyPipe(const std::vector<dm::CommunicationPipe*>& pipes,
-               bool (*holds)(dm::CommunicationPipe*)) {
-    for (dm::CommunicationPipe* pipe : pipes) {
-        if (!holds(pipe)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 std::string pipeName(int client, int pipe) {
     return "c" + std::to_string(client) + "-p" + std::to_string(pipe);
 }
@@ -54,7 +44,7 @@ TEST_F(ManagerLoadTest, ThreeHundredTwentyPipesOverThirtyTwoConnections) {
             allPipes.push_back(pipes[c].back());
         }
     }
-    ASSERT_TRUE(waitUntil([&] { return everyPipe(allPipes, isConnected); }));
+    ASSERT_TRUE(waitUntil([&] { return every(allPipes, isConnected); }));
 
     // Every client asks on all its pipes at once and gets its own answers back.
     std::atomic<int> echoed{0};
@@ -74,9 +64,7 @@ TEST_F(ManagerLoadTest, ThreeHundredTwentyPipesOverThirtyTwoConnections) {
             }
         });
     }
-    for (std::thread& asker : askers) {
-        asker.join();
-    }
+    dmtest::joinAll(askers);
     EXPECT_EQ(echoed.load(), kClients * kPipesPerClient);
 
     server->setPipeCreateCallback({});
@@ -100,7 +88,7 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
             pipes.push_back(client->getPipe(pipeName(c, p).c_str()));
         }
     }
-    ASSERT_TRUE(waitUntil([&] { return everyPipe(pipes, isConnected); }));
+    ASSERT_TRUE(waitUntil([&] { return every(pipes, isConnected); }));
 
     // One thread per pipe asks until it is sent away empty-handed.
     std::atomic<int> released{0};
@@ -133,11 +121,9 @@ TEST_F(ManagerLoadTest, DestroyingManagersUnderLoadReleasesEveryBlockedThread) {
         auto* netPipe = static_cast<dm::NetCommunicationPipe*>(pipe);
         return !pipe->isConnected() && netPipe->getStatistics().outgoingRequests == 1;
     };
-    ASSERT_TRUE(waitUntil([&] { return everyPipe(pipes, blocked); }));
+    ASSERT_TRUE(waitUntil([&] { return every(pipes, blocked); }));
     dm::deinitCommunicationManagers();
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    dmtest::joinAll(workers);
     EXPECT_EQ(released.load(), kClients * kPipesPerClient);
     EXPECT_TRUE(dm::isCommunicationPipeManagerMapEmpty());
 }

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 #include "dm/comm.h"
 #include "support/loopback.h"
@@ -28,6 +30,12 @@ inline uint32_t portOf(dm::CommunicationPipeManager* manager) {
 
 inline bool isConnected(dm::CommunicationPipe* pipe) {
     return pipe && pipe->isConnected();
+}
+
+// True when `holds` is true of every one of `items`.
+template <typename Items, typename Condition>
+bool every(const Items& items, Condition holds) {
+    return std::all_of(std::begin(items), std::end(items), holds);
 }
 
 }  // namespace dmtest

@@ -9,11 +9,12 @@
 #include <vector>
 
 #include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
-using dmtest::PendingRequest;
 using dmtest::PipeEndpoint;
+using dmtest::RequestThread;
 using dmtest::waitUntil;
 
 // respond() blocks until the response has been sent, so each runs on its own thread. The next
@@ -28,9 +29,7 @@ public:
             m_end.pump();
             return m_finished.load() == m_threads.size();
         });
-        for (std::thread& thread : m_threads) {
-            thread.join();
-        }
+        dmtest::joinAll(m_threads);
     }
     bool respondToCurrent(const char* text) {
         const size_t queued = m_end.pipe().getStatistics().outgoingResponses;
@@ -55,9 +54,9 @@ protected:
     dm::NetCommunicationPipe& left() { return link.left.pipe(); }
     dm::NetCommunicationPipe& right() { return link.right.pipe(); }
     // A request from the left end, once queued there.
-    std::unique_ptr<PendingRequest> ask(const std::string& text) {
+    std::unique_ptr<RequestThread> ask(const std::string& text) {
         const size_t queued = left().getStatistics().outgoingRequests;
-        auto request = std::make_unique<PendingRequest>(left(), text);
+        auto request = std::make_unique<RequestThread>(&left(), text);
         EXPECT_TRUE(waitUntil([&] { return left().getStatistics().outgoingRequests > queued; }));
         return request;
     }
@@ -71,12 +70,12 @@ protected:
         EXPECT_EQ(count, link.right.transferTo(link.left).responses);
     }
     // Answers the right end's current request with `text` and checks that `request` gets it.
-    void expectAnswered(PendingRequest& request, const char* text) {
+    void expectAnswered(RequestThread& request, const char* text) {
         Responses responses(link.right);
         ASSERT_TRUE(responses.respondToCurrent(text));
         EXPECT_EQ(1, link.right.transferTo(link.left).responses);
         ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-        EXPECT_STREQ(text, request.result());
+        EXPECT_EQ(text, request.result());
     }
     void expectNoRequestData() {
         void* data = &link;
@@ -134,7 +133,7 @@ TEST_F(PipeConnection, EachPumpSendsAtMostEightMessagesOfEachKind) {
 
     // Requests: only the first eight queued are looked at, and they stay queued (sent) until
     // answered, so the last two wait.
-    std::vector<std::unique_ptr<PendingRequest>> requests;
+    std::vector<std::unique_ptr<RequestThread>> requests;
     for (int i = 0; i < 10; ++i) {
         requests.push_back(ask("r" + std::to_string(i)));
     }

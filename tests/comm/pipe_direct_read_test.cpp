@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -19,10 +18,6 @@ namespace dmtest {
 namespace {
 
 class DirectReadTest : public ManagerTest {};
-
-dm::PipeStatistics statisticsOf(dm::CommunicationPipe* pipe) {
-    return dm::getPipeStatistics(pipe);
-}
 
 // Notes on which threads a pipe's callback ran.
 struct CallbackThreads {
@@ -69,7 +64,7 @@ TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsO
     }
     notifier.join();
     EXPECT_EQ(echoed, kRequests);
-    EXPECT_GT(statisticsOf(lone.client).answersReadDirectly, 0u);
+    EXPECT_GT(dm::getPipeStatistics(lone.client).answersReadDirectly, 0u);
 
     int next = 0;
     ASSERT_TRUE(waitUntil([&] {
@@ -98,10 +93,8 @@ struct PlayedClient {
         return server.accept() && attached();
     }
     bool attached() {
-        return server.serve([&] {
-            return server.openedPipes() >= pipes.size() &&
-                   std::all_of(pipes.begin(), pipes.end(), isConnected);
-        });
+        return server.serve(
+            [&] { return server.openedPipes() >= pipes.size() && every(pipes, isConnected); });
     }
     // Serves until a request with `text` has arrived; it is stored in `into`.
     bool awaitRequest(const std::string& text, pipewire::Message& into) {
@@ -124,14 +117,14 @@ TEST_F(DirectReadTest, AWriterTakesTheConnectionFromACallerReadingIt) {
     for (int round = 0; round < kRounds; ++round) {
         // The first caller is alone, so it waits on the connection; the second one's request
         // still goes out at once, written by its caller.
-        const uint64_t before = statisticsOf(client.pipes[1]).sentDirectly;
+        const uint64_t before = dm::getPipeStatistics(client.pipes[1]).sentDirectly;
         RequestThread reading(client.pipes[0], "wait", patternBytes(32, round), 32);
         pipewire::Message first;
         ASSERT_TRUE(client.awaitRequest("wait", first));
         RequestThread writing(client.pipes[1], "write", patternBytes(48, round), 48);
         pipewire::Message second;
         ASSERT_TRUE(client.awaitRequest("write", second));
-        writesDirect += statisticsOf(client.pipes[1]).sentDirectly > before;
+        writesDirect += dm::getPipeStatistics(client.pipes[1]).sentDirectly > before;
 
         client.server.echo(second);
         client.server.echo(first);

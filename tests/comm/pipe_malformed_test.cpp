@@ -14,7 +14,6 @@
 
 namespace {
 
-using dmtest::PendingRequest;
 using dmtest::PipeLink;
 using dmtest::waitUntil;
 namespace pipewire = dmtest::pipewire;
@@ -178,7 +177,7 @@ TEST_F(Malformed, MessagesOverTheSizeLimitAreDroppedUnallocated) {
 }
 
 TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
-    PendingRequest request(link.right.pipe(), "waiting");
+    dmtest::RequestThread request(&link.right.pipe(), "waiting");
     ASSERT_TRUE(waitUntil([&] { return link.right.pipe().getStatistics().outgoingRequests; }));
     deliver(pipewire::response("link", 0, "past end", 4, 2, 4, "abcd"));
     net::Packet cut(pipewire::kPacketId);
@@ -194,7 +193,7 @@ TEST_F(Malformed, BadResponsesAreDroppedAndTheRequestStillWaits) {
 
     deliver(pipewire::response("link", 0, "good", 0, 0, 0, nullptr));
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));
-    EXPECT_STREQ("good", request.result());
+    EXPECT_EQ("good", request.result());
 }
 
 // A response of `size` bytes from a real pipe into a buffer of `capacity` bytes with a guard

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/pipe_link.h"
+#include "support/pipe_responders.h"
 
 namespace {
 
@@ -22,32 +23,6 @@ using Chunked = pipewire::Message;
 Chunked decode(net::Packet& packet) {
     packet.setPos(0);
     return pipewire::read(packet);
-}
-
-TEST(PipeWire, RequestsAreNumberedFromZeroAndCarryEmptySizesWithoutData) {
-    PipeLink link("Wire");
-    ASSERT_TRUE(link.connected);
-    for (uint32_t expectedId = 0; expectedId < 2; ++expectedId) {
-        dmtest::PendingRequest pending(link.left.pipe(), "request", 9 + expectedId);
-        ASSERT_TRUE(waitUntil([&] { return link.left.pipe().getStatistics().outgoingRequests; }));
-        link.left.pump();
-        std::vector<net::Packet> packets = link.left.outbox().take();
-        ASSERT_EQ(1u, packets.size());
-        Chunked request = decode(packets[0]);
-        EXPECT_EQ(pipewire::kRequest, request.kind);
-        EXPECT_EQ("Wire", request.first);
-        EXPECT_EQ(expectedId, request.id);
-        EXPECT_EQ(9 + expectedId, request.value);
-        EXPECT_EQ(0u, request.total);
-        EXPECT_EQ(0u, request.offset);
-        EXPECT_EQ(0u, request.chunk.size());
-        EXPECT_TRUE(request.endsAfterChunk);
-        // Answer it by hand so that the sender moves on.
-        link.right.send(pipewire::response("Wire", expectedId, "ok", 0, 0, 0, nullptr));
-        link.left.receive();
-        ASSERT_TRUE(waitUntil([&] { return pending.done(); }));
-        EXPECT_STREQ("ok", pending.result());
-    }
 }
 
 TEST(PipeWire, NotificationPayloadIsItsTextWithoutTerminator) {

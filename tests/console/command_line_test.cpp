@@ -112,19 +112,6 @@ TEST_F(CommandLineTest, UpStartsAtTheNewestAndDownAtTheOldestBothWrapping) {
     EXPECT_EQ(browse(vk::Down), "cmd1");
 }
 
-TEST_F(CommandLineTest, KeepsTheNewestThirtyCommands) {
-    enterCommands(1, 31);
-    EXPECT_EQ(browse(vk::Up), "cmd31");
-    for (int i = 30; i >= 2; --i) {
-        ASSERT_EQ(browse(vk::Up), "cmd" + std::to_string(i));
-    }
-    EXPECT_EQ(browse(vk::Up), "cmd31");  // cmd1 is gone
-    keys.press(vk::Escape);
-    keys.type("cmd32");
-    keys.enter();
-    EXPECT_EQ(browse(vk::Down), "cmd3");
-}
-
 TEST_F(CommandLineTest, StoresARepeatedLineEachTimeAndNeverAnEmptyOne) {
     keys.type("same");
     keys.enter();

@@ -49,9 +49,7 @@ TEST(ConcurrentPrinting, LosesAndTearsNoLine) {
             }
         });
     }
-    for (std::thread& printer : printers) {
-        printer.join();
-    }
+    dmtest::joinAll(printers);
     // The game draws through its shape engine on its own thread; printers must not call it.
     EXPECT_TRUE(engine.calls().empty());
 

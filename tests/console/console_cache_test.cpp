@@ -109,6 +109,10 @@ TEST_F(CacheTest, ASecondWindowSeesTheFirstOnesLinesAndCommandsWithTheRingsWrapp
     ASSERT_EQ(second.getConsoleLineCount(), 1000u);
     EXPECT_EQ(consoleLine(second, 0), "line 1004\n");
     EXPECT_EQ(consoleLine(second, 999), "line 5\n");
+    for (uint64_t beyond : {uint64_t(1000), uint64_t(1) << 32, UINT64_MAX}) {
+        EXPECT_EQ(consoleLine(second, beyond), "");  // an empty line beyond the newest thousand
+    }
+    EXPECT_EQ(second.getVisibleLine(2000), "");
     EXPECT_EQ(browse(second, vk::Down), "cmd4");
     EXPECT_EQ(browse(second, vk::Up), "cmd33");
 
@@ -293,9 +297,7 @@ TEST_F(CacheTest, SavesAndScrollsWhileOtherThreadsPrint) {
         window.appendInput(round % 2 == 0 ? vk::PageUp : vk::PageDown, 0, false, false, false);
         window.appendInput(vk::End, 0, false, true, false);
     }
-    for (std::thread& printer : printers) {
-        printer.join();
-    }
+    dmtest::joinAll(printers);
     window.save();
 
     // Every line was kept (their order per thread is the concurrent printing test's business)

@@ -65,14 +65,6 @@ std::vector<std::string> firstRunColors(const Lines& lines) {
     return colors;
 }
 
-TEST_F(RenderingTest, AHiddenWindowMakesNoCallAtAll) {
-    window.print("some text\n");
-    window.setVisibility(false);
-    engine.reset();
-    window.renderVisibleText();
-    EXPECT_TRUE(engine.calls().empty());
-}
-
 TEST_F(RenderingTest, OneFrameCallsTheEngineInItsOrder) {
     window.print("x 1\n");
     window.setText("ab");

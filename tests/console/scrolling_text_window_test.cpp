@@ -87,18 +87,6 @@ TEST_F(WindowTest, CountsTheCharactersThatFitAWidth) {
     EXPECT_EQ(window.getCharacterFitCount("abcde", -1.0f), 0);
 }
 
-TEST_F(WindowTest, ShowsTextOnlyOnceItsLineFeedArrives) {
-    window.printString("abc");
-    EXPECT_EQ(window.getConsoleLineCount(), 0u);
-    window.printString("def\n");
-    EXPECT_EQ(consoleLinesOldestFirst(window), (Lines{"abcdef\n"}));
-
-    window.printString("one\ntwo\nthr");
-    EXPECT_EQ(consoleLinesOldestFirst(window), (Lines{"abcdef\n", "one\n", "two\n"}));
-    window.printStringWithPrefix(true, "ee\n");
-    EXPECT_EQ(consoleLine(window, 0), ">three\n");
-}
-
 TEST_F(WindowTest, PutsThePromptOrTheLinePrefixInFront) {
     window.printStringWithPrefix(true, "typed\n");
     window.printWithPrefix(true, "%d items\n", 3);
@@ -135,27 +123,6 @@ TEST_F(WindowTest, TakesTextsLongerThanItsWorkBuffer) {
     EXPECT_EQ(consoleLine(window, 0), std::string(20, 'y') + "\n");  // ... and 20
 }
 
-TEST_F(WindowTest, KeepsTheNewestThousandLinesAndGivesAnEmptyOneBeyond) {
-    EXPECT_EQ(consoleLine(window, 0), "");
-    printNumberedLines(0, 1000);
-    EXPECT_EQ(window.getConsoleLineCount(), 1000u);
-    EXPECT_EQ(consoleLine(window, 0), "line 999\n");
-    EXPECT_EQ(consoleLine(window, 999), "line 0\n");
-
-    printNumberedLines(1000, 1);
-    EXPECT_EQ(window.getConsoleLineCount(), 1000u);
-    EXPECT_EQ(consoleLine(window, 0), "line 1000\n");
-    EXPECT_EQ(consoleLine(window, 999), "line 1\n");
-
-    printNumberedLines(1001, 1500);
-    EXPECT_EQ(consoleLine(window, 0), "line 2500\n");
-    EXPECT_EQ(consoleLine(window, 999), "line 1501\n");
-    for (uint64_t beyond : {uint64_t(1000), uint64_t(4294967296ull), UINT64_MAX}) {
-        EXPECT_EQ(consoleLine(window, beyond), "");
-    }
-    EXPECT_EQ(visibleLine(window, 2000), "");
-}
-
 TEST(BoundedLineStore, NeverGrowsBeyondItsLimitNorReadsOutsideItsSlots) {
     dm::BoundedLineStore<zu::InplaceString<64>> store;
     store.maxLines = 1000;
@@ -178,18 +145,6 @@ TEST(BoundedLineStore, NeverGrowsBeyondItsLimitNorReadsOutsideItsSlots) {
     store.maxLines = 0;  // no ring rule to apply, and nothing more is stored
     store.add("c");
     EXPECT_EQ(store.count(), 2u);
-}
-
-TEST_F(WindowTest, WrapsAWordTooWideForTheTextAreaIntoFullRows) {
-    setTextAreaWidth(0.505f);
-    std::string word;
-    for (int i = 0; i < 150; ++i) {
-        word += static_cast<char>('a' + i % 26);
-    }
-    window.printStringWithPrefix(true, (word + "\n").c_str());
-    EXPECT_EQ(consoleLinesOldestFirst(window),
-              (Lines{">" + word.substr(0, 49) + "\n", ">" + word.substr(49, 49) + "\n",
-                     ">" + word.substr(98, 49) + "\n", ">" + word.substr(147) + "\n"}));
 }
 
 TEST_F(WindowTest, WrapsBetweenWordsAndEvenInATextAreaTooNarrowForACharacter) {

@@ -25,16 +25,6 @@ int scan(int (*scanner)(const zu::String&, int), const std::string& text, int po
     return scanner(zu::String(text.c_str()), position);
 }
 
-TEST(Tokenizer, CutsCommandLinesIntoWords) {
-    EXPECT_EQ(words(""), Words{});
-    EXPECT_EQ(words("set x=0.5;"), (Words{"set", " ", "x", "=", "0", ".", "5", ";"}));
-    EXPECT_EQ(words("set x= 0.5"), (Words{"set", " ", "x", "=", " ", "0.5"}));
-    EXPECT_EQ(words("  echo"), (Words{"  ", "echo"}));
-    EXPECT_EQ(words("say \"a b;c\" now"), (Words{"say", " ", "\"a b;c\"", " ", "now"}));
-    EXPECT_EQ(words("\"abc def"), (Words{"\"", "abc", " ", "def"}));
-    EXPECT_EQ(words("a\t\x0b\r\n b"), (Words{"a", "\t\x0b\r\n ", "b"}));
-}
-
 TEST(Tokenizer, UsesLatin1LettersAndKeepsFormFeedApart) {
     EXPECT_EQ(words("\xc4la \xe5\xf6\xd6x"), (Words{"\xc4la", " ", "\xe5\xf6\xd6x"}));
     EXPECT_EQ(words("a\xc3\xa9z"), (Words{"a", "\xc3", "\xa9", "z"}));

@@ -92,6 +92,7 @@ protected:
     ConsoleImage() : png(s_png) {}
     void SetUp() override {
         ASSERT_EQ(s_exitCode, 0) << s_output;
+        ASSERT_NE(s_output.find(s_png), std::string::npos) << "where the image went: " << s_output;
         ASSERT_TRUE(png.ok());
         ASSERT_EQ(png.width(), kWidth);
         ASSERT_EQ(png.height(), kHeight);
@@ -149,10 +150,6 @@ dmtest::TempDir* ConsoleImage::s_folder = nullptr;
 std::string ConsoleImage::s_png;
 int ConsoleImage::s_exitCode = -1;
 std::string ConsoleImage::s_output;
-
-TEST_F(ConsoleImage, TheToolSaysWhereItWroteTheImage) {
-    EXPECT_NE(s_output.find(s_png), std::string::npos) << s_output;
-}
 
 TEST_F(ConsoleImage, TheBackdropDarkensTheSceneByHalf) {
     // Right of the text and left of the scroll bar: the sky above, the ground below.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,17 +46,10 @@ public:
     }
     // The last screen row that has text on it.
     std::string lastRow() {
-        const std::string text = screen();
+        std::istringstream rows(screen());
         std::string last;
-        size_t start = 0;
-        while (start < text.size()) {
-            size_t end = text.find('\n', start);
-            end = end == std::string::npos ? text.size() : end;
-            const std::string row = text.substr(start, end - start);
-            if (row.find_first_not_of(' ') != std::string::npos) {
-                last = row;
-            }
-            start = end + 1;
+        for (std::string row; std::getline(rows, row);) {
+            last = row.find_first_not_of(' ') != std::string::npos ? row : last;
         }
         return last;
     }

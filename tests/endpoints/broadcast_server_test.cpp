@@ -64,22 +64,6 @@ protected:
     std::vector<std::unique_ptr<HubMember>> m_members;
 };
 
-TEST_F(HubTest, EachMemberGetsTheNextManagerNameAndPort) {
-    addMembers();
-    ASSERT_EQ(m_hub->getMemberCount(), static_cast<size_t>(kMembers));
-    for (int id = 0; id < kMembers; ++id) {
-        dm::CommunicationPipeManager* manager = m_hub->getMemberManager(static_cast<uint32_t>(id));
-        ASSERT_NE(manager, nullptr);
-        EXPECT_EQ(std::string(manager->getName()), managerName(id));
-        EXPECT_EQ(manager->getID(), static_cast<uint32_t>(id));
-        uint32_t port = 0;
-        manager->getHost(&port);
-        EXPECT_EQ(port, static_cast<uint32_t>(m_port + id + 1));
-        EXPECT_EQ(m_log.count("Server \"" + managerName(id) + "\" was connected by a client\n"), 1);
-    }
-    EXPECT_EQ(m_hub->getMemberManager(kMembers), nullptr);
-}
-
 TEST_F(HubTest, AToolStartedBeforeTheHubJoinsOnceItIsUp) {
     destroyHub();
     m_members.push_back(std::make_unique<HubMember>(m_port, "early"));
@@ -155,16 +139,23 @@ TEST_F(HubTest, ARequestGoesToTheMemberItsNumberNamesOrIsDroppedWhenThereIsNone)
     EXPECT_TRUE(member(1).waitFor("response \"member2 answers \"still there?\"\""));
 }
 
-TEST_F(HubTest, AMemberThatLeavesKeepsItsSlotAndTheNextGetsANewOne) {
+// A member that leaves keeps its slot, and the next gets a new one on the port after the last.
+TEST_F(HubTest, EachMemberGetsTheNextManagerNameAndPortAndALeftSlotStays) {
     addMembers();
     EXPECT_EQ(member(1).quit(), 0);
-    HubMember& next = addMember();  // member 3, on the port after the last
-    dm::CommunicationPipeManager* manager = m_hub->getMemberManager(kMembers);
-    ASSERT_NE(manager, nullptr);
-    uint32_t port = 0;
-    manager->getHost(&port);
-    EXPECT_EQ(port, static_cast<uint32_t>(m_port + kMembers + 1));
-    EXPECT_EQ(m_hub->getMemberCount(), static_cast<size_t>(kMembers + 1));
+    HubMember& next = addMember();  // member 3
+    ASSERT_EQ(m_hub->getMemberCount(), static_cast<size_t>(kMembers + 1));
+    for (int id = 0; id <= kMembers; ++id) {
+        dm::CommunicationPipeManager* manager = m_hub->getMemberManager(static_cast<uint32_t>(id));
+        ASSERT_NE(manager, nullptr);
+        EXPECT_EQ(std::string(manager->getName()), managerName(id));
+        EXPECT_EQ(manager->getID(), static_cast<uint32_t>(id));
+        uint32_t port = 0;
+        manager->getHost(&port);
+        EXPECT_EQ(port, static_cast<uint32_t>(m_port + id + 1));
+        EXPECT_EQ(m_log.count("Server \"" + managerName(id) + "\" was connected by a client\n"), 1);
+    }
+    EXPECT_EQ(m_hub->getMemberManager(kMembers + 1), nullptr);
     // The slot that was left stays, unconnected: its notifications are dropped.
     ASSERT_TRUE(next.command("notify hello"));
     EXPECT_TRUE(member(0).waitFor("notification \"hello\" from member 3"));
@@ -214,9 +205,7 @@ TEST_F(HubTest, TearingTheHubDownWhileARequestWaitsAndMembersKeepTalkingNeitherH
     EXPECT_TRUE(member(0).waitFor("notification \"chatter"));
     destroyHub();
     stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    dmtest::joinAll(threads);
     for (auto& talker : talkers) {
         dm::deinitCommunicationManager(talker->getName());
     }

@@ -298,9 +298,7 @@ TEST_F(NetworkFileSystemTest, FolderListComesOncePerConnectionAndAgainAfterARest
     for (int i = 0; i < 4; ++i) {
         firstUsers.emplace_back([&] { sawRemote += fs().fileExists("data/hello.txt") ? 1 : 0; });
     }
-    for (std::thread& user : firstUsers) {
-        user.join();
-    }
+    dmtest::joinAll(firstUsers);
     EXPECT_EQ(sawRemote.load(), 4);
     EXPECT_TRUE(fs().isPipeAcquired());
     EXPECT_TRUE(fs().isRemotePath("DATA/hello.txt"));  // other letter case: still remote

@@ -11,6 +11,7 @@
 
 #include "console/recording_shape_engine.h"
 #include "dm/console.h"
+#include "fuzz/check.h"
 #include "zu/file.h"
 
 namespace {
@@ -18,12 +19,6 @@ namespace {
 constexpr int kUp = 38;
 constexpr int kDown = 40;
 constexpr int kPageUp = 33;
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 // A folder of this run's own, made the writable folder once.
 const std::string& cacheFolder() {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/check.h"
 #include "net/packet.h"
 #include "net/socket.h"
 #include "net_wire.h"
@@ -24,12 +25,6 @@ struct Frame {
 
     bool operator==(const Frame& other) const { return id == other.id && payload == other.payload; }
 };
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 std::vector<Frame> decodeBuffer(const uint8_t* data, size_t size) {
     std::vector<Frame> frames;

@@ -1,9 +1,7 @@
 // Monitor dispatch: the input is what one monitor tool sends to the game, fed through a real
 // loopback connection to the debug-monitor link. The game's frames go on whatever arrives, the
 // data callback only ever sees whole texts, and the connection ends once the tool has gone.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,14 +13,10 @@
 #include <cstring>
 
 #include "dm/monitor.h"
+#include "fuzz/check.h"
+#include "net/net_test_util.h"
 
 namespace {
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 class EchoingParser : public dm::DataParserCallback {
 public:
@@ -46,38 +40,17 @@ int listeningPort() {
     return port;
 }
 
-// True once `fd` is connected. A connect cut short by a signal (libFuzzer's timer) goes on in
-// the background: its outcome is waited for.
-bool connectTo(int fd, const sockaddr_in& address) {
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-        return true;
-    }
-    if (errno != EINTR && errno != EINPROGRESS) {
-        return false;
-    }
-    pollfd entry{fd, POLLOUT, 0};
-    int error = 0;
-    socklen_t length = sizeof(error);
-    return poll(&entry, 1, 10000) == 1 &&
-           getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
-}
-
-// Tens of thousands of connections a minute can find loopback's ports briefly taken: a failed
-// attempt is made again, a bounded number of times.
+// Tens of thousands of connections a minute can find loopback's ports briefly taken, and
+// libFuzzer's timer can cut a connect short: a failed attempt is made again, a bounded number of
+// times.
 int connectMonitor(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     for (int attempt = 0; attempt < 100; ++attempt) {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        check(fd >= 0);
-        if (connectTo(fd, address)) {
+        const int fd = nettest::rawConnect(static_cast<uint32_t>(port));
+        if (fd >= 0) {
             fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
             return fd;
         }
         std::fprintf(stderr, "monitor fuzz: connect failed (errno %d), trying again\n", errno);
-        close(fd);
         poll(nullptr, 0, 10);
     }
     check(false);

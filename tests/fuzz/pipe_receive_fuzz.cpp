@@ -13,6 +13,7 @@
 #include "comm/connection_budget.h"
 #include "comm/net_communication_pipe.h"
 #include "comm/pipe_protocol.h"
+#include "fuzz/check.h"
 #include "net/packet.h"
 #include "net/socket.h"
 
@@ -21,12 +22,6 @@ namespace {
 constexpr const char* kPipeName = "fuzz";
 constexpr size_t kOperationSize = 8;
 constexpr uint32_t kMaxChunk = 4096;
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 // Request data: position and request id in every byte.
 uint8_t requestByte(uint32_t id, uint32_t position) {

@@ -16,7 +16,6 @@ trap 'rm -rf "$scratch"' EXIT
 failed=()
 for harness in build/fuzz/tests/fuzz/fuzz_*; do
     name=${harness##*/fuzz_}
-    [ "$name" = seed_writer ] && continue
     seeds=tests/fuzz/corpus/$name
     artifacts=build/fuzz/artifacts/$name
     mkdir -p "$scratch/$name" "$seeds" "$artifacts"

@@ -6,14 +6,9 @@
 #include <string>
 
 #include "dm/console.h"
+#include "fuzz/check.h"
 
 namespace {
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 void checkScanners(const zu::String& text, int position) {
     using Scanner = int (*)(const zu::String&, int);

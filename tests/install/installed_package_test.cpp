@@ -2,10 +2,10 @@
 // example game in examples/quickstart against it with find_package, and let the installed
 // dm-pipe-echo talk to it.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,11 +15,6 @@ namespace {
 
 using dmtest::ChildProcess;
 using std::chrono::seconds;
-
-bool exists(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0;
-}
 
 std::string quoted(const std::string& text) {
     return "'" + text + "'";
@@ -46,14 +41,14 @@ TEST(InstalledPackage, ExampleGameBuildsWithFindPackageAndServesTheInstalledTool
                                 " --prefix " + quoted(prefix),
                             output))
         << output;
-    EXPECT_TRUE(exists(prefix + "/bin/dm-pipe-echo"));
-    EXPECT_TRUE(exists(prefix + "/bin/dm-monitor"));
-    EXPECT_TRUE(exists(prefix + "/include/dm/comm.h"));
-    EXPECT_TRUE(exists(prefix + "/include/dm/zul/zu/string.h"));
-    EXPECT_TRUE(exists(prefix + "/share/doc/dm/pipe-protocol.md"));
+    EXPECT_TRUE(std::filesystem::exists(prefix + "/bin/dm-pipe-echo"));
+    EXPECT_TRUE(std::filesystem::exists(prefix + "/bin/dm-monitor"));
+    EXPECT_TRUE(std::filesystem::exists(prefix + "/include/dm/comm.h"));
+    EXPECT_TRUE(std::filesystem::exists(prefix + "/include/dm/zul/zu/string.h"));
+    EXPECT_TRUE(std::filesystem::exists(prefix + "/share/doc/dm/pipe-protocol.md"));
     // Nothing generic at the top of the prefix's include folder.
-    EXPECT_FALSE(exists(prefix + "/include/zu"));
-    EXPECT_FALSE(exists(prefix + "/include/net"));
+    EXPECT_FALSE(std::filesystem::exists(prefix + "/include/zu"));
+    EXPECT_FALSE(std::filesystem::exists(prefix + "/include/net"));
 
     const std::string configure =
         quoted(DM_CMAKE_COMMAND) + " -S " + quoted(DM_EXAMPLE_SOURCE_DIR) + " -B " + quoted(build) +
@@ -79,7 +74,7 @@ TEST(InstalledPackage, ExampleGameBuildsWithFindPackageAndServesTheInstalledTool
         << client.output();
     EXPECT_EQ(0, game.wait(seconds(30))) << game.output();
     EXPECT_NE(std::string::npos, game.output().find("pipe client served, shut down"));
-    EXPECT_TRUE(exists(dir.file("consolecache.bin")));
+    EXPECT_TRUE(std::filesystem::exists(dir.file("consolecache.bin")));
 #endif
 }
 

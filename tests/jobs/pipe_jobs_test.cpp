@@ -1,5 +1,6 @@
 // The job kinds in conversation over real pipe managers: a server and clients connected over
-// 127.0.0.1, each side's jobs run by a job manager named like its pipe manager.
+// 127.0.0.1, each side's jobs run by a job manager named like its pipe manager. (A plain
+// request answered by JobWaitRequest and JobRespond: two_process_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,20 +21,6 @@ using dmtest::FunctionJob;
 using dmtest::LogCapture;
 using dmtest::ManagerLink;
 using dmtest::patternBytes;
-
-// Takes the next request or notification that arrives on `pipe` (waiting a bounded time); ""
-// if none came.
-using Receive = zu::InplaceString<128> (dm::CommunicationPipe::*)(uint32_t*);
-std::string take(dm::CommunicationPipe& pipe, Receive receive, uint32_t* outValue = nullptr) {
-    std::string text;
-    dmtest::waitUntil([&] {
-        text = (pipe.*receive)(outValue).c_str();
-        return !text.empty();
-    });
-    return text;
-}
-constexpr Receive kRequest = &dm::CommunicationPipe::receiveRequest;
-constexpr Receive kNotify = &dm::CommunicationPipe::receiveNotify;
 
 // Forwards every call to a real pipe and counts the notifications it refused.
 class NotifyCountingPipe : public dm::CommunicationPipe {
@@ -87,34 +74,6 @@ private:
     std::atomic<int> m_refused{0};
 };
 
-TEST(PipeJobs, ARequestIsAnsweredByWaitRequestAndRespondIntoTheCallersBuffer) {
-    LogCapture log;
-    ManagerLink link;
-    const std::string client = link.addClient();
-    const ManagerLink::PipeEnds ends = link.connectPipe(client, "assets");
-    ASSERT_TRUE(ends.client && ends.server);
-
-    const std::vector<uint8_t> payload = patternBytes(5000, 3);
-    std::vector<uint8_t> buffer(6000, 0xEE);
-    dm::JobManager serverJobs(link.serverName());
-    dm::JobManager clientJobs(client.c_str());
-    serverJobs.addNewJob<dm::JobWaitRequest>("assets", "texture list");
-    serverJobs.addNewJob<dm::JobRespond>("assets", "here", payload.data(), payload.size());
-    BatchEnd serverEnd(serverJobs);
-    serverJobs.runJobs(false);
-    clientJobs.addNewJob<dm::JobSendRequest>("assets", "texture list", buffer.data(),
-                                             static_cast<unsigned>(buffer.size()));
-    BatchEnd clientEnd(clientJobs);
-    clientJobs.runJobs(false);
-    clientEnd.wait();
-    serverEnd.wait();
-
-    EXPECT_TRUE(std::equal(payload.begin(), payload.end(), buffer.begin()));
-    EXPECT_EQ(buffer[payload.size()], 0xEE);  // nothing written behind the answer
-    EXPECT_EQ(log.count("JobWaitRequest: Listening to pipe: assets\n"), 1);
-    EXPECT_EQ(log.count("JobRespond: Responding to pipe: assets\n"), 1);
-}
-
 TEST(PipeJobs, NotificationJobsTakeAnyNotificationAndPassItsNumberOn) {
     LogCapture log;
     ManagerLink link;
@@ -136,7 +95,7 @@ TEST(PipeJobs, NotificationJobsTakeAnyNotificationAndPassItsNumberOn) {
     EXPECT_TRUE(ends.server->sendNotify("build failed", 1));
     EXPECT_TRUE(ends.server->sendNotify("level 3 loaded", 4242));
     uint32_t value = 0;
-    EXPECT_EQ(take(*ends.server, kRequest, &value), "fetch level");
+    EXPECT_EQ(dmtest::takeRequest(*ends.server, &value), "fetch level");
     EXPECT_EQ(value, 4242u);
     const std::vector<uint8_t> level = patternBytes(40, 9);
     ends.server->respond("level data", level.data(), static_cast<uint32_t>(level.size()));
@@ -172,7 +131,7 @@ TEST(PipeJobs, SendNotifyRetriesUntilThePipeConnectsLoggingEachRetryButNotForAnE
     dm::CommunicationPipe* serverPipe = link.server().getPipe("late");
     clientEnd.wait();
     uint32_t value = 0;
-    EXPECT_EQ(take(*serverPipe, kNotify, &value), "hello");
+    EXPECT_EQ(dmtest::takeNotify(*serverPipe, &value), "hello");
     EXPECT_EQ(value, 9u);
     // One line per retry: every refusal but none of the first attempt's is followed by one.
     EXPECT_EQ(log.count(retryLine), countingPipe.refusedNotifies());
@@ -182,7 +141,7 @@ TEST(PipeJobs, SendNotifyRetriesUntilThePipeConnectsLoggingEachRetryButNotForAnE
     const int linesBefore = log.count(retryLine);
     clientJobs.addNewJob<dm::JobSendNotify>(clientPipe, "hello", 10u);
     clientJobs.runJobs(true);
-    EXPECT_EQ(take(*serverPipe, kNotify, &value), "hello");
+    EXPECT_EQ(dmtest::takeNotify(*serverPipe, &value), "hello");
     EXPECT_EQ(value, 10u);
     EXPECT_EQ(log.count(retryLine), linesBefore);
 }
@@ -219,7 +178,7 @@ TEST(PipeJobs, ForwardRequestRelaysTextAndAnyDataBetweenTwoPipes) {
         askerJobs.runJobs(false);
 
         // Should it not arrive, the asker's batch never ends and askerEnd reports that.
-        EXPECT_EQ(take(*asks.server, kRequest), "question");
+        EXPECT_EQ(dmtest::takeRequest(*asks.server), "question");
         hubJobs.addNewJob<dm::JobForwardRequest>(asks.server, answers.server, "question");
         BatchEnd hubEnd(hubJobs);
         hubJobs.runJobs(false);

@@ -2,6 +2,7 @@
 // JobWaitRequest and JobRespond, whose lines go to the game's standard output.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -21,7 +22,7 @@ TEST(JobsAcrossProcesses, AToolsRequestIsAnsweredByTheGamesJobs) {
 
     const char* toolName = "jobs-tool";
     dm::initCommunicationManagerAsClient(toolName, "127.0.0.1", port);
-    std::vector<uint8_t> buffer(answeringgame::kAnswerSize, 0);
+    std::vector<uint8_t> buffer(answeringgame::kAnswerSize + 100, 0xEE);
     {
         dm::JobManager toolJobs(toolName);
         toolJobs.addNewJob<dm::JobSendRequest>("assets", "list", buffer.data(),
@@ -30,13 +31,17 @@ TEST(JobsAcrossProcesses, AToolsRequestIsAnsweredByTheGamesJobs) {
         toolJobs.runJobs(false);
         end.wait();
     }
-    EXPECT_EQ(buffer, dmtest::patternBytes(answeringgame::kAnswerSize, answeringgame::kAnswerSeed));
-    EXPECT_TRUE(game.waitForOutput("JobWaitRequest: Listening to pipe: assets"));
-    EXPECT_TRUE(game.waitForOutput("JobRespond: Responding to pipe: assets"));
+    const std::vector<uint8_t> answer =
+        dmtest::patternBytes(answeringgame::kAnswerSize, answeringgame::kAnswerSeed);
+    EXPECT_TRUE(std::equal(answer.begin(), answer.end(), buffer.begin()));
+    EXPECT_EQ(buffer[answer.size()], 0xEE);  // nothing written behind the answer
 
     ASSERT_TRUE(dm::getCommunicationPipe(toolName, "assets")->sendNotify("received", 1));
     EXPECT_TRUE(game.waitForOutput("answered"));
     EXPECT_EQ(game.wait(), 0);
+    // Each job's line once, however long the wait for the request took.
+    EXPECT_EQ(dmtest::countOf(game.output(), "JobWaitRequest: Listening to pipe: assets\n"), 1u);
+    EXPECT_EQ(dmtest::countOf(game.output(), "JobRespond: Responding to pipe: assets\n"), 1u);
     dm::deinitCommunicationManager(toolName);
 }
 

@@ -11,12 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "d/profile.h"
 #include "dm/monitor.h"
 #include "net/packet.h"
 #include "net/socket.h"
 #include "support/loopback.h"
-#include "zu/thread.h"
 
 namespace {
 
@@ -423,29 +421,6 @@ TEST_F(MonitorLinkTest, ACallbackMayCloseTheLinkDuringUpdate) {
     EXPECT_TRUE(second->waitForClose());
 }
 
-TEST_F(MonitorLinkTest, ProfilePacketsCarryThisThreadsScopes) {
-    dm::createProfilePacket();  // nobody connected: built and dropped
-    auto monitor = connectMonitor();
-    { d::Profile::ThreadProfiler::Scope scope("monitor test scope"); }
-    dm::createProfilePacket();
-
-    net::Packet packet = monitor->receive();
-    ASSERT_EQ(packet.getID(), 3);
-    d::Profile::ProfileSnapshot snapshot;
-    packet >> snapshot;
-    ASSERT_FALSE(packet.hasError());
-    bool found = false;
-    for (const d::Profile::ProfileThreadRecord& thread : snapshot.threads) {
-        if (thread.threadId != zu::getCurrentThreadId()) {
-            continue;
-        }
-        for (const d::Profile::ProfileScopeRecord& scope : thread.scopes) {
-            found = found || scope.name == "monitor test scope";
-        }
-    }
-    EXPECT_TRUE(found);
-}
-
 // Printing threads and the updating main thread share the link; every text arrives once and
 // each thread's texts keep their order.
 TEST_F(MonitorLinkTest, PrintsFromSeveralThreadsArriveWholeAndInOrder) {
@@ -463,9 +438,7 @@ TEST_F(MonitorLinkTest, PrintsFromSeveralThreadsArriveWholeAndInOrder) {
         });
     }
     EXPECT_TRUE(updateUntil([&] { return finished == kThreads; }));
-    for (std::thread& printer : printers) {
-        printer.join();
-    }
+    dmtest::joinAll(printers);
     std::vector<int> next(kThreads, 0);
     int received = 0;
     bool inOrder = true;

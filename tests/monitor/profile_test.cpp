@@ -126,28 +126,6 @@ TEST_F(ThreadProfilerTest, NestedScopesRoundTripWithThreadNameUntilTheThreadEnds
     EXPECT_EQ(findThread(takeSnapshot(), id), nullptr);
 }
 
-TEST_F(ThreadProfilerTest, AThreadKeepsOnlyItsNewestScopes) {
-    constexpr int kScopes = 1000;
-    RecordingThread thread([] {
-        for (int i = 0; i < kScopes; ++i) {
-            char name[16];
-            std::snprintf(name, sizeof(name), "s%d", i);
-            ThreadProfiler::Scope scope(name);
-        }
-    });
-    ASSERT_TRUE(thread.waitRecorded());
-
-    const ProfileSnapshot snapshot = takeSnapshot();
-    const ProfileThreadRecord* record = findThread(snapshot, thread.id());
-    ASSERT_NE(record, nullptr);
-    const uint32_t kept = ThreadProfiler::kScopesPerThread;
-    ASSERT_EQ(record->scopes.size(), kept);
-    EXPECT_EQ(record->droppedScopes, kScopes - kept);
-    for (uint32_t i = 0; i < kept; ++i) {
-        EXPECT_EQ(record->scopes[i].name, ("s" + std::to_string(kScopes - kept + i)).c_str());
-    }
-}
-
 TEST_F(ThreadProfilerTest, NamesAreCutAndDepthIsBounded) {
     const std::string longName(100, 'L');
     RecordingThread thread([&longName] {
@@ -179,13 +157,15 @@ TEST_F(ThreadProfilerTest, NamesAreCutAndDepthIsBounded) {
 }
 
 // Threads record one after another, so every scope of an earlier thread is older than every
-// scope of a later one. What does not fit must be lost from the oldest end.
+// scope of a later one. Each ring keeps only its thread's newest scopes, and what does not fit
+// the packet must be lost from the oldest end.
 TEST_F(ThreadProfilerTest, ASnapshotThatDoesNotFitLosesTheOldestScopes) {
     constexpr int kThreads = 24;  // 24 full rings of long names are well over kMaxPayload
+    constexpr uint32_t kRecorded = ThreadProfiler::kScopesPerThread + 44;  // 44 overwritten
     std::vector<std::unique_ptr<RecordingThread>> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.push_back(std::make_unique<RecordingThread>([t] {
-            for (uint32_t i = 0; i < ThreadProfiler::kScopesPerThread; ++i) {
+            for (uint32_t i = 0; i < kRecorded; ++i) {
                 char name[ThreadProfiler::kMaxNameLength + 1];
                 std::snprintf(name, sizeof(name), "thread %02d scope %03u ...........", t, i);
                 ThreadProfiler::Scope scope(name);
@@ -201,7 +181,7 @@ TEST_F(ThreadProfilerTest, ASnapshotThatDoesNotFitLosesTheOldestScopes) {
         const ProfileThreadRecord* record = findThread(snapshot, threads[t]->id());
         ASSERT_NE(record, nullptr);
         const size_t kept = record->scopes.size();
-        EXPECT_EQ(kept + record->droppedScopes, ThreadProfiler::kScopesPerThread);
+        EXPECT_EQ(kept + record->droppedScopes, kRecorded);
         if (seenKeptScopes) {
             EXPECT_EQ(kept, ThreadProfiler::kScopesPerThread) << "thread " << t;
         }
@@ -210,7 +190,7 @@ TEST_F(ThreadProfilerTest, ASnapshotThatDoesNotFitLosesTheOldestScopes) {
         for (size_t i = 0; i < kept; ++i) {  // the newest ones, in order
             char expected[ThreadProfiler::kMaxNameLength + 1];
             std::snprintf(expected, sizeof(expected), "thread %02d scope %03u ...........", t,
-                          static_cast<unsigned>(ThreadProfiler::kScopesPerThread - kept + i));
+                          static_cast<unsigned>(kRecorded - kept + i));
             EXPECT_EQ(record->scopes[i].name, expected);
         }
     }
@@ -290,9 +270,7 @@ TEST_F(ThreadProfilerTest, SnapshotsWhileThreadsRecord) {
         }
     }
     stop = true;
-    for (std::thread& recorder : recorders) {
-        recorder.join();
-    }
+    dmtest::joinAll(recorders);
 }
 
 }  // namespace

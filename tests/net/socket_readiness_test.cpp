@@ -29,7 +29,7 @@ bool waitAndNote(net::Socket& socket) {
     return true;
 }
 
-TEST(SocketReadiness, AfterAShortReadTheNextDataIsReadOnceTheWaitSaysSo) {
+TEST(SocketReadiness, AfterAShortReadTheNextDataOrTheEndIsReadOnceTheWaitSaysSo) {
     SocketPair pair = dmtest::connectLoopback();
     ASSERT_TRUE(pair.connected());
     pair.server->setReadsOnlyWhenReady(true);
@@ -61,16 +61,8 @@ TEST(SocketReadiness, AfterAShortReadTheNextDataIsReadOnceTheWaitSaysSo) {
         ASSERT_NE(packet, nullptr);
         EXPECT_EQ(packet->getID(), id);
     }
-}
 
-TEST(SocketReadiness, APeerClosingAfterAShortReadIsSeen) {
-    SocketPair pair = dmtest::connectLoopback();
-    ASSERT_TRUE(pair.connected());
-    pair.server->setReadsOnlyWhenReady(true);
-    sendFromClient(pair, 1);
-    ASSERT_TRUE(waitAndNote(*pair.server));
-    ASSERT_NE(pair.server->pollPacket(nullptr), nullptr);
-
+    // A peer that closes after a short read is seen once the wait says so.
     pair.client->close();
     ASSERT_TRUE(waitAndNote(*pair.server));
     EXPECT_EQ(pair.server->pollPacket(nullptr), nullptr);

@@ -91,33 +91,6 @@ TEST(Socket, PolledPacketCanBeCopiedAndWrittenWithoutHarmingTheNextOne) {
     EXPECT_EQ(size, 0u);
 }
 
-TEST(Socket, ManyPacketsArrivingInOneReadAreAllPolled) {
-    nettest::RawPeer peer;
-    ASSERT_TRUE(peer.connected());
-    constexpr uint32_t kCount = 300;
-    Bytes stream;
-    for (uint32_t i = 0; i < kCount; ++i) {
-        Bytes payload;
-        nettest::appendLE32(payload, i);
-        Bytes frame = nettest::makeFrame(static_cast<int>(i), payload);
-        stream.insert(stream.end(), frame.begin(), frame.end());
-    }
-    ASSERT_TRUE(nettest::rawSendAll(peer.fd, stream));
-
-    uint32_t received = 0;
-    dmtest::waitUntil([&] {
-        while (Packet* packet = peer.server->pollPacket(nullptr)) {
-            uint32_t value = 0;
-            *packet >> value;
-            EXPECT_EQ(packet->getID(), static_cast<int>(received));
-            EXPECT_EQ(value, received);
-            ++received;
-        }
-        return received == kCount;
-    });
-    EXPECT_EQ(received, kCount);
-}
-
 TEST(Socket, LargePacketsOverfillTheOsBuffersAndTheSenderWaitsWhenTheQueueIsFull) {
     SocketPair pair = dmtest::connectLoopback();
     ASSERT_TRUE(pair.connected());

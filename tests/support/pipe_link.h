@@ -223,33 +223,6 @@ private:
     size_t m_tasksDone = 0;
 };
 
-// A sendRequest (without data) running on its own thread.
-class PendingRequest {
-public:
-    PendingRequest(dm::NetCommunicationPipe& pipe, std::string text, uint32_t value = 0)
-        : m_pipe(pipe), m_thread([this, text, value] {
-              m_result = m_pipe.sendRequest(text.c_str(), value, nullptr, 0, nullptr, nullptr, 0);
-              m_done = true;
-          }) {}
-    ~PendingRequest() {
-        // Answers it in place if the test failed before it was, so that the join cannot hang.
-        for (uint32_t id = 0; id < 64 && !m_done; ++id) {
-            deliverTo(m_pipe, pipewire::response(m_pipe.getName(), id, ""));
-        }
-        m_thread.join();
-    }
-
-    bool done() const { return m_done.load(); }
-    // Only once done.
-    const char* result() const { return m_result.c_str(); }
-
-private:
-    dm::NetCommunicationPipe& m_pipe;
-    zu::InplaceString<128> m_result;
-    std::atomic<bool> m_done{false};
-    std::thread m_thread;
-};
-
 // Two pipes of the same name on the two ends of one connection, attached. Over loopback each
 // end is attached to a real connected socket (it reports the peer's address); otherwise to a
 // socket that never connects, and nothing touches the network at all.

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "dm/comm.h"
+#include "support/test_support.h"
 
 namespace dmtest {
 
@@ -39,6 +40,19 @@ inline std::vector<uint8_t> joined(const std::vector<uint8_t>& a, const std::vec
     all.insert(all.end(), b.begin(), b.end());
     all.insert(all.end(), c.begin(), c.end());
     return all;
+}
+
+// The next request or notification that arrives on `pipe` (waiting a bounded time), and its
+// value if asked for; "" if none came.
+inline std::string takeRequest(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
+    std::string text;
+    waitUntil([&] { return !(text = pipe.receiveRequest(outValue).c_str()).empty(); });
+    return text;
+}
+inline std::string takeNotify(dm::CommunicationPipe& pipe, uint32_t* outValue = nullptr) {
+    std::string text;
+    waitUntil([&] { return !(text = pipe.receiveNotify(outValue).c_str()).empty(); });
+    return text;
 }
 
 // Answers every request on its pipes with the same text and data, and every notification with
@@ -156,21 +170,21 @@ private:
     std::thread m_thread;
 };
 
-// A sendRequest with data running on its own thread; the response data lands in a buffer of
-// `responseCapacity` bytes. A request still blocked when the object goes is left to finish on
-// its own: the test's end destroys the managers, which releases it.
+// A sendRequest (with data, if given) running on its own thread; the response data lands in a
+// buffer of `responseCapacity` bytes. A request still blocked when the object goes is left to
+// finish on its own: the test's end destroys the managers, which releases it.
 class RequestThread {
 public:
-    RequestThread(dm::CommunicationPipe* pipe, std::string text, std::vector<uint8_t> data,
-                  size_t responseCapacity)
+    RequestThread(dm::CommunicationPipe* pipe, std::string text, std::vector<uint8_t> data = {},
+                  size_t responseCapacity = 0, uint32_t value = 0)
         : m_state(std::make_shared<State>()) {
         m_state->text = std::move(text);
         m_state->data = std::move(data);
         m_state->response.resize(responseCapacity);
         std::shared_ptr<State> state = m_state;
-        m_thread = std::thread([state, pipe] {
+        m_thread = std::thread([state, pipe, value] {
             zu::InplaceString<128> result = pipe->sendRequest(
-                state->text.c_str(), 0, state->response.data(),
+                state->text.c_str(), value, state->response.data(),
                 static_cast<uint32_t>(state->response.size()), &state->responseSize,
                 state->data.data(), static_cast<uint32_t>(state->data.size()));
             state->result = result.c_str();

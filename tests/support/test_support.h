@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace dmtest {
@@ -30,6 +31,9 @@ void writeFile(const std::string& path, const std::string& bytes);
 
 // How often `part` occurs in `text`, without overlaps.
 size_t countOf(const std::string& text, const std::string& part);
+
+// Joins every one of `threads`.
+void joinAll(std::vector<std::thread>& threads);
 
 // Polls `condition` until it holds or `timeout` passes; returns its last value.
 bool waitUntil(const std::function<bool()>& condition,

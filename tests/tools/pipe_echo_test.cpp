@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "net/socket.h"
 #include "support/loopback.h"
 #include "support/pipe_wire.h"
 #include "support/test_support.h"
@@ -28,63 +27,23 @@ std::vector<std::string> withErrors(const std::vector<std::string>& args) {
     return {"-c", command + " 2>&1"};
 }
 
-// A pipe client made of hand-written packets, for what the library itself never sends.
-class RawPipeClient {
-public:
-    bool open(const std::string& port) {
-        if (!m_socket.connect("127.0.0.1", static_cast<uint32_t>(std::stoul(port)))) {
-            return false;
-        }
-        net::Packet openPipe(pipewire::kPacketId);
-        openPipe << pipewire::kOpenPipe << "echo"
-                 << "raw client";
-        send(openPipe);
-        return next(1) != nullptr;  // PipeOpened
-    }
-    void send(const net::Packet& packet) {
-        m_socket.sendPacket(packet);
-        m_socket.update();
-    }
-    // The next pipe message of `kind` (others are skipped), positioned behind the kind; null
-    // when none comes within the bound.
-    net::Packet* next(int32_t kind) {
-        for (int skipped = 0; skipped < 1000; ++skipped) {
-            net::Packet* packet = dmtest::nextPacket(m_socket);
-            if (packet == nullptr) {
-                break;
-            }
-            int32_t packetKind = -1;
-            *packet >> packetKind;
-            if (packet->getID() == pipewire::kPacketId && packetKind == kind) {
-                return packet;
-            }
-        }
-        return nullptr;
-    }
-
-private:
-    net::Socket m_socket;
-};
-
 TEST(PipeEchoTool, ServerReportsEmptyTextsAndGoesOnAnswering) {
     ChildProcess server(kTool, {"server", "0"});
     const std::string port = server.portAfter(" on port ");
     ASSERT_FALSE(port.empty()) << server.output();
-    RawPipeClient client;
-    ASSERT_TRUE(client.open(port)) << server.output();
+    // A client of hand-written packets, for what the library itself never sends.
+    pipewire::RawPeer client(static_cast<uint32_t>(std::stoul(port)));
+    ASSERT_TRUE(client.connected);
+    client.open("echo");
 
     const uint8_t data[16] = {1, 2, 3, 4};
     client.send(pipewire::request("echo", 0, 0, "", 16, 0, 16, data));
     client.send(pipewire::notify("echo", 0, 0, 0, 0, 0, nullptr));
     client.send(pipewire::request("echo", 1, 0, "after", 16, 0, 16, data));
-    net::Packet* response = client.next(pipewire::kResponse);
-    ASSERT_NE(response, nullptr) << server.output();
-    const char* pipe = nullptr;
-    uint32_t id = 99;
-    const char* text = nullptr;
-    *response >> pipe >> id >> text;
-    EXPECT_EQ(1u, id);
-    EXPECT_STREQ("after", text);
+    const pipewire::Message response = client.nextPipeMessage();
+    EXPECT_EQ(response.kind, pipewire::kResponse) << server.output();
+    EXPECT_EQ(response.id, 1u);
+    EXPECT_EQ(response.text, "after");
     EXPECT_TRUE(server.waitForOutput("with an empty text; they get no answer")) << server.output();
 }
 

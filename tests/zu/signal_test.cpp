@@ -73,9 +73,7 @@ TYPED_TEST(WakeTest, EachSignalReleasesOneOfManyWaiters) {
         EXPECT_EQ(woke.load(), i);
         EXPECT_FALSE(signal.tryWait());  // the waiter took it; none is left over
     }
-    for (auto& waiter : waiters) {
-        waiter.join();
-    }
+    dmtest::joinAll(waiters);
 }
 
 }  // namespace

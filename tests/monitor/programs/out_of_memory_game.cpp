@@ -12,15 +12,15 @@
 //
 // Output: "turned away: <what>" for each failure handled, "accepted" at the end, or a line that
 // says what went wrong (and a non-zero exit).
-#include <dirent.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <string>
 
 #include "dm/monitor.h"
@@ -63,14 +63,8 @@ void deleteMemory(void* memory) {
 namespace {
 
 int openDescriptorCount() {
-    int count = 0;
-    if (DIR* folder = opendir("/proc/self/fd")) {
-        while (readdir(folder)) {
-            ++count;
-        }
-        closedir(folder);
-    }
-    return count;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                          std::filesystem::directory_iterator()));
 }
 
 // Runs frames until `done` holds (bounded). False when an exception left dm::update.
@@ -87,9 +81,8 @@ bool runFramesUntil(const std::function<bool()>& done) {
 }
 
 bool readsEndOfFile(int fd) {
-    pollfd entry{fd, POLLIN, 0};
     char byte = 0;
-    return poll(&entry, 1, 10000) == 1 && recv(fd, &byte, 1, 0) == 0;
+    return nettest::waitReadable(fd, 10000) && recv(fd, &byte, 1, 0) == 0;
 }
 
 // Makes the allocation chosen by `failWhen` fail while a monitor connects; true when the game

@@ -22,7 +22,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -64,87 +63,54 @@ void report(const char* format, ...) {
     std::fflush(stdout);
 }
 
-// Opens descriptors until the table is full; they are closed by the destructor.
-class DescriptorFiller {
-public:
-    DescriptorFiller(const DescriptorFiller&) = delete;
-    DescriptorFiller& operator=(const DescriptorFiller&) = delete;
-    DescriptorFiller() {
-        for (int fd; m_fds.size() < kDescriptorLimit && (fd = open("/dev/null", O_RDONLY)) >= 0;) {
-            m_fds.push_back(fd);
-        }
-    }
-    ~DescriptorFiller() {
-        for (int fd : m_fds) {
-            close(fd);
-        }
-    }
+std::vector<int> g_fillers;  // descriptors that fill the table
 
-private:
-    std::vector<int> m_fds;
-};
+void startStarving() {
+    for (int fd; g_fillers.size() < kDescriptorLimit && (fd = open("/dev/null", O_RDONLY)) >= 0;) {
+        g_fillers.push_back(fd);
+    }
+    g_acceptCalls = 0;
+    report("full");
+}
 
-// Reads standard input without blocking and answers its commands. False once "quit" came (or
-// the input ended).
-class Commands {
-public:
-    bool handleInput(int timeoutMs) {
-        pollfd entry{STDIN_FILENO, POLLIN, 0};
-        if (poll(&entry, 1, timeoutMs) != 1) {
-            return true;
-        }
-        char bytes[256];
-        ssize_t got = read(STDIN_FILENO, bytes, sizeof(bytes));
-        if (got <= 0) {
-            return false;
-        }
-        m_pending.append(bytes, static_cast<size_t>(got));
-        for (size_t end; (end = m_pending.find('\n')) != std::string::npos;) {
-            std::string line = m_pending.substr(0, end);
-            m_pending.erase(0, end + 1);
-            if (!run(line)) {
-                return false;
-            }
-        }
+// Answers a command on standard input, if one comes within `timeoutMs`; false once "quit" came
+// (or the input ended). The test sends each command only once the one before was answered.
+bool handleInput(int timeoutMs) {
+    pollfd entry{STDIN_FILENO, POLLIN, 0};
+    if (poll(&entry, 1, timeoutMs) != 1) {
         return true;
     }
-
-    void startStarving() {
-        m_filler.reset(new DescriptorFiller());
-        g_acceptCalls = 0;
-        report("full");
+    char line[64] = {};
+    if (read(STDIN_FILENO, line, sizeof(line) - 1) <= 0 || std::strncmp(line, "quit", 4) == 0) {
+        return false;
     }
-
-private:
-    bool run(const std::string& line) {
-        if (line == "report") {
-            report("accepts %llu", static_cast<unsigned long long>(g_acceptCalls.load()));
-        } else if (line == "free") {
-            m_filler.reset();
-            report("freed");
+    if (std::strncmp(line, "report", 6) == 0) {
+        report("accepts %llu", static_cast<unsigned long long>(g_acceptCalls.load()));
+    } else if (std::strncmp(line, "free", 4) == 0) {
+        for (int fd : g_fillers) {
+            close(fd);
         }
-        return line != "quit";
+        g_fillers.clear();
+        report("freed");
     }
-
-    std::unique_ptr<DescriptorFiller> m_filler;
-    std::string m_pending;
-};
+    return true;
+}
 
 bool withinLifetime(std::chrono::steady_clock::time_point start) {
     return std::chrono::steady_clock::now() - start < kLifetime;
 }
 
 // Waits like a manager thread: on the listener and the commands together, with a bound.
-int serveListener(Commands& commands) {
+int serveListener() {
     net::Listener listener(0, "127.0.0.1");
     report("port %u", listener.getPort());
-    commands.startStarving();
+    startStarving();
     std::vector<zu::UniquePtr<net::Socket>> accepted;
     const zu::WaitHandle input{zu::WaitHandle::SocketRead, STDIN_FILENO};
     for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
         const zu::WaitHandle handles[2] = {listener.getWaitHandle(), input};
         zu::waitForAny(handles, 2, 100);
-        if (!commands.handleInput(0)) {
+        if (!handleInput(0)) {
             return 0;
         }
         if (zu::UniquePtr<net::Socket> socket = listener.pollConnect()) {
@@ -155,10 +121,10 @@ int serveListener(Commands& commands) {
     return 2;
 }
 
-int serveMonitor(Commands& commands) {
+int serveMonitor() {
     dm::init(0);
     report("port %d", dm::getMonitorPort());
-    commands.startStarving();
+    startStarving();
     bool greeted = false;
     for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
         dm::update();
@@ -166,7 +132,7 @@ int serveMonitor(Commands& commands) {
             dm::print("welcome");
             greeted = true;
         }
-        if (!commands.handleInput(static_cast<int>(kFrameMs))) {
+        if (!handleInput(static_cast<int>(kFrameMs))) {
             dm::deinit();
             return 0;
         }
@@ -174,15 +140,15 @@ int serveMonitor(Commands& commands) {
     return 2;
 }
 
-int servePipes(Commands& commands) {
+int servePipes() {
     dm::CommunicationPipeManager* manager =
         dm::initCommunicationManagerAsServer("starved", 0, 1, true);
     uint32_t port = 0;
     manager->getHost(&port);
     report("port %u", port);
-    commands.startStarving();
+    startStarving();
     for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
-        if (!commands.handleInput(100)) {
+        if (!handleInput(100)) {
             dm::deinitCommunicationManagers();
             return 0;
         }
@@ -201,15 +167,14 @@ int main(int argc, char** argv) {
         report("cannot lower the descriptor limit");
         return 1;
     }
-    Commands commands;
     if (mode == "listener") {
-        return serveListener(commands);
+        return serveListener();
     }
     if (mode == "monitor") {
-        return serveMonitor(commands);
+        return serveMonitor();
     }
     if (mode == "pipes") {
-        return servePipes(commands);
+        return servePipes();
     }
     report("unknown mode");
     return 1;
