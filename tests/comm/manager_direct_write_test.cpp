@@ -3,7 +3,6 @@
 // takes only in part. (Requests cut off by a lost connection: manager_connection_test.cpp.)
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>

@@ -160,7 +160,7 @@ TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadin
     // for another pipe, then the answer, every byte sent on its own.
     std::vector<uint8_t> bytes;
     for (const net::Packet& packet :
-         {pipewire::pipeMessage(pipewire::kPipeRefused, "unknown"),
+         {pipewire::welcome(2, 0, "renamed"),
           pipewire::notify("quiet", 1, 9, 5, 0, 5, "aside"),
           pipewire::response("lone", asked.id, "slowly", 40, 0, 40, asked.chunk.data())}) {
         const std::vector<uint8_t> frame = frameOf(packet);
@@ -176,7 +176,7 @@ TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadin
     ASSERT_TRUE(
         waitUntil([&] { return !(aside = client.pipes[1]->receiveNotify(nullptr)).empty(); }));
     EXPECT_STREQ(aside.c_str(), "aside");
-    EXPECT_TRUE(client.pipes[0]->isConnected());
+    EXPECT_STREQ(client.manager->getRemoteName(), "renamed");
 }
 
 TEST_F(DirectReadTest, AReadingCallerGivesWayToALostConnectionAndToTheManagersEnd) {
