@@ -2,7 +2,6 @@
 // thread sleeps: traffic for other pipes meanwhile, a writer that needs the connection, a
 // connection that goes, and a manager destroyed under the reading caller.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <memory>
@@ -12,6 +11,8 @@
 
 #include "comm/hand_played_server.h"
 #include "comm/manager_support.h"
+#include "comm/net_communication_pipe_manager.h"
+#include "net/net_test_util.h"
 #include "support/manager_link.h"
 
 namespace dmtest {
@@ -19,20 +20,19 @@ namespace {
 
 class DirectReadTest : public ManagerTest {};
 
-// Notes on which threads a pipe's callback ran.
+// Counts a pipe's callbacks, and those that did not run on a manager's thread.
 struct CallbackThreads {
-    std::thread::id caller;
     std::atomic<int> calls{0};
-    std::atomic<int> callsOnCaller{0};
+    std::atomic<int> callsElsewhere{0};
     static void note(void* context, dm::CommunicationPipe*) {
         auto* threads = static_cast<CallbackThreads*>(context);
         ++threads->calls;
-        threads->callsOnCaller += std::this_thread::get_id() == threads->caller;
+        threads->callsElsewhere += !dm::NetCommunicationPipeManager::isManagerThread();
     }
 };
 
 TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsOrderAndThread) {
-    constexpr int kRequests = 300;
+    constexpr int kRequests = 200;
     constexpr int kNotifications = 300;
     ManagerLink link;
     const std::string client = link.addClient();
@@ -42,7 +42,6 @@ TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsO
     ASSERT_NE(chatty.client, nullptr);
     EchoResponder responder(lone.server);
     CallbackThreads threads;
-    threads.caller = std::this_thread::get_id();
     chatty.client->setNotifyCallback({&threads, CallbackThreads::note});
 
     // Notifications for another pipe arrive while the caller waits on the connection.
@@ -51,32 +50,20 @@ TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsO
             chatty.server->sendNotify(("note " + std::to_string(n)).c_str(), 0);
         }
     });
-    int echoed = 0;
     for (int i = 0; i < kRequests; ++i) {
-        const std::vector<uint8_t> data = patternBytes(16 + i % 7 * 1000, i);
-        std::vector<uint8_t> answer(data.size());
-        uint32_t answerSize = 0;
-        const std::string text = "round " + std::to_string(i);
-        const zu::InplaceString<128> got =
-            lone.client->sendRequest(text.c_str(), 0, answer.data(), uint32_t(answer.size()),
-                                     &answerSize, data.data(), uint32_t(data.size()));
-        echoed += text == got.c_str() && answerSize == data.size() && answer == data;
+        RequestThread request(lone.client, "round " + std::to_string(i),
+                              patternBytes(16 + i % 7 * 1000, i), 16 + i % 7 * 1000);
+        ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+        ASSERT_TRUE(request.echoed()) << request.result();
     }
     notifier.join();
-    EXPECT_EQ(echoed, kRequests);
     EXPECT_GT(dm::getPipeStatistics(lone.client).answersReadDirectly, 0u);
-
-    int next = 0;
-    ASSERT_TRUE(waitUntil([&] {
-        for (zu::InplaceString<128> text;
-             !(text = chatty.client->receiveNotify(nullptr)).empty();) {
-            EXPECT_EQ(std::string(text.c_str()), "note " + std::to_string(next++));
-        }
-        return next == kNotifications;
-    }));
+    for (int n = 0; n < kNotifications; ++n) {
+        ASSERT_EQ(takeNotify(*chatty.client), "note " + std::to_string(n));
+    }
     // The caller dispatched some of them, but their callbacks ran on the manager's thread.
-    ASSERT_TRUE(waitUntil([&] { return threads.calls.load() > 0; }));
-    EXPECT_EQ(threads.callsOnCaller.load(), 0);
+    EXPECT_GT(threads.calls.load(), 0);
+    EXPECT_EQ(threads.callsElsewhere.load(), 0);
 }
 
 // A client manager on a hand-played server, with its pipes attached.
@@ -135,20 +122,6 @@ TEST_F(DirectReadTest, AWriterTakesTheConnectionFromACallerReadingIt) {
     EXPECT_GE(writesDirect, kRounds - 1);
 }
 
-// The packet as its frame: length, id, payload (see docs/packet-format.md).
-std::vector<uint8_t> frameOf(const net::Packet& packet) {
-    const uint32_t length = packet.getSize() + 4;
-    const uint32_t id = static_cast<uint32_t>(packet.getID());
-    std::vector<uint8_t> frame;
-    for (uint32_t field : {length, id}) {
-        for (int shift = 0; shift < 32; shift += 8) {
-            frame.push_back(static_cast<uint8_t>(field >> shift));
-        }
-    }
-    frame.insert(frame.end(), packet.getData(), packet.getData() + packet.getSize());
-    return frame;
-}
-
 TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadingCaller) {
     PlayedClient client;
     ASSERT_TRUE(client.start("read-dribbled", {"lone", "quiet"}));
@@ -160,15 +133,15 @@ TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadin
     // for another pipe, then the answer, every byte sent on its own.
     std::vector<uint8_t> bytes;
     for (const net::Packet& packet :
-         {pipewire::welcome(2, 0, "renamed"),
-          pipewire::notify("quiet", 1, 9, 5, 0, 5, "aside"),
+         {pipewire::welcome(2, 0, "renamed"), pipewire::notify("quiet", 1, 9, 5, 0, 5, "aside"),
           pipewire::response("lone", asked.id, "slowly", 40, 0, 40, asked.chunk.data())}) {
-        const std::vector<uint8_t> frame = frameOf(packet);
+        const nettest::Bytes frame = nettest::makeFrame(
+            packet.getID(), {packet.getData(), packet.getData() + packet.getSize()});
         bytes.insert(bytes.end(), frame.begin(), frame.end());
     }
     const int descriptor = static_cast<int>(client.server.socket().getWaitHandle().handle);
     for (uint8_t byte : bytes) {
-        ASSERT_EQ(::send(descriptor, &byte, 1, MSG_NOSIGNAL), 1);
+        ASSERT_TRUE(nettest::rawSendAll(descriptor, &byte, 1));
     }
     ASSERT_TRUE(waitUntil([&] { return request.done(); }));
     EXPECT_TRUE(request.echoed()) << request.result();
