@@ -63,4 +63,34 @@ private:
     std::vector<std::string> m_opened;
 };
 
+// A client manager on a hand-played server, with its pipes attached.
+struct PlayedClient {
+    HandPlayedServer server;
+    dm::CommunicationPipeManager* manager = nullptr;
+    std::vector<dm::CommunicationPipe*> pipes;
+
+    bool start(const char* name, const std::vector<std::string>& pipeNames) {
+        manager = dm::initCommunicationManagerAsClient(name, "127.0.0.1", int(server.port()));
+        for (const std::string& pipeName : pipeNames) {
+            pipes.push_back(manager->getPipe(pipeName.c_str()));
+        }
+        return server.accept() && attached();
+    }
+    bool attached() {
+        return server.serve(
+            [&] { return server.openedPipes() >= pipes.size() && every(pipes, isConnected); });
+    }
+    // Serves until a request with `text` has arrived; it is stored in `into`.
+    bool awaitRequest(const std::string& text, pipewire::Message& into) {
+        bool seen = false;
+        return server.serve([&] { return seen; },
+                            [&](const pipewire::Message& request) {
+                                if (request.text == text) {
+                                    into = request;
+                                    seen = true;
+                                }
+                            });
+    }
+};
+
 }  // namespace dmtest

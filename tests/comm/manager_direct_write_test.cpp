@@ -100,16 +100,14 @@ TEST_F(DirectWriteTest, CallersOnOnePipeAndOnManyPipesRaceTheManagersPasses) {
 TEST_F(DirectWriteTest, AFrameTheSystemTakesInPartIsFinishedByTheManager) {
     constexpr int kPipes = 40;
     constexpr size_t kSize = 240 * 1024;  // one packet each
-    HandPlayedServer server;
-    dm::CommunicationPipeManager* client = dm::initCommunicationManagerAsClient(
-        "partial-client", "127.0.0.1", static_cast<int>(server.port()));
-    std::vector<dm::CommunicationPipe*> pipes;
+    std::vector<std::string> names;
     for (int p = 0; p < kPipes; ++p) {
-        pipes.push_back(client->getPipe(("bulk " + std::to_string(p)).c_str()));
+        names.push_back("bulk " + std::to_string(p));
     }
-    ASSERT_TRUE(server.accept());
-    ASSERT_TRUE(
-        server.serve([&] { return server.openedPipes() >= kPipes && every(pipes, isConnected); }));
+    PlayedClient client;
+    ASSERT_TRUE(client.start("partial-client", names));
+    HandPlayedServer& server = client.server;
+    const std::vector<dm::CommunicationPipe*>& pipes = client.pipes;
 
     // Nobody reads at the far end: the system's buffers fill, and a frame goes in part. One
     // caller at a time, so that each finds the manager idle and writes itself.
