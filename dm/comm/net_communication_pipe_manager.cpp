@@ -140,20 +140,11 @@ void NetCommunicationPipeManager::unlockSockets() {
     m_ioLock.unlock();
 }
 
-// A caller reading a lent connection gives the lock back at once; the thread's passes are not
-// waited for.
+// Only tried, never waited for: a caller may hold locks that a pass takes (a pipe-create
+// callback runs with the pipes' lock held), and while the thread or a caller reading a lent
+// connection has the lock, the thread sends the message.
 bool NetCommunicationPipeManager::borrowSockets() {
-    if (t_socketLockHolder == this) {
-        return false;
-    }
-    if (m_ioLock.tryLock()) {
-        return true;
-    }
-    if (m_lentReads.load() == 0) {
-        return false;
-    }
-    takeSocketLock();
-    return true;
+    return t_socketLockHolder != this && m_ioLock.tryLock();
 }
 
 // --- Operations for application threads ---

@@ -301,12 +301,10 @@ private:
     zu::Vector<DeferredCall> m_callsAfterPass;
     zu::Vector<zu::Signal*> m_wakesToRun;
     zu::Vector<DeferredCall> m_callsToRun;
-    // Threads waiting for the socket lock (the manager's, or a caller's that wants to write),
-    // and callers reading a lent connection, which give the lock back to anyone waiting. A
-    // waiter counts itself and signals the event before it waits; the event is never reset,
-    // so a signal left over only ends one read early.
+    // The thread waiting for the socket lock (or the destructor, for good), which a caller
+    // reading a lent connection gives back: a waiter counts itself and signals the event before
+    // it waits; the event is never reset, so a signal left over only ends one read early.
     std::atomic<int> m_socketLockWaiters{0};
-    std::atomic<int> m_lentReads{0};
     // Callers blocked in sendRequest on any pipe. A connection is lent only to a lone one: with
     // more, the thread's one wake-up serves them all, and lending would have them queue for the
     // lock.

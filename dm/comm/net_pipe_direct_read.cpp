@@ -6,12 +6,13 @@
 //
 // The thread stays the owner. It goes on sleeping with the connection muted in its poller
 // (errors and hang-ups still wake it), and when it wakes for anything else it asks for the lock
-// back (takeSocketLock), as does another caller that wants to write: the reader, waiting on the
-// take-back event too, gives it back at once. The
-// caller dispatches only pipe traffic, which touches no connection state; callbacks that it
-// causes run on the thread after its next pass, and anything else that arrives (a welcome, a
-// redirect, a close) is left to the thread, woken for it. Where the poller cannot mute a
-// handle (the poll-based fallback), callers simply wait for the thread as before.
+// back (takeSocketLock): the reader, waiting on the take-back event too, gives it back at once.
+// Another caller that wants to write meanwhile finds the lock taken and has the thread send for
+// it, as during a pass. The reader dispatches only pipe traffic, which touches no connection
+// state and takes only the pipes' locks, which the thread never holds while it waits for the
+// socket lock. Callbacks that it causes run on the thread after its next pass, and anything
+// else that arrives (a welcome, a redirect, a close) is left to the thread, woken for it. Where
+// the poller cannot mute a handle (the poll-based fallback), callers wait for the thread.
 #include "comm/net_communication_pipe_manager.h"
 #include "comm/pipe_protocol.h"
 
@@ -70,7 +71,6 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
     if (!m_waits.mute(lent)) {
         return true;
     }
-    m_lentReads.fetch_add(1);
     const zu::WaitHandle waits[2] = {lent, m_takeBackEvent.getWaitHandle()};
     bool leftWork = false;
     while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
@@ -81,7 +81,6 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
         socket.noteReadable();
         leftWork = !dispatchLentPackets(entry);
     }
-    m_lentReads.fetch_sub(1);
     if (socket.getWaitHandle().sameDescriptor(lent)) {
         m_waits.unmute(lent);  // level-triggered: what is still unread wakes the thread
     }

