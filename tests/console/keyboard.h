@@ -3,10 +3,13 @@
 // folder of the test's own.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cctype>
 #include <cstring>
 #include <string>
 
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 #include "support/test_support.h"
 #include "zu/file.h"
@@ -98,6 +101,15 @@ public:
 private:
     std::string m_previous;
     TempDir m_folder;
+};
+
+// A console window in a writable folder of its own, drawing into a recording engine, with a
+// keyboard at it.
+struct KeyboardWindowTest : ::testing::Test {
+    ScopedWritableFolder folder;
+    RecordingShapeEngine engine;
+    dm::ScrollingTextWindow window{&engine, 0.0f};
+    Keyboard keys{window};
 };
 
 }  // namespace dmtest
