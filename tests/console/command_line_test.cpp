@@ -56,10 +56,8 @@ TEST_F(CommandLineTest, SetTextPutsTheCursorAtTheEndAndAppendTextTypesAtIt) {
 }
 
 TEST_F(CommandLineTest, EditingKeysWithModifiersOnlyScrollWhereTheyShould) {
-    window.setWindowSize({1.0f, 0.2625f});  // ten lines on screen
-    for (int i = 0; i < 30; ++i) {
-        window.print("line %d\n", i);
-    }
+    showTenLines();
+    printNumberedLines(0, 30);
     keys.type("ab");
     keys.press(vk::Home);  // without Control: the cursor, not the view
     EXPECT_EQ(keys.lineWithCursor(), "|ab");

@@ -222,9 +222,7 @@ TEST_F(RenderingTest, TheScrollBarShowsTheShareAndPlaceOfTheView) {
     EXPECT_FLOAT_EQ(bar.handle.size.y, kTenLinesHigh);
     EXPECT_FLOAT_EQ(bar.handle.size.x, kScrollBarWidth);
 
-    for (int i = 0; i < 37; ++i) {
-        window.print("line %d\n", i);
-    }
+    printNumberedLines(0, 37);
     frame();  // 40 lines, ten on screen: a quarter of the track
     bar = scrollBarOf(engine);
     const float handle = kTenLinesHigh / 4.0f;

@@ -110,6 +110,14 @@ struct KeyboardWindowTest : ::testing::Test {
     RecordingShapeEngine engine;
     dm::ScrollingTextWindow window{&engine, 0.0f};
     Keyboard keys{window};
+
+    void printNumberedLines(int first, int count) {
+        for (int i = first; i < first + count; ++i) {
+            window.print("line %d\n", i);
+        }
+    }
+    // Leaves ten and a half lines of height, so exactly ten are on screen.
+    void showTenLines() { window.setWindowSize({1.0f, 0.2625f}); }
 };
 
 }  // namespace dmtest
