@@ -3,7 +3,6 @@
 #include <string>
 
 #include "console/keyboard.h"
-#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 
 namespace {
@@ -12,11 +11,7 @@ using dm::ScrollingTextWindow;
 using dmtest::joinWords;
 using IllegalAlias = dm::ScrollingTextWindowException_IllegalAliasDefinition;
 
-struct AliasTest : ::testing::Test {
-    dmtest::ScopedWritableFolder folder;
-    dmtest::RecordingShapeEngine engine;
-    ScrollingTextWindow window{&engine, 0.0f};
-
+struct AliasTest : dmtest::KeyboardWindowTest {
     void define(const char* name, const char* text) { window.accessAliasesMap()[name] = text; }
     // Defines an alias as a host should: enter it, check it, take it out again if refused.
     // Returns the refusal's text, or "" when accepted.

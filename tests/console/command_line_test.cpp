@@ -3,22 +3,14 @@
 #include <string>
 
 #include "console/keyboard.h"
-#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 
 namespace {
 
-using dm::ScrollingTextWindow;
-using dmtest::Keyboard;
 using dmtest::visibleLine;
 namespace vk = dmtest::vk;
 
-struct CommandLineTest : ::testing::Test {
-    dmtest::ScopedWritableFolder folder;
-    dmtest::RecordingShapeEngine engine;
-    ScrollingTextWindow window{&engine, 0.0f};
-    Keyboard keys{window};
-
+struct CommandLineTest : dmtest::KeyboardWindowTest {
     void enterCommands(int first, int last) {
         for (int i = first; i <= last; ++i) {
             keys.type("cmd" + std::to_string(i));
@@ -64,10 +56,8 @@ TEST_F(CommandLineTest, SetTextPutsTheCursorAtTheEndAndAppendTextTypesAtIt) {
 }
 
 TEST_F(CommandLineTest, EditingKeysWithModifiersOnlyScrollWhereTheyShould) {
-    window.setWindowSize({1.0f, 0.2625f});  // ten lines on screen
-    for (int i = 0; i < 30; ++i) {
-        window.print("line %d\n", i);
-    }
+    showTenLines();
+    printNumberedLines(0, 30);
     keys.type("ab");
     keys.press(vk::Home);  // without Control: the cursor, not the view
     EXPECT_EQ(keys.lineWithCursor(), "|ab");

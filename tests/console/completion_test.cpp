@@ -3,21 +3,13 @@
 #include <string>
 
 #include "console/keyboard.h"
-#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 
 namespace {
 
-using dm::ScrollingTextWindow;
-using dmtest::Keyboard;
 namespace vk = dmtest::vk;
 
-struct CompletionTest : ::testing::Test {
-    dmtest::ScopedWritableFolder folder;
-    dmtest::RecordingShapeEngine engine;
-    ScrollingTextWindow window{&engine, 0.0f};
-    Keyboard keys{window};
-
+struct CompletionTest : dmtest::KeyboardWindowTest {
     CompletionTest() {
         window.addKnownWord("echo", false);
         window.addKnownWord("help", false);

@@ -4,13 +4,11 @@
 #include <vector>
 
 #include "console/keyboard.h"
-#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 
 namespace {
 
 using dm::ScrollingTextWindow;
-using dmtest::Keyboard;
 using dmtest::RecordingShapeEngine;
 using Calls = std::vector<std::string>;
 using Lines = std::vector<std::vector<RecordingShapeEngine::Run>>;
@@ -20,12 +18,7 @@ constexpr float kScrollBarWidth = 0.003125f;
 constexpr float kTenLinesHigh = 0.2625f;
 
 // A visible full-screen window (no margin) that shows ten lines, in a folder of its own.
-struct RenderingTest : ::testing::Test {
-    dmtest::ScopedWritableFolder folder;
-    RecordingShapeEngine engine;
-    ScrollingTextWindow window{&engine, 0.0f};
-    Keyboard keyboard{window};
-
+struct RenderingTest : dmtest::KeyboardWindowTest {
     RenderingTest() {
         window.setWindowSize({1.0f, kTenLinesHigh});
         window.setVisibility(true);
@@ -127,19 +120,19 @@ TEST_F(RenderingTest, TheCommandLineKeepsTheCursorInView) {
     EXPECT_EQ(shown.text, "mnopqrstuvwxyz0123") << "the end, with room for the cursor";
     EXPECT_FLOAT_EQ(shown.cursorX, 0.19f);
 
-    keyboard.pressTimes(dmtest::vk::Left, 5);
+    keys.pressTimes(dmtest::vk::Left, 5);
     frame();
     shown = commandLineShown(engine);
     EXPECT_EQ(shown.text, "mnopqrstuvwxyz0123") << "the cursor is still in view: no move";
     EXPECT_FLOAT_EQ(shown.cursorX, 0.14f);
 
-    keyboard.press(dmtest::vk::Home);
+    keys.press(dmtest::vk::Home);
     frame();
     shown = commandLineShown(engine);
     EXPECT_EQ(shown.text, "abcdefghijklmnopqrst") << "from the start again";
     EXPECT_FLOAT_EQ(shown.cursorX, 0.01f);
 
-    keyboard.press(dmtest::vk::End);
+    keys.press(dmtest::vk::End);
     frame();
     EXPECT_EQ(commandLineShown(engine).text, "mnopqrstuvwxyz0123");
 
@@ -148,7 +141,7 @@ TEST_F(RenderingTest, TheCommandLineKeepsTheCursorInView) {
     frame();
     EXPECT_EQ(commandLineShown(engine).text, "");
     EXPECT_FLOAT_EQ(commandLineShown(engine).cursorX, 0.01f);
-    keyboard.press(dmtest::vk::Home);
+    keys.press(dmtest::vk::Home);
     frame();
     EXPECT_EQ(commandLineShown(engine).text, "short");
 }
@@ -186,7 +179,7 @@ TEST_F(RenderingTest, ScrollingUpColoursTheLinesThatAppearAtTheTop) {
     frame();
     defineAlias("foo");
     for (int i = 0; i < 3; ++i) {
-        keyboard.press(dmtest::vk::Up, false, true);  // Control+Up: one line towards older ones
+        keys.press(dmtest::vk::Up, false, true);  // Control+Up: one line towards older ones
     }
     Lines lines = frame();
     ASSERT_EQ(lines.size(), 10u);
@@ -196,7 +189,7 @@ TEST_F(RenderingTest, ScrollingUpColoursTheLinesThatAppearAtTheTop) {
             << "row " << row;
     }
     // Back down: the three lines at the bottom come into view again and are coloured anew.
-    keyboard.press(dmtest::vk::End, false, true);
+    keys.press(dmtest::vk::End, false, true);
     lines = frame();
     EXPECT_EQ(textOf(lines[0]), "foo 19\n");
     EXPECT_EQ(firstRunColors(lines), (std::vector<std::string>{alias, alias, alias, plain, plain,
@@ -229,16 +222,14 @@ TEST_F(RenderingTest, TheScrollBarShowsTheShareAndPlaceOfTheView) {
     EXPECT_FLOAT_EQ(bar.handle.size.y, kTenLinesHigh);
     EXPECT_FLOAT_EQ(bar.handle.size.x, kScrollBarWidth);
 
-    for (int i = 0; i < 37; ++i) {
-        window.print("line %d\n", i);
-    }
+    printNumberedLines(0, 37);
     frame();  // 40 lines, ten on screen: a quarter of the track
     bar = scrollBarOf(engine);
     const float handle = kTenLinesHigh / 4.0f;
     EXPECT_FLOAT_EQ(bar.handle.size.y, handle);
     EXPECT_FLOAT_EQ(bar.handle.position.y, kTenLinesHigh - handle) << "at the bottom";
 
-    keyboard.press(dmtest::vk::Home, false, true);  // Control+Home: the oldest lines
+    keys.press(dmtest::vk::Home, false, true);  // Control+Home: the oldest lines
     frame();
     EXPECT_NEAR(scrollBarOf(engine).handle.position.y, 0.0f, 1e-6f) << "at the top";
 

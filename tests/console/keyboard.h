@@ -3,10 +3,13 @@
 // folder of the test's own.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cctype>
 #include <cstring>
 #include <string>
 
+#include "console/recording_shape_engine.h"
 #include "dm/console.h"
 #include "support/test_support.h"
 #include "zu/file.h"
@@ -98,6 +101,23 @@ public:
 private:
     std::string m_previous;
     TempDir m_folder;
+};
+
+// A console window in a writable folder of its own, drawing into a recording engine, with a
+// keyboard at it.
+struct KeyboardWindowTest : ::testing::Test {
+    ScopedWritableFolder folder;
+    RecordingShapeEngine engine;
+    dm::ScrollingTextWindow window{&engine, 0.0f};
+    Keyboard keys{window};
+
+    void printNumberedLines(int first, int count) {
+        for (int i = first; i < first + count; ++i) {
+            window.print("line %d\n", i);
+        }
+    }
+    // Leaves ten and a half lines of height, so exactly ten are on screen.
+    void showTenLines() { window.setWindowSize({1.0f, 0.2625f}); }
 };
 
 }  // namespace dmtest

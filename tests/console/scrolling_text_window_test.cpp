@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "console/bounded_line_store.h"
-#include "console/recording_shape_engine.h"
+#include "console/keyboard.h"
 #include "dm/console.h"
 #include "support/test_support.h"
 
@@ -25,17 +25,7 @@ constexpr float kScrollBarWidth = 0.003125f;
 
 // A full-screen window (no margin): 0.975 high, 39 lines of 0.025 on screen, 99 characters
 // wide.
-struct WindowTest : ::testing::Test {
-    RecordingShapeEngine engine;
-    ScrollingTextWindow window{&engine, 0.0f};
-
-    void printNumberedLines(int first, int count) {
-        for (int i = first; i < first + count; ++i) {
-            window.print("line %d\n", i);
-        }
-    }
-    // Leaves ten and a half lines of height, so exactly ten are on screen.
-    void showTenLines() { window.setWindowSize({1.0f, 0.2625f}); }
+struct WindowTest : dmtest::KeyboardWindowTest {
     void setTextAreaWidth(float width) { window.setWindowSize({width + kScrollBarWidth, 0.5f}); }
 };
 
@@ -244,7 +234,6 @@ TEST_F(WindowTest, DumpToFileCreatesNoFile) {
     for (int i = 0; i < 1000; ++i) {  // far more text than the dump's minimum buffer holds
         window.print("%04d %s\n", i, std::string(90, 'd').c_str());
     }
-    dmtest::TempDir folder;
     const std::string path = folder.file("console.txt");
     window.dumpToFile(path.c_str());
     window.dumpToFile(nullptr);

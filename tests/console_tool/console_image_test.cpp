@@ -134,10 +134,10 @@ protected:
         return best;
     }
 
-    static dmtest::TempDir* s_folder;
-    static std::string s_png;
-    static int s_exitCode;
-    static std::string s_output;
+    static inline dmtest::TempDir* s_folder = nullptr;
+    static inline std::string s_png;
+    static inline int s_exitCode = -1;
+    static inline std::string s_output;
 
     Png png;
     dmconsole::CairoShapeEngine engine{kWidth, kHeight};
@@ -145,11 +145,6 @@ protected:
     float lineHeight = 0.0f;
     float advance = 0.0f;
 };
-
-dmtest::TempDir* ConsoleImage::s_folder = nullptr;
-std::string ConsoleImage::s_png;
-int ConsoleImage::s_exitCode = -1;
-std::string ConsoleImage::s_output;
 
 TEST_F(ConsoleImage, TheBackdropDarkensTheSceneByHalf) {
     // Right of the text and left of the scroll bar: the sky above, the ground below.

@@ -179,19 +179,15 @@ TEST_F(HubTest, TearingTheHubDownWhileARequestWaitsAndMembersKeepTalkingNeitherH
     // on every manager while it goes.
     constexpr int kTalkers = 3;
     std::vector<std::unique_ptr<dm::Client>> talkers;
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
     for (int i = 0; i < kTalkers; ++i) {
         talkers.push_back(
             std::make_unique<dm::Client>((m_hubName + "talker" + std::to_string(i)).c_str()));
-        talkers.back()->getPipe("chat");
-        talkers.back()->connect("127.0.0.1", m_port);
-    }
-    for (auto& talker : talkers) {
-        dmtest::runBounded("waitPipeToConnect", [&] { talker->waitPipeToConnect("chat"); });
-    }
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (auto& talker : talkers) {
-        dm::CommunicationPipe* pipe = talker->getPipe("chat");
+        dm::Client& talker = *talkers.back();
+        dm::CommunicationPipe* pipe = talker.getPipe("chat");
+        talker.connect("127.0.0.1", m_port);
+        dmtest::runBounded("waitPipeToConnect", [&] { talker.waitPipeToConnect("chat"); });
         threads.emplace_back([pipe, &stop] {
             for (int sent = 0; !stop.load(); ++sent) {
                 pipe->sendNotify(("chatter " + std::to_string(sent)).c_str(), 0);

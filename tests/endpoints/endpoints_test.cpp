@@ -92,8 +92,7 @@ TEST(BroadcastServer, WaitOnProcessesReturnsOnceTheHoldersHaveComeAndGone) {
     EXPECT_FALSE(returned.load());  // the second one still holds it
     second.closeInput();
     EXPECT_EQ(second.wait(), 0);
-    const bool done = dmtest::waitUntil([&] { return returned.load(); });
-    if (!done) {
+    if (!dmtest::waitUntil([&] { return returned.load(); })) {
         std::fprintf(stderr, "FATAL: waitOnProccesses did not return\n");
         std::_Exit(EXIT_FAILURE);
     }

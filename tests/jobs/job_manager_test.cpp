@@ -30,9 +30,7 @@ struct BatchLog {
 
     void addRecordingJob(dm::JobManager& manager, int index) {
         manager.addNewJob<FunctionJob>([this, index](const char* managerName) {
-            if (running.exchange(true)) {
-                overlapped = true;
-            }
+            overlapped = running.exchange(true) || overlapped;
             {
                 std::lock_guard<std::mutex> guard(lock);
                 order.push_back(index);

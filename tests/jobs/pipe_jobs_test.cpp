@@ -159,20 +159,29 @@ TEST(PipeJobs, ForwardRequestRelaysTextAndAnyDataBetweenTwoPipes) {
     dm::JobManager answererJobs(answerer.c_str());
     std::vector<uint8_t> received(2 * dm::JobForwardRequest::kBufferSize);
 
-    // One request from the asker, relayed by the hub to the answerer and its answer back.
-    const auto relay = [&](const std::string& answerText, const std::vector<uint8_t>& data,
-                           std::string* outText, uint32_t* outSize) {
+    // One request from the asker, relayed by the hub to the answerer and its answer back: with
+    // data, with more than the hub's buffer holds (the first 64 KiB are passed on), and with
+    // none (the text only).
+    const struct {
+        const char* text;
+        size_t dataSize, relayedSize;
+    } replies[] = {
+        {"forty-two", 1000, 1000},
+        {"big", dm::JobForwardRequest::kBufferSize + 5000, dm::JobForwardRequest::kBufferSize},
+        {"pong", 0, 0}};
+    for (const auto& answer : replies) {
+        const std::vector<uint8_t> data = patternBytes(answer.dataSize, answer.dataSize % 251);
         answererJobs.addNewJob<dm::JobWaitRequest>("answers", "question");
-        answererJobs.addNewJob<dm::JobRespond>("answers", answerText.c_str(), data.data(),
-                                               data.size());
+        answererJobs.addNewJob<dm::JobRespond>("answers", answer.text, data.data(), data.size());
         BatchEnd answererEnd(answererJobs);
         answererJobs.runJobs(false);
+        std::string text;
+        uint32_t size = 0;
         askerJobs.addNewJob<FunctionJob>([&](const char*) {
-            *outText =
-                asks.client
-                    ->sendRequest("question", 0, received.data(),
-                                  static_cast<uint32_t>(received.size()), outSize, nullptr, 0)
-                    .c_str();
+            text = asks.client
+                       ->sendRequest("question", 0, received.data(),
+                                     static_cast<uint32_t>(received.size()), &size, nullptr, 0)
+                       .c_str();
         });
         BatchEnd askerEnd(askerJobs);
         askerJobs.runJobs(false);
@@ -185,27 +194,10 @@ TEST(PipeJobs, ForwardRequestRelaysTextAndAnyDataBetweenTwoPipes) {
         answererEnd.wait();
         hubEnd.wait();
         askerEnd.wait();
-    };
-
-    const std::vector<uint8_t> small = patternBytes(1000, 1);
-    std::string text;
-    uint32_t size = 0;
-    relay("forty-two", small, &text, &size);
-    EXPECT_EQ(text, "forty-two");
-    ASSERT_EQ(size, small.size());
-    EXPECT_TRUE(std::equal(small.begin(), small.end(), received.begin()));
-
-    // More data than the hub's buffer holds: the first 64 KiB are passed on.
-    const std::vector<uint8_t> large = patternBytes(dm::JobForwardRequest::kBufferSize + 5000, 2);
-    relay("big", large, &text, &size);
-    EXPECT_EQ(text, "big");
-    ASSERT_EQ(size, dm::JobForwardRequest::kBufferSize);
-    EXPECT_TRUE(std::equal(large.begin(), large.begin() + size, received.begin()));
-
-    // An answer without data carries its text only.
-    relay("pong", {}, &text, &size);
-    EXPECT_EQ(text, "pong");
-    EXPECT_EQ(size, 0u);
+        EXPECT_EQ(text, answer.text);
+        ASSERT_EQ(size, answer.relayedSize);
+        EXPECT_TRUE(std::equal(data.begin(), data.begin() + size, received.begin()));
+    }
 }
 
 TEST(PipeJobs, AJobNamingAnUnknownManagerEndsWithALine) {

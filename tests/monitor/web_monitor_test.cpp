@@ -106,8 +106,6 @@ TEST(EventHub, LongLinesAndValuesAreKeptWithinAByteBound) {
     const std::string packetOfControlBytes(200 * 1024, '\x01');
     for (int i = 0; i < 8; ++i) {
         hub.textLine(0, packetOfControlBytes);
-    }
-    for (int i = 0; i < 8; ++i) {
         hub.inPlace(0, "value " + std::to_string(i), "7 " + packetOfControlBytes);
     }
     auto page = hub.openPage();

@@ -158,20 +158,16 @@ TEST(Packet, MalformedStringsAreRefused) {
         const char* name;
         Bytes payload;
     };
-    Bytes lengthPastEnd;
-    appendLE32(lengthPastEnd, 10);
-    lengthPastEnd.insert(lengthPastEnd.end(), {'a', 'b', 0});
-    Bytes noTerminator;
-    appendLE32(noTerminator, 2);
-    noTerminator.insert(noTerminator.end(), {'a', 'b', 'c'});
-    Bytes hugeLength;
-    appendLE32(hugeLength, 0xFFFFFFFFu);
-    hugeLength.insert(hugeLength.end(), {'a', 0});
-    Bytes lengthOnly;
-    appendLE32(lengthOnly, 0);
+    const auto field = [](uint32_t length, std::initializer_list<uint8_t> rest) {
+        Bytes bytes;
+        appendLE32(bytes, length);
+        bytes.insert(bytes.end(), rest);
+        return bytes;
+    };
     for (const Case& testCase :
-         {Case{"length past end", lengthPastEnd}, Case{"no terminator", noTerminator},
-          Case{"huge length", hugeLength}, Case{"length only", lengthOnly}}) {
+         {Case{"length past end", field(10, {'a', 'b', 0})},
+          Case{"no terminator", field(2, {'a', 'b', 'c'})},
+          Case{"huge length", field(0xFFFFFFFFu, {'a', 0})}, Case{"length only", field(0, {})}}) {
         SCOPED_TRACE(testCase.name);
         Packet packet = packetWith(testCase.payload);
         const char* text = nullptr;

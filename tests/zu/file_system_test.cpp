@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <numeric>
 #include <string>
 
 #include "support/test_support.h"
@@ -70,10 +71,8 @@ TEST_F(LocalFileSystemTest, OpenModesSeeksAndAsyncReads) {
 
     // Seeks in every mode, and async reads at their own offset.
     path = file("hundred.bin");
-    std::string bytes;
-    for (int i = 0; i < 100; ++i) {
-        bytes += static_cast<char>(i);
-    }
+    std::string bytes(100, '\0');
+    std::iota(bytes.begin(), bytes.end(), '\0');  // each byte its own offset
     writeFile(path, bytes);
     handle = fs.openFile(path.c_str(), zu::BaseFile::ModeRead);
     ASSERT_NE(handle, nullptr);

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <thread>
 #include <vector>
 
@@ -36,12 +37,8 @@ struct Found {
     int count = 0;
     zu::Poller::Ready ready[8];
     bool has(zu::WaitHandle handle) const {
-        for (int i = 0; i < count; ++i) {
-            if (ready[i].handle == handle) {
-                return true;
-            }
-        }
-        return false;
+        return std::any_of(ready, ready + count,
+                           [&](const zu::Poller::Ready& one) { return one.handle == handle; });
     }
 };
 

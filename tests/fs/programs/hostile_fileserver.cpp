@@ -76,8 +76,8 @@ int main(int argc, char** argv) {
     pipe->setRequestCallback({&work, [](void* event, dm::CommunicationPipe*) {
                                   static_cast<zu::Event*>(event)->signal();
                               }});
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each line reaches the test at once
     std::printf("hostile file server on port %u\n", port);
-    std::fflush(stdout);
     std::string answer;
     while (!g_interrupted) {
         work.wait(100);
@@ -92,13 +92,11 @@ int main(int argc, char** argv) {
             } else if (command.rfind("read ", 0) == 0) {
                 answer.assign(1 << 20, 'r');
             } else {
-                answer.clear();
                 pipe->respond(command.rfind("fileExists", 0) == 0 ? "TRUE" : "12", nullptr, 0);
                 continue;
             }
             pipe->respond("true", answer.data(), static_cast<uint32_t>(answer.size()));
             std::printf("answered %s\n", command.c_str());
-            std::fflush(stdout);
         }
     }
     dm::deinitCommunicationManagers();

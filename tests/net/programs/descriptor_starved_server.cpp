@@ -19,7 +19,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -53,16 +52,6 @@ extern "C" __attribute__((visibility("default"))) int accept(int fd, sockaddr* a
 
 namespace {
 
-void report(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void report(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::vprintf(format, args);
-    va_end(args);
-    std::printf("\n");
-    std::fflush(stdout);
-}
-
 std::vector<int> g_fillers;  // descriptors that fill the table
 
 void startStarving() {
@@ -70,7 +59,7 @@ void startStarving() {
         g_fillers.push_back(fd);
     }
     g_acceptCalls = 0;
-    report("full");
+    std::printf("full\n");
 }
 
 // Answers a command on standard input, if one comes within `timeoutMs`; false once "quit" came
@@ -85,13 +74,13 @@ bool handleInput(int timeoutMs) {
         return false;
     }
     if (std::strncmp(line, "report", 6) == 0) {
-        report("accepts %llu", static_cast<unsigned long long>(g_acceptCalls.load()));
+        std::printf("accepts %llu\n", static_cast<unsigned long long>(g_acceptCalls.load()));
     } else if (std::strncmp(line, "free", 4) == 0) {
         for (int fd : g_fillers) {
             close(fd);
         }
         g_fillers.clear();
-        report("freed");
+        std::printf("freed\n");
     }
     return true;
 }
@@ -103,7 +92,7 @@ bool withinLifetime(std::chrono::steady_clock::time_point start) {
 // Waits like a manager thread: on the listener and the commands together, with a bound.
 int serveListener() {
     net::Listener listener(0, "127.0.0.1");
-    report("port %u", listener.getPort());
+    std::printf("port %u\n", listener.getPort());
     startStarving();
     std::vector<zu::UniquePtr<net::Socket>> accepted;
     const zu::WaitHandle input{zu::WaitHandle::SocketRead, STDIN_FILENO};
@@ -123,7 +112,7 @@ int serveListener() {
 
 int serveMonitor() {
     dm::init(0);
-    report("port %d", dm::getMonitorPort());
+    std::printf("port %d\n", dm::getMonitorPort());
     startStarving();
     bool greeted = false;
     for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
@@ -145,7 +134,7 @@ int servePipes() {
         dm::initCommunicationManagerAsServer("starved", 0, 1, true);
     uint32_t port = 0;
     manager->getHost(&port);
-    report("port %u", port);
+    std::printf("port %u\n", port);
     startStarving();
     for (auto start = std::chrono::steady_clock::now(); withinLifetime(start);) {
         if (!handleInput(100)) {
@@ -159,12 +148,13 @@ int servePipes() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each answer reaches the test at once
     const std::string mode = argc > 1 ? argv[1] : "";
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = kDescriptorLimit;
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        report("cannot lower the descriptor limit");
+        std::printf("cannot lower the descriptor limit\n");
         return 1;
     }
     if (mode == "listener") {
@@ -176,6 +166,6 @@ int main(int argc, char** argv) {
     if (mode == "pipes") {
         return servePipes();
     }
-    report("unknown mode");
+    std::printf("unknown mode\n");
     return 1;
 }
