@@ -29,6 +29,14 @@ namespace dm {
 
 class NetCommunicationPipe;
 
+// What became of a large frame at the front of a connection before the next poll (see
+// NetCommunicationPipe::receiveResponseTail).
+enum class SteeredTail : uint8_t {
+    kPollAsUsual,  // nothing was steered: poll the connection as usual
+    kTaken,        // a whole frame was received and handled
+    kUnderway,     // a tail is being received; nothing more is to be read until it is readable
+};
+
 // What a pipe needs from the manager that owns it.
 class PipeOwner {
 public:
@@ -157,6 +165,10 @@ public:
     // pipe_protocol::decode) and reassembles it. Malformed, stale or oversized packets are
     // dropped and counted (see PipeStatistics).
     void receive(const pipe_protocol::Message& message);
+    // The Response chunk at the front of `socket` (its fields in `message`, decoded from the
+    // frame's beginning) has its bytes received straight into its caller's buffer, when they
+    // fit it and would be taken; otherwise the frame is declined, for the usual path.
+    SteeredTail receiveResponseTail(net::Socket& socket, const pipe_protocol::Message& message);
     // The socket the pipe is attached to, or null.
     net::Socket* attachedSocket() const { return m_socket.load(); }
 
@@ -295,6 +307,7 @@ private:
     // An outgoing request's response.
     bool storeResponseChunk(RequestRecord& request, const char* text, const Chunk& chunk)
         ZU_REQUIRES(m_outgoingLock);
+    static uint8_t* responseTarget(const RequestRecord& request, const Chunk& chunk);
     bool storeNotifyChunk(const pipe_protocol::Message& message) ZU_REQUIRES(m_incomingLock);
     bool fitsMessageLimit(uint32_t totalSize) const;
     void invoke(const PipeCallback& callback);

@@ -306,20 +306,22 @@ bool NetCommunicationPipeManager::dispatch(net::Socket& socket, net::Packet& pac
 // feed it requests nor answer its requests.
 void NetCommunicationPipeManager::deliverToPipe(const net::Socket& socket,
                                                 const pipe_protocol::Message& message) {
-    NetCommunicationPipe* pipe = nullptr;
     bool attachedHere = false;
-    {
-        zu::ScopedLock lock(m_pipesLock);
-        if (PipeEntry* entry = findEntry(message.pipeName)) {
-            pipe = entry->pipe.get();
-            attachedHere = entry->socket == &socket;
-        }
-    }
+    NetCommunicationPipe* pipe = findPipe(socket, message.pipeName, &attachedHere);
     if (pipe && attachedHere) {
         pipe->receive(message);
     } else if (pipe) {
         pipe->countMessageFromOtherConnection();
     }
+}
+
+NetCommunicationPipe* NetCommunicationPipeManager::findPipe(const net::Socket& socket,
+                                                            const char* pipeName,
+                                                            bool* attachedHere) {
+    zu::ScopedLock lock(m_pipesLock);
+    PipeEntry* entry = findEntry(pipeName);
+    *attachedHere = entry && entry->socket == &socket;
+    return entry ? entry->pipe.get() : nullptr;
 }
 
 void NetCommunicationPipeManager::onRedirect(net::Socket& socket,
@@ -453,6 +455,7 @@ NetCommunicationPipeManager::SocketEntry NetCommunicationPipeManager::makeEntry(
     entry.budget =
         zu::makeUnique<ConnectionBudget>(m_maxUnfinishedPerConnection, m_maxQueuedPerConnection);
     socket->setReadsOnlyWhenReady(true);  // its readiness is reported by the manager's waits
+    socket->setTailSteering(true);        // large answers go straight to their callers' buffers
     entry.socket = std::move(socket);
     return entry;
 }

@@ -234,6 +234,12 @@ private:
     // Null if refused.
     PipeEntry* createRequestedEntry(const char* pipeName) ZU_REQUIRES(m_pipesLock);
     void deliverToPipe(const net::Socket& socket, const pipe_protocol::Message& message);
+    // The pipe of that name (null if none), and whether it is attached to `socket`.
+    NetCommunicationPipe* findPipe(const net::Socket& socket, const char* pipeName,
+                                   bool* attachedHere);
+    // Before each poll of a connection: a large response chunk at its front goes straight to
+    // its caller's buffer (see NetCommunicationPipe::receiveResponseTail).
+    SteeredTail steerResponseTail(net::Socket& socket) ZU_REQUIRES(m_ioLock);
     Address copyAddress();
     void setRemoteName(const char* name);
     void callClientConnectionCallback();
@@ -320,6 +326,7 @@ private:
     size_t m_pipeCount = 0;  // pipes there were when this pass took its share
     zu::Vector<PipeEntry*> m_passPipes;
     WaitList m_waits;
+    net::Packet m_frameHead ZU_GUARDED_BY(m_ioLock);  // a large frame's beginning, decoded
 };
 
 }  // namespace dm

@@ -96,7 +96,13 @@ bool NetCommunicationPipeManager::dispatchLentPackets(SocketEntry& entry) {
         if (entry.budget->queuedFull()) {
             return false;
         }
-        net::Packet* packet = socket.pollPacketIf(pipe_protocol::carriesPipeTraffic, nullptr);
+        const SteeredTail steered = steerResponseTail(socket);
+        if (steered == SteeredTail::kTaken) {
+            continue;
+        }
+        net::Packet* packet = steered == SteeredTail::kUnderway
+                                  ? nullptr
+                                  : socket.pollPacketIf(pipe_protocol::carriesPipeTraffic, nullptr);
         if (!packet) {
             return !socket.hasWholePacket() && socket.isConnected();
         }

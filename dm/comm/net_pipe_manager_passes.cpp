@@ -335,7 +335,12 @@ void NetCommunicationPipeManager::pollPackets(SocketEntry& entry) {
         if (entry.budget->queuedFull()) {
             return;
         }
-        net::Packet* packet = socket.pollPacket(nullptr);
+        const SteeredTail steered = steerResponseTail(socket);
+        if (steered == SteeredTail::kTaken) {
+            continue;
+        }
+        net::Packet* packet =
+            steered == SteeredTail::kUnderway ? nullptr : socket.pollPacket(nullptr);
         if (!packet || !dispatch(socket, *packet)) {
             return;
         }

@@ -379,9 +379,11 @@ bool NetCommunicationPipe::storeResponseChunk(RequestRecord& request, const char
     request.responseSize = chunk.totalSize;
     // The caller's buffer takes what fits; the full size is still reported.
     if (request.responseBuffer && chunk.offset < request.responseCapacity) {
+        uint8_t* target = static_cast<uint8_t*>(request.responseBuffer) + chunk.offset;
         const uint32_t fits = std::min(chunk.size, request.responseCapacity - chunk.offset);
-        std::memcpy(static_cast<uint8_t*>(request.responseBuffer) + chunk.offset, chunk.bytes,
-                    fits);
+        if (target != chunk.bytes) {  // else received straight into place (receiveResponseTail)
+            std::memcpy(target, chunk.bytes, fits);
+        }
     }
     if (!chunk.endsPayload()) {
         return false;

@@ -1,11 +1,16 @@
 #include "comm/pipe_protocol.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace dm {
 namespace pipe_protocol {
 
 namespace {
+
+// The fields of a Response whose bulk is received straight into its caller's buffer must lie
+// in this much of its frame; longer ones (absurd names) are received as usual.
+constexpr uint32_t kMaxResponseHead = 1024;
 
 const char* orEmpty(const char* text) {
     return text ? text : "";
@@ -133,6 +138,30 @@ bool decode(net::Packet& packet, Message& message) {
     message.kind = static_cast<MessageKind>(kind);
     message.malformed = !readFields(packet, message);
     return true;
+}
+
+HeadDecode decodeResponseHead(net::Packet& scratch, const net::Socket::PartialFrame& frame,
+                              Message& message) {
+    message = Message();
+    const uint32_t taken = std::min(frame.buffered, kMaxResponseHead);
+    if (frame.id != kPipePacketId || !scratch.assign(frame.id, frame.payload, taken)) {
+        return HeadDecode::kOther;
+    }
+    const bool mayGrow = taken == frame.buffered && taken < kMaxResponseHead;
+    int32_t kind = -1;
+    scratch >> kind;
+    if (scratch.hasError() || kind != kResponse) {
+        return scratch.hasError() && mayGrow ? HeadDecode::kNeedMore : HeadDecode::kOther;
+    }
+    message.kind = kResponse;
+    Chunk& chunk = message.chunk;
+    scratch >> message.pipeName >> message.id >> message.text >> chunk.totalSize >> chunk.offset >>
+        chunk.size;
+    if (scratch.hasError()) {
+        return mayGrow ? HeadDecode::kNeedMore : HeadDecode::kOther;
+    }
+    const bool bytesEndFrame = uint64_t{scratch.getPos()} + chunk.size == frame.payloadSize;
+    return bytesEndFrame ? HeadDecode::kResponseChunk : HeadDecode::kOther;
 }
 
 bool carriesPipeTraffic(const net::Packet& packet) {

@@ -68,6 +68,19 @@ bool decode(net::Packet& packet, Message& message);
 // the pipes, which touches no connection state and calls no callback while it is dispatched.
 bool carriesPipeTraffic(const net::Packet& packet);
 
+// --- The beginning of a large frame, before its bulk has arrived (see net::Socket's tail
+// steering) ---
+
+enum class HeadDecode {
+    kResponseChunk,  // a Response whose chunk's bytes, and nothing else, follow its fields
+    kNeedMore,       // more of the frame may tell
+    kOther,          // anything else: it is received and decoded as usual
+};
+// Decodes the fields of a Response, up to its chunk's size, from the buffered beginning of a
+// frame, through `scratch` (the texts point into it; chunk.bytes stays null).
+HeadDecode decodeResponseHead(net::Packet& scratch, const net::Socket::PartialFrame& frame,
+                              Message& message);
+
 // --- Sending. The chunked messages go to a sink (see PacketSink); `scratch` is the caller's
 // packet, reused so that sending allocates nothing once it has grown. ---
 

@@ -1,5 +1,6 @@
 // net::Socket: framing, the send ring and the receive buffer, over the OS calls of
 // socket_platform.h.
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -138,6 +139,7 @@ void Socket::finishConnect() {
 // received stay pollable (isConnected stays true until they are gone).
 void Socket::peerClosed() {
     m_state = State::PeerClosed;
+    endTail();
     m_sendBegin = 0;
     m_sendQueued = 0;
 }
@@ -158,6 +160,7 @@ void Socket::close() {
     m_sendQueued = 0;
     m_receiveBegin = 0;
     m_receiveEnd = 0;
+    endTail();
     m_packet.reset(0);
 }
 
@@ -389,17 +392,23 @@ bool Socket::flushSends() {
 
 // Reads until the OS has nothing more, the buffer is full, or the peer has gone.
 void Socket::receive() {
+    if (m_tailSize > 0) {
+        return;  // the next bytes are a tail's, which only readFrameTail reads
+    }
     if (m_drained && m_readsOnlyWhenReady) {
         return;  // the OS had nothing more at the last read, and no wait has said otherwise
     }
     for (;;) {
         prepareReceiveRoom();
         uint32_t room = receiveCapacity() - m_receiveEnd;
+        if (m_tailSteering) {
+            room = std::min(room, steeringReadLimit());
+        }
         if (room == 0) {
             return;  // full of frames nobody polled yet: let TCP hold the peer back
         }
-        const platform::IoResult got =
-            platform::receive(m_handle, m_receiveBuffer.data() + m_receiveEnd, room);
+        const platform::MutableBytes into{m_receiveBuffer.data() + m_receiveEnd, room};
+        const platform::IoResult got = platform::receive(m_handle, &into, 1);
         if (got.status == platform::IoStatus::Done) {
             m_receiveEnd += got.bytes;
             if (got.bytes < room) {
@@ -454,6 +463,7 @@ bool Socket::extractPacket(uint32_t* outSize) {
     const uint32_t payloadSize = frameSize - wire::kHeaderSize;
     m_packet.view(wire::frameId(frame), frame + wire::kHeaderSize, payloadSize);
     m_receiveBegin += frameSize;
+    m_tailDeclined = false;  // a decision is for the frame it was made on
     if (outSize) {
         *outSize = payloadSize;
     }

@@ -29,6 +29,12 @@ struct ConstBytes {
     uint32_t size;
 };
 
+// A piece of memory for a scattered receive.
+struct MutableBytes {
+    uint8_t* data;
+    uint32_t size;
+};
+
 enum class ConnectStatus : uint8_t { Connected, Pending, Failed };
 
 // Resolves `host` (dotted numbers, or a name) to an IPv4 address in network byte order. Null
@@ -53,8 +59,9 @@ bool peerAddress(zu::NativeHandle handle, uint32_t* address);
 
 // Sends the pieces in order, as much as the OS takes now. Interrupted calls are retried.
 IoResult send(zu::NativeHandle handle, const ConstBytes* pieces, uint32_t count);
-// Reads up to `capacity` bytes. Interrupted calls are retried; an orderly close is Broken.
-IoResult receive(zu::NativeHandle handle, uint8_t* buffer, uint32_t capacity);
+// Reads into the pieces in order, as much as the OS has now. Interrupted calls are retried; an
+// orderly close is Broken.
+IoResult receive(zu::NativeHandle handle, const MutableBytes* pieces, uint32_t count);
 // Waits up to `timeoutMs` for the socket to take bytes (or for a connect to finish). True
 // when it became ready.
 bool waitWritable(zu::NativeHandle handle, uint32_t timeoutMs);

@@ -76,6 +76,48 @@ public:
     // The owner's wait found the socket ready: the next update or pollPacket reads again.
     void noteReadable() { m_drained = false; }
 
+    // --- Bulk tails straight into the owner's memory ---
+    // A frame whose payload ends in bulk data (a response chunk, say) can have that data read
+    // from the OS straight to where its owner keeps it, saving a copy. With steering on, reads
+    // stop a little way (kSteeringLookahead bytes) into a frame of kMinSteeredPayload bytes or
+    // more that is not whole yet, so that the owner, before each poll, can look at its
+    // beginning (peekPartialFrame) and either take its tail (readFrameTail) or decline it
+    // (declineFrameTail), after which reads go on as usual. Off by default.
+    static constexpr uint32_t kSteeringLookahead = 4 * 1024;
+    static constexpr uint32_t kMinSteeredPayload = 16 * 1024;
+    void setTailSteering(bool on) { m_tailSteering = on; }
+
+    // The frame at the front that has not all arrived: its id, the start of its payload, how
+    // much of the payload is buffered, and its whole payload size.
+    struct PartialFrame {
+        int id = 0;
+        const uint8_t* payload = nullptr;
+        uint32_t buffered = 0;
+        uint32_t payloadSize = 0;
+    };
+    // False when the front holds a whole frame, less than a frame header, or nothing.
+    bool peekPartialFrame(PartialFrame& out) const;
+    // Steering is on, and a partial frame large enough for it is at the front, neither taken
+    // nor declined yet.
+    bool awaitsTailDecision() const;
+    void declineFrameTail() { m_tailDeclined = true; }
+
+    enum class TailRead : uint8_t {
+        kComplete,  // the whole tail is at `tail`; end with dropFrameWithTail
+        kPending,   // part of it is there; call again with the same arguments when readable
+        kFailed     // the connection broke, or the arguments do not fit the frame
+    };
+    // Puts the last `tailSize` payload bytes of the partial frame at `tail`: those buffered
+    // already, then the rest as the OS has them, with the next frame's start going to the
+    // buffer in the same read. Until the tail is complete the socket reads nothing else, and
+    // `tail` must stay valid: an owner that can no longer keep it must close the socket.
+    TailRead readFrameTail(uint8_t* tail, uint32_t tailSize);
+    // A tail is underway (readFrameTail returned kPending).
+    bool isReadingTail() const { return m_tailSize > 0; }
+    // After kComplete: the frame is done with; the payload's beginning, still readable through
+    // peekPartialFrame's pointer until then, goes.
+    void dropFrameWithTail();
+
     // Queued bytes not yet handed to the OS.
     bool hasSendsToDo() const { return m_sendQueued > 0; }
     // Bytes queued and not yet handed to the OS; lets a sender that must never wait drop
@@ -134,6 +176,16 @@ private:
 
     bool m_readsOnlyWhenReady = false;
     bool m_drained = false;  // the last read came back short; see setReadsOnlyWhenReady
+
+    uint32_t steeringReadLimit() const;
+    bool frontIsSteerable() const;
+    void startTail(uint8_t* tail, uint32_t tailSize);
+    void endTail();
+
+    bool m_tailSteering = false;
+    bool m_tailDeclined = false;  // for the frame at the front
+    uint32_t m_tailSize = 0;      // of the tail underway; 0 when none
+    uint32_t m_tailDone = 0;      // of its bytes, already at the owner's memory
 };
 
 }  // namespace net

@@ -24,6 +24,7 @@ constexpr int kSendFlags = 0;  // SO_NOSIGPIPE is set per socket instead
 #endif
 
 constexpr uint32_t kMaxSendPieces = 4;
+constexpr uint32_t kMaxReceivePieces = 2;
 
 int toFd(zu::NativeHandle handle) {
     return static_cast<int>(handle);
@@ -154,10 +155,18 @@ IoResult send(zu::NativeHandle handle, const ConstBytes* pieces, uint32_t count)
     return {IoStatus::Done, static_cast<uint32_t>(sent)};
 }
 
-IoResult receive(zu::NativeHandle handle, uint8_t* buffer, uint32_t capacity) {
+IoResult receive(zu::NativeHandle handle, const MutableBytes* pieces, uint32_t count) {
+    iovec parts[kMaxReceivePieces];
+    count = count < kMaxReceivePieces ? count : kMaxReceivePieces;
+    for (uint32_t i = 0; i < count; ++i) {
+        parts[i] = {pieces[i].data, pieces[i].size};
+    }
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
     ssize_t got;
     do {
-        got = recv(toFd(handle), buffer, capacity, 0);
+        got = recvmsg(toFd(handle), &message, 0);
     } while (got < 0 && errno == EINTR);
     if (got == 0) {
         return {IoStatus::Broken, 0};  // orderly close
