@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -17,6 +15,7 @@
 
 #include "dm/comm.h"
 #include "support/test_support.h"
+#include "zu/signal.h"
 
 namespace dmtest {
 
@@ -92,31 +91,19 @@ public:
     int answered() const { return m_answered.load(); }
 
 private:
-    // What the pipes' callbacks signal. Never destroyed (see add), so never on the stack.
-    struct WakeUp {
-        std::mutex mutex;
-        std::condition_variable changed;
-        uint64_t count = 0;
-        void signal() {
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                ++count;
-            }
-            changed.notify_all();
-        }
-    };
-    static WakeUp& newWakeUp() {
+    // What the pipes' callbacks signal: a futex-based signal, the cheapest wake-up for a thread
+    // that waits on nothing else. Never destroyed (see add), so never on the stack.
+    static zu::Signal& newWakeUp() {
         static std::mutex* lock = new std::mutex();
-        static std::deque<WakeUp>* all = new std::deque<WakeUp>();  // stable addresses
+        static std::deque<zu::Signal>* all = new std::deque<zu::Signal>();  // stable addresses
         std::lock_guard<std::mutex> guard(*lock);
         return all->emplace_back();
     }
     static void wake(void* wakeUp, dm::CommunicationPipe*) {
-        static_cast<WakeUp*>(wakeUp)->signal();
+        static_cast<zu::Signal*>(wakeUp)->signal();
     }
 
     void run() {
-        uint64_t seen = 0;
         while (!m_stopping) {
             std::vector<dm::CommunicationPipe*> pipes;
             {
@@ -126,11 +113,7 @@ private:
             for (dm::CommunicationPipe* pipe : pipes) {
                 serve(*pipe);
             }
-            WakeUp& up = m_wakeUp;
-            std::unique_lock<std::mutex> lock(up.mutex);
-            up.changed.wait_for(lock, std::chrono::milliseconds(100),
-                                [&] { return up.count != seen || m_stopping; });
-            seen = up.count;
+            m_wakeUp.wait(100);  // a signal given while serving is kept for this wait
         }
     }
 
@@ -159,7 +142,7 @@ private:
         }
     }
 
-    WakeUp& m_wakeUp = newWakeUp();
+    zu::Signal& m_wakeUp = newWakeUp();
     std::mutex m_mutex;
     std::vector<dm::CommunicationPipe*> m_pipes;
     std::string m_cannedText;
