@@ -470,16 +470,22 @@ bool Socket::extractPacket(uint32_t* outSize) {
     return true;
 }
 
-Packet* Socket::pollPacket(uint32_t* outSize) {
+// Reads once when no whole frame is buffered, then takes the next whole frame into m_packet.
+bool Socket::takeFrame(uint32_t* outSize) {
     if (outSize) {
         *outSize = 0;
     }
     m_packet.reset(0);
-    bool open = m_state == State::Connected || m_state == State::PeerClosed;
+    // A peer that has gone may have left bytes in the system (a failed send finds it gone).
+    const bool open = m_state == State::Connected || m_state == State::PeerClosed;
     if (open && wholeFrameSize() == 0) {
         receive();
     }
-    if ((m_state == State::Connected || m_state == State::PeerClosed) && extractPacket(outSize)) {
+    return open && extractPacket(outSize);
+}
+
+Packet* Socket::pollPacket(uint32_t* outSize) {
+    if (takeFrame(outSize)) {
         return &m_packet;
     }
     if (m_state == State::PeerClosed) {
@@ -489,27 +495,18 @@ Packet* Socket::pollPacket(uint32_t* outSize) {
 }
 
 Packet* Socket::pollPacketIf(bool (*wanted)(const Packet&), uint32_t* outSize) {
+    if (!takeFrame(outSize)) {
+        return nullptr;
+    }
+    if (wanted(m_packet)) {
+        return &m_packet;
+    }
+    m_receiveBegin -= wire::kHeaderSize + m_packet.getSize();  // first in line again
+    m_packet.reset(0);
     if (outSize) {
         *outSize = 0;
     }
-    m_packet.reset(0);
-    if (m_state == State::Connected && wholeFrameSize() == 0) {
-        receive();
-    }
-    const uint32_t frameBegin = m_receiveBegin;
-    const bool open = m_state == State::Connected || m_state == State::PeerClosed;
-    if (!open || !extractPacket(outSize)) {
-        return nullptr;
-    }
-    if (!wanted(m_packet)) {
-        m_receiveBegin = frameBegin;
-        m_packet.reset(0);
-        if (outSize) {
-            *outSize = 0;
-        }
-        return nullptr;
-    }
-    return &m_packet;
+    return nullptr;
 }
 
 }  // namespace net

@@ -153,6 +153,7 @@ private:
     // (or its length is invalid, which extractPacket reports).
     uint32_t wholeFrameSize() const;
     bool extractPacket(uint32_t* outSize);
+    bool takeFrame(uint32_t* outSize);
 
     zu::NativeHandle m_handle = zu::kInvalidHandle;
     uint32_t m_generation = 0;  // of m_handle; see zu::WaitHandle
