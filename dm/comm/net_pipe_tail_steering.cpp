@@ -34,6 +34,12 @@ SteeredTail NetCommunicationPipeManager::steerResponseTail(net::Socket& socket) 
     bool attachedHere = false;
     NetCommunicationPipe* pipe = findPipe(socket, message.pipeName, &attachedHere);
     if (!pipe || !attachedHere) {
+        if (socket.isReadingTail()) {
+            // Taken over by another connection while its bytes were arriving: the rest of the
+            // frame has nowhere to go, and the stream cannot be read past it.
+            socket.close();
+            return SteeredTail::kUnderway;
+        }
         socket.declineFrameTail();  // the usual path drops and counts it
         return SteeredTail::kPollAsUsual;
     }
