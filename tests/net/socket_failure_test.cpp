@@ -2,6 +2,9 @@
 // process dies), and frames that are not ours.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <numeric>
+
 #include "net/listener.h"
 #include "net/socket.h"
 #include "net_test_util.h"
@@ -102,6 +105,39 @@ TEST(SocketFailure, PeerClosingOrResettingMidFrameLeavesItsWholeFrames) {
         expectClosed(*peer.server);
         EXPECT_FALSE(peer.server->sendPacket(Packet(1)));
     }
+}
+
+// A send failing while a frame's tail is being read straight into its owner's memory: the rest
+// of the tail still goes there, and the frame behind it comes whole, as frames that arrived
+// before a close do; none of the tail's bytes is ever taken for a frame's.
+TEST(SocketFailure, AFailedSendWhileATailArrivesKeepsTheStreamInStep) {
+    RawPeer peer;
+    ASSERT_TRUE(peer.connected());
+    Socket& reader = *peer.server;
+    reader.setTailSteering(true);
+    Bytes payload(100000);
+    std::iota(payload.begin(), payload.end(), uint8_t{0});
+    Bytes stream = nettest::makeFrame(7, payload);
+    const Bytes next = nettest::makeFrame(8, uint32Payload(88));
+    stream.insert(stream.end(), next.begin(), next.end());
+    const size_t half = stream.size() / 2;
+    ASSERT_TRUE(nettest::rawSendAll(peer.fd, stream.data(), half));
+    ASSERT_TRUE(dmtest::waitUntil(
+        [&] { return !reader.pollPacket(nullptr) && reader.awaitsTailDecision(); }));
+
+    Bytes tail(payload.size() - 10);
+    const auto readTail = [&] { return reader.readFrameTail(tail.data(), uint32_t(tail.size())); };
+    ASSERT_EQ(readTail(), Socket::TailRead::kPending);
+    shutdown(static_cast<int>(reader.getWaitHandle().handle), SHUT_WR);
+    EXPECT_FALSE(reader.sendPacket(Packet(1)));
+    ASSERT_TRUE(nettest::rawSendAll(peer.fd, stream.data() + half, stream.size() - half));
+    ASSERT_TRUE(dmtest::waitUntil([&] { return readTail() != Socket::TailRead::kPending; }));
+    ASSERT_EQ(readTail(), Socket::TailRead::kComplete);
+    EXPECT_TRUE(std::equal(tail.begin(), tail.end(), payload.begin() + 10));
+    reader.dropFrameWithTail();
+    Packet* packet = dmtest::nextPacket(reader);
+    ASSERT_NE(packet, nullptr);
+    EXPECT_EQ(packet->getID(), 8);
 }
 
 TEST(SocketFailure, SendingToAVanishedPeerFailsWithoutASignal) {

@@ -139,13 +139,13 @@ void Socket::finishConnect() {
 // received stay pollable (isConnected stays true until they are gone).
 void Socket::peerClosed() {
     m_state = State::PeerClosed;
-    endTail();
     m_sendBegin = 0;
     m_sendQueued = 0;
 }
 
 bool Socket::isConnected() const {
-    return m_state == State::Connected || (m_state == State::PeerClosed && wholeFrameSize() > 0);
+    const bool leftToRead = wholeFrameSize() > 0 || m_tailSize > 0;
+    return m_state == State::Connected || (m_state == State::PeerClosed && leftToRead);
 }
 
 void Socket::close() {
@@ -176,7 +176,7 @@ void Socket::update() {
     if (m_state == State::Connected || m_state == State::PeerClosed) {
         receive();
     }
-    if (m_state == State::PeerClosed && wholeFrameSize() == 0) {
+    if (m_state == State::PeerClosed && !isConnected()) {
         close();
     }
 }

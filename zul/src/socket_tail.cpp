@@ -65,8 +65,10 @@ uint32_t Socket::steeringReadLimit() const {
 
 Socket::TailRead Socket::readFrameTail(uint8_t* tail, uint32_t tailSize) {
     PartialFrame frame;
-    if (m_state != State::Connected || !peekPartialFrame(frame) || tailSize == 0 ||
-        tailSize > frame.payloadSize || (m_tailSize > 0 && tailSize != m_tailSize) ||
+    // A tail goes on after a failed send: what the peer sent before it went is still readable.
+    const bool open = m_state == State::Connected || m_state == State::PeerClosed;
+    if (!open || !peekPartialFrame(frame) || tailSize == 0 || tailSize > frame.payloadSize ||
+        (m_tailSize > 0 && tailSize != m_tailSize) ||
         (m_tailSize == 0 && frame.buffered < frame.payloadSize - tailSize)) {
         return TailRead::kFailed;
     }
@@ -88,6 +90,7 @@ Socket::TailRead Socket::readFrameTail(uint8_t* tail, uint32_t tailSize) {
         }
         if (got.status != platform::IoStatus::Done) {
             peerClosed();
+            endTail();  // nothing more comes: the frame's beginning is a truncated frame
             return TailRead::kFailed;
         }
         const uint32_t intoTail = std::min(got.bytes, left);
@@ -124,8 +127,8 @@ void Socket::dropFrameWithTail() {
     endTail();
 }
 
-// A peer that has gone leaves the tail unfinished: the frame's beginning is then a truncated
-// frame, dropped as any other.
+// Only a close ends an unfinished tail: until then nothing else is read, as the next bytes from
+// the system would be the tail's.
 void Socket::endTail() {
     m_tailSize = 0;
     m_tailDone = 0;
