@@ -37,6 +37,9 @@ SteeredTail NetCommunicationPipeManager::steerResponseTail(net::Socket& socket) 
         if (socket.isReadingTail()) {
             // Taken over by another connection while its bytes were arriving: the rest of the
             // frame has nowhere to go, and the stream cannot be read past it.
+            if (pipe) {
+                pipe->countMessageFromOtherConnection();
+            }
             socket.close();
             return SteeredTail::kUnderway;
         }

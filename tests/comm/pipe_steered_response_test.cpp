@@ -153,6 +153,7 @@ TEST_F(SteeredResponseTest, AnAnswerCutOffByItsPipeBeingTakenOver) {
         first.socket.update();
         return !first.socket.isConnected();
     }));
+    EXPECT_EQ(dm::getPipeStatistics(pipe).droppedOtherConnection, 1u);
     asked = second.nextPipeMessage();
     ASSERT_EQ(asked.kind, pipewire::kRequest);
     second.send(pipewire::response("big", asked.id, "fetch", 200000, 0, 200000, answer.data()));
