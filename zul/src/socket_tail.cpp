@@ -127,8 +127,8 @@ void Socket::dropFrameWithTail() {
     endTail();
 }
 
-// Only a close ends an unfinished tail: until then nothing else is read, as the next bytes from
-// the system would be the tail's.
+// An unfinished tail ends only when no more of it can come (a close, or the system reporting the
+// connection's end): until then nothing else is read, as the next bytes would be the tail's.
 void Socket::endTail() {
     m_tailSize = 0;
     m_tailDone = 0;
