@@ -67,8 +67,8 @@ Socket::TailRead Socket::readFrameTail(uint8_t* tail, uint32_t tailSize) {
     PartialFrame frame;
     // A tail goes on after a failed send: what the peer sent before it went is still readable.
     const bool open = m_state == State::Connected || m_state == State::PeerClosed;
-    if (!open || !peekPartialFrame(frame) || tailSize == 0 || tailSize > frame.payloadSize ||
-        (m_tailSize > 0 && tailSize != m_tailSize) ||
+    if (!open || !peekPartialFrame(frame) || tailSize <= kSteeringLookahead ||
+        tailSize > frame.payloadSize || (m_tailSize > 0 && tailSize != m_tailSize) ||
         (m_tailSize == 0 && frame.buffered < frame.payloadSize - tailSize)) {
         return TailRead::kFailed;
     }

@@ -108,9 +108,11 @@ public:
         kFailed     // the connection broke, or the arguments do not fit the frame
     };
     // Puts the last `tailSize` payload bytes of the partial frame at `tail`: those buffered
-    // already, then the rest as the OS has them, with the next frame's start going to the
-    // buffer in the same read. Until the tail is complete the socket reads nothing else, and
-    // `tail` must stay valid: an owner that can no longer keep it must close the socket.
+    // already, then the rest as the OS has them, with the next frame's start (up to
+    // kSteeringLookahead bytes) going to the buffer in the same read. The tail must be longer
+    // than that, so that those bytes never pass for the rest of the frame. Until the tail is
+    // complete the socket reads nothing else, and `tail` must stay valid: an owner that can no
+    // longer keep it must close the socket.
     TailRead readFrameTail(uint8_t* tail, uint32_t tailSize);
     // A tail is underway (readFrameTail returned kPending).
     bool isReadingTail() const { return m_tailSize > 0; }
