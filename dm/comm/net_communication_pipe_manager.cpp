@@ -108,7 +108,7 @@ int NetCommunicationPipeManager::run() {
         unlockSockets();
         runAfterPass();  // a pass that ended early
         if (failed) {
-            zu::sleepMs(kServerPassMs);
+            zu::sleepMs(kPolledPassMs);
         }
     }
     t_threadStopFlag = nullptr;

@@ -32,12 +32,13 @@ public:
     static constexpr double kOpenPipeInterval = 0.2;
     // Pipes pumped per pass; with more, each pass goes on where the last one stopped.
     static constexpr size_t kMaxPipesPerPass = 256;
-    // Longest sleep of a pass (milliseconds): a client is woken early by its pipes and socket,
-    // a server by its pipes, sockets and listener.
-    static constexpr uint32_t kClientPassMs = 100;
-    static constexpr uint32_t kServerPassMs = 1;
-    // Longest sleep of a client pass while not every pipe's wake event fits the wait.
-    static constexpr uint32_t kCrowdedClientPassMs = 1;
+    // Longest sleep of a pass (milliseconds) while everything it serves can wake it: a client
+    // is woken by its pipes and socket, a server by its pipes, sockets and listener. The bound
+    // is only a safety net, and kept long: a short timer costs each wait more than the wake-up.
+    static constexpr uint32_t kPassMs = 100;
+    // Longest sleep while something served cannot wake the pass (more pipes or connections
+    // than its wait holds), and the pause after a pass that failed.
+    static constexpr uint32_t kPolledPassMs = 1;
 
     // Listens on `port` (server) or starts connecting to host:port (client), and starts the
     // thread, with the callbacks given already in place. The intervals are measured on `clock`,

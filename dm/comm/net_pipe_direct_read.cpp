@@ -75,7 +75,7 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
     bool leftWork = false;
     while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
         // Bounded like the thread's own sleep, which ends in a take-back at the latest.
-        if (zu::waitForAny(waits, 2, kClientPassMs) != 0) {
+        if (zu::waitForAny(waits, 2, kPassMs) != 0) {
             break;
         }
         socket.noteReadable();

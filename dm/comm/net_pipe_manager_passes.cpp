@@ -250,13 +250,14 @@ void NetCommunicationPipeManager::serverPass() {
     waits.add(m_wakeEvent.getWaitHandle());
     const bool listening = m_listener->isListening();
     const zu::WaitHandle listenerHandle = m_listener->getWaitHandle();
-    waits.add(listenerHandle);
+    bool allWake = waits.add(listenerHandle);
     for (const SocketEntry& entry : m_sockets) {
-        waits.add(waitHandleOf(entry));
+        allWake = waits.add(waitHandleOf(entry)) && allWake;
     }
-    // Pipes beyond the list's room are served by the pass's bound.
-    addPipeWakeHandles(waits);
-    const int ready = waitBetweenPasses(waits, m_moreWork ? 0 : kServerPassMs);
+    allWake = addPipeWakeHandles(waits) && allWake;
+    // What did not fit on the list is served by polling.
+    const uint32_t timeoutMs = allWake ? kPassMs : kPolledPassMs;
+    const int ready = waitBetweenPasses(waits, m_moreWork ? 0 : timeoutMs);
     m_mayAccept = listening && (ready == WaitList::kNotWaited || waits.sawReady(listenerHandle));
 }
 
@@ -419,9 +420,9 @@ void NetCommunicationPipeManager::clientPass() {
     waits.beginPass();
     waits.add(m_wakeEvent.getWaitHandle());
     waits.add(waitHandleOf(entry));
-    uint32_t timeoutMs = kClientPassMs;
+    uint32_t timeoutMs = kPassMs;
     if (!addPipeWakeHandles(waits)) {
-        timeoutMs = kCrowdedClientPassMs;  // pipes that did not fit are polled instead
+        timeoutMs = kPolledPassMs;  // pipes that did not fit are polled instead
     }
     if (socket.isConnected() && m_pipesUnattached) {
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextOpenPipeDue(), now, timeoutMs));
