@@ -171,8 +171,6 @@ zu::InplaceString<128> NetCommunicationPipe::sendRequest(const char* text, uint3
     }
     if (!writeRequestDirectly(id)) {
         wakeToSend();
-    } else if (m_owner) {
-        m_owner->readForAnswer(*this, id);
     }
 
     zu::InplaceString<128> responseText;

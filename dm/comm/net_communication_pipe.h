@@ -67,11 +67,16 @@ public:
     // By default the owner lends nothing, and its thread sends everything.
     virtual bool borrowSockets() { return false; }
     virtual void returnSockets() {}
-    // Called by a caller whose request went out directly and who is about to wait for the
-    // answer: the owner may let it read the pipe's connection itself while the owner's thread
-    // sleeps, until `pipe` has the answer to `requestId` or the owner wants the connection
-    // back. Returns at once by default: the owner's thread delivers the answer.
-    virtual void readForAnswer(NetCommunicationPipe& /*pipe*/, uint32_t /*requestId*/) {}
+    // With the connections borrowed, before a caller writes a request directly: true when the
+    // owner lets it read the answer itself afterwards. The owner's thread then no longer wakes
+    // for what arrives on the pipe's connection, and the caller must end with readForAnswer
+    // instead of returnSockets. False by default: the owner's thread delivers the answer.
+    virtual bool lendForAnswer(NetCommunicationPipe& /*pipe*/) { return false; }
+    // After lendForAnswer: when the request went out whole (`written`), reads the pipe's
+    // connection until `pipe` has the answer to `requestId` or the owner wants the connection
+    // back; then gives the connections back, like returnSockets.
+    virtual void readForAnswer(NetCommunicationPipe& /*pipe*/, uint32_t /*requestId*/,
+                               bool /*written*/) {}
     // A caller of sendRequest starts (+1) or stops (-1) waiting for its answer.
     virtual void countAwaitedAnswers(int /*change*/) {}
 
@@ -269,8 +274,9 @@ private:
     // The direct write (see writeDirectly).
     bool writeRequestDirectly(uint32_t id);
     bool writeResponseDirectly(uint32_t serial);
+    // `requestId`: the request whose answer the caller may read itself; null for a response.
     template <typename Write>
-    bool writeDirectly(const Write& write);
+    bool writeDirectly(const Write& write, const uint32_t* requestId);
     bool requestMayGoDirectly(size_t index) const ZU_REQUIRES(m_outgoingLock);
     bool responseMayGoDirectly(size_t index) const ZU_REQUIRES(m_outgoingLock);
 

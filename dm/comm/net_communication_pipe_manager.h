@@ -104,7 +104,9 @@ public:
     void returnSockets() override ZU_RELEASE(m_ioLock) { m_ioLock.unlock(); }
     // A client lends its connection to the caller while its thread sleeps (see
     // net_pipe_direct_read.cpp).
-    void readForAnswer(NetCommunicationPipe& pipe, uint32_t requestId) override;
+    bool lendForAnswer(NetCommunicationPipe& pipe) override ZU_REQUIRES(m_ioLock);
+    void readForAnswer(NetCommunicationPipe& pipe, uint32_t requestId, bool written) override
+        ZU_RELEASE(m_ioLock);
     void countAwaitedAnswers(int change) override { m_awaitedAnswers.fetch_add(change); }
 
 private:
@@ -214,6 +216,7 @@ private:
     SocketEntry* lendableSocket(const NetCommunicationPipe& pipe) ZU_REQUIRES(m_ioLock);
     bool readLentSocket(SocketEntry& entry, NetCommunicationPipe& pipe, uint32_t requestId)
         ZU_REQUIRES(m_ioLock);
+    void unmuteLentSocket() ZU_REQUIRES(m_ioLock);
     bool dispatchLentPackets(SocketEntry& entry) ZU_REQUIRES(m_ioLock);
     void collectPipes();
     void pumpPipes() ZU_REQUIRES(m_ioLock);
@@ -317,6 +320,8 @@ private:
     // lock.
     std::atomic<int> m_awaitedAnswers{0};
     zu::Event m_takeBackEvent;
+    // The connection muted in the thread's poller while a caller reads it.
+    zu::WaitHandle m_lentHandle ZU_GUARDED_BY(m_ioLock);
     bool m_pumpLeftWork = false;
     bool m_pipesUnattached = true;  // of the pipes last collected: some wait for their peer
     bool m_moreWork = false;        // the pass left work behind: the next one starts at once

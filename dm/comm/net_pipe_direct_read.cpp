@@ -1,8 +1,8 @@
 // NetCommunicationPipeManager: the direct read. A client's caller whose request went out
 // directly (see net_pipe_direct_write.cpp) would otherwise sleep until the manager's thread
 // woke on the answer, read it and woke the caller: two thread wake-ups for every round trip.
-// Instead the caller takes the socket lock while the thread sleeps and waits on the connection
-// itself; the answer then wakes only the caller.
+// Instead the caller keeps the socket lock it borrowed for the write, and waits on the
+// connection itself; the answer then wakes only the caller.
 //
 // The thread stays the owner. It goes on sleeping with the connection muted in its poller
 // (errors and hang-ups still wake it), and when it wakes for anything else it asks for the lock
@@ -25,18 +25,33 @@ constexpr int kMaxLentPackets = 1024;
 
 }  // namespace
 
-void NetCommunicationPipeManager::readForAnswer(NetCommunicationPipe& pipe, uint32_t requestId) {
-    if (m_isServer || m_awaitedAnswers.load() != 1 || m_socketLockWaiters.load() > 0 ||
-        !m_ioLock.tryLock()) {
-        return;
+// Lends the connection for the answer when the caller is the only one awaiting an answer and
+// nobody waits for the lock. Muted before the request goes: an answer that comes back before
+// the caller waits for it must not wake the thread.
+bool NetCommunicationPipeManager::lendForAnswer(NetCommunicationPipe& pipe) {
+    if (m_isServer || m_awaitedAnswers.load() != 1 || m_socketLockWaiters.load() > 0) {
+        return false;
     }
+    SocketEntry* entry = lendableSocket(pipe);
+    if (!entry || !m_waits.mute(entry->socket->getWaitHandle())) {
+        return false;
+    }
+    m_lentHandle = entry->socket->getWaitHandle();
+    return true;
+}
+
+void NetCommunicationPipeManager::readForAnswer(NetCommunicationPipe& pipe, uint32_t requestId,
+                                                bool written) {
     bool wakeThread = false;
-    if (SocketEntry* entry = lendableSocket(pipe)) {
+    // Not lendable after a write the OS took only in part: the thread sends the rest.
+    SocketEntry* entry = written ? lendableSocket(pipe) : nullptr;
+    if (entry) {
         wakeThread = !readLentSocket(*entry, pipe, requestId);
         if (pipe.isAnswered(requestId)) {
             pipe.countAnswerReadDirectly();
         }
     }
+    unmuteLentSocket();
     // Wake-ups may not wait for the thread: the caller's own answer is among them.
     for (zu::Signal* event : m_wakesAfterPass) {
         event->signal();
@@ -46,6 +61,16 @@ void NetCommunicationPipeManager::readForAnswer(NetCommunicationPipe& pipe, uint
         m_wakeEvent.signal();
     }
     m_ioLock.unlock();
+}
+
+// Level-triggered: what is still unread wakes the thread. A connection that closed meanwhile
+// has left the poller with its descriptor.
+void NetCommunicationPipeManager::unmuteLentSocket() {
+    if (m_sockets.size() == 1 &&
+        m_sockets[0].socket->getWaitHandle().sameDescriptor(m_lentHandle)) {
+        m_waits.unmute(m_lentHandle);
+    }
+    m_lentHandle = zu::WaitHandle();
 }
 
 // The client's connection, when it is up, carries the pipe, has nothing to send and may be
@@ -67,11 +92,7 @@ NetCommunicationPipeManager::SocketEntry* NetCommunicationPipeManager::lendableS
 bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunicationPipe& pipe,
                                                  uint32_t requestId) {
     net::Socket& socket = *entry.socket;
-    const zu::WaitHandle lent = socket.getWaitHandle();
-    if (!m_waits.mute(lent)) {
-        return true;
-    }
-    const zu::WaitHandle waits[2] = {lent, m_takeBackEvent.getWaitHandle()};
+    const zu::WaitHandle waits[2] = {socket.getWaitHandle(), m_takeBackEvent.getWaitHandle()};
     bool leftWork = false;
     while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
         // Bounded like the thread's own sleep, which ends in a take-back at the latest.
@@ -80,9 +101,6 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
         }
         socket.noteReadable();
         leftWork = !dispatchLentPackets(entry);
-    }
-    if (socket.getWaitHandle().sameDescriptor(lent)) {
-        m_waits.unmute(lent);  // level-triggered: what is still unread wakes the thread
     }
     return !leftWork;
 }

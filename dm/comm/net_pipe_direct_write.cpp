@@ -17,16 +17,20 @@
 namespace dm {
 
 // Runs `write(socket)` with the owner's socket lock held, when the lock is free and the pipe's
-// connection is up with nothing queued; true when `write` says it sent the message.
+// connection is up with nothing queued; true when `write` says it sent the message. A request's
+// caller may go on to read the answer, still holding the lock: the connection is lent to it
+// before the request goes, so that an answer quicker than the caller cannot wake the thread.
 template <typename Write>
-bool NetCommunicationPipe::writeDirectly(const Write& write) {
+bool NetCommunicationPipe::writeDirectly(const Write& write, const uint32_t* requestId) {
     if (!m_owner || !m_owner->borrowSockets()) {
         return false;  // the manager is in a pass: it sends the message
     }
     bool written = false;
+    bool lent = false;
     // Attached, detached and destroyed only by the manager's thread, under the lock.
     net::Socket* socket = m_socket.load();
     if (socket && socket->isConnected() && !socket->hasSendsToDo()) {
+        lent = requestId && m_owner->lendForAnswer(*this);
         written = write(*socket);
         if (written) {
             m_sentDirectly.fetch_add(1, std::memory_order_relaxed);
@@ -36,53 +40,61 @@ bool NetCommunicationPipe::writeDirectly(const Write& write) {
             wakeToSend();  // the OS took part of the frame: the manager sends the rest
         }
     }
-    m_owner->returnSockets();
+    if (lent) {
+        m_owner->readForAnswer(*this, *requestId, written);
+    } else {
+        m_owner->returnSockets();
+    }
     return written;
 }
 
 bool NetCommunicationPipe::writeRequestDirectly(uint32_t id) {
-    return writeDirectly([this, id](net::Socket& socket) {
-        zu::ScopedLock lock(m_outgoingLock);
-        size_t index = 0;
-        RequestRecord* request = findOutgoingRequest(id, &index);
-        if (!request || !requestMayGoDirectly(index)) {
-            return false;
-        }
-        SocketSink sink(socket);
-        pipe_protocol::SendProgress progress;
-        const pipe_protocol::SendResult result = pipe_protocol::sendRequest(
-            sink, m_sendPacket, progress, m_name.c_str(), request->id, request->value,
-            request->text.c_str(), request->data, request->dataSize);
-        if (result != pipe_protocol::SendResult::kWhole) {
-            return false;  // the connection went: the manager finds out and carries on
-        }
-        // Like any sent request: sent again from its start after a reconnect.
-        request->bytesSent = progress.bytesSent;
-        request->sent = true;
-        return true;
-    });
+    return writeDirectly(
+        [this, id](net::Socket& socket) {
+            zu::ScopedLock lock(m_outgoingLock);
+            size_t index = 0;
+            RequestRecord* request = findOutgoingRequest(id, &index);
+            if (!request || !requestMayGoDirectly(index)) {
+                return false;
+            }
+            SocketSink sink(socket);
+            pipe_protocol::SendProgress progress;
+            const pipe_protocol::SendResult result = pipe_protocol::sendRequest(
+                sink, m_sendPacket, progress, m_name.c_str(), request->id, request->value,
+                request->text.c_str(), request->data, request->dataSize);
+            if (result != pipe_protocol::SendResult::kWhole) {
+                return false;  // the connection went: the manager finds out and carries on
+            }
+            // Like any sent request: sent again from its start after a reconnect.
+            request->bytesSent = progress.bytesSent;
+            request->sent = true;
+            return true;
+        },
+        &id);
 }
 
 bool NetCommunicationPipe::writeResponseDirectly(uint32_t serial) {
-    return writeDirectly([this, serial](net::Socket& socket) {
-        zu::ScopedLock lock(m_outgoingLock);
-        size_t index = 0;
-        ResponseRecord* response = findOutgoingResponse(serial, &index);
-        if (!response || !responseMayGoDirectly(index)) {
-            return false;
-        }
-        SocketSink sink(socket);
-        pipe_protocol::SendProgress progress;
-        const pipe_protocol::SendResult result = pipe_protocol::sendResponse(
-            sink, m_sendPacket, progress, m_name.c_str(), response->requestId,
-            response->text.c_str(), response->data, response->dataSize);
-        if (result != pipe_protocol::SendResult::kWhole) {
-            return false;
-        }
-        response->bytesSent = progress.bytesSent;
-        response->sent = true;
-        return true;
-    });
+    return writeDirectly(
+        [this, serial](net::Socket& socket) {
+            zu::ScopedLock lock(m_outgoingLock);
+            size_t index = 0;
+            ResponseRecord* response = findOutgoingResponse(serial, &index);
+            if (!response || !responseMayGoDirectly(index)) {
+                return false;
+            }
+            SocketSink sink(socket);
+            pipe_protocol::SendProgress progress;
+            const pipe_protocol::SendResult result = pipe_protocol::sendResponse(
+                sink, m_sendPacket, progress, m_name.c_str(), response->requestId,
+                response->text.c_str(), response->data, response->dataSize);
+            if (result != pipe_protocol::SendResult::kWhole) {
+                return false;
+            }
+            response->bytesSent = progress.bytesSent;
+            response->sent = true;
+            return true;
+        },
+        nullptr);
 }
 
 namespace {
