@@ -691,10 +691,18 @@ void NetCommunicationPipe::releaseEvent(zu::Signal* event) {
 
 // Records are queued with rising ids (or serials), so they are found by bisection; only when
 // the numbers have wrapped around within the queue are they searched one by one.
-template <typename Record>
-Record* NetCommunicationPipe::findById(RecordQueue<Record>& queue, uint32_t id, size_t* outIndex) {
+template <typename Queue>
+typename Queue::value_type* NetCommunicationPipe::findById(Queue& queue, uint32_t id,
+                                                           size_t* outIndex) {
+    using Record = typename Queue::value_type;
     if (queue.empty()) {
         return nullptr;
+    }
+    if (idOf(queue.back()) == id) {  // the newest: a caller that waits alone asks for its own
+        if (outIndex) {
+            *outIndex = queue.size() - 1;
+        }
+        return &queue.back();
     }
     auto found = queue.end();
     if (idOf(queue.front()) <= idOf(queue.back())) {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <vector>
 
 #include "comm/connection_budget.h"
 #include "comm/packet_sink.h"
@@ -242,6 +243,11 @@ private:
     // place, and ids rise from front to back (see the find functions).
     template <typename T>
     using RecordQueue = std::deque<T, zu::Allocator<T>>;
+    // Outgoing requests and responses: one per thread blocked in sendRequest or respond, so
+    // few. A vector keeps its storage from call to call, where a deque would allocate a block
+    // for every record. Records move when others go: they are found by id, under the lock.
+    template <typename T>
+    using BlockedCallQueue = std::vector<T, zu::Allocator<T>>;
     using Chunk = pipe_protocol::Chunk;
     enum class Drop { kMalformed, kOverLimit, kStale, kEmptyText, kConnectionLimit };
 
@@ -256,8 +262,9 @@ private:
     static uint32_t idOf(const RequestRecord& record) { return record.id; }
     static uint32_t idOf(const ResponseRecord& record) { return record.serial; }
     static uint32_t idOf(const NotificationRecord& record) { return record.id; }
-    template <typename Record>
-    static Record* findById(RecordQueue<Record>& queue, uint32_t id, size_t* outIndex = nullptr);
+    template <typename Queue>
+    static typename Queue::value_type* findById(Queue& queue, uint32_t id,
+                                                size_t* outIndex = nullptr);
     RequestRecord* findOutgoingRequest(uint32_t id, size_t* outIndex = nullptr)
         ZU_REQUIRES(m_outgoingLock);
     ResponseRecord* findOutgoingResponse(uint32_t serial, size_t* outIndex = nullptr)
@@ -349,9 +356,9 @@ private:
     PipeCallback m_requestCallback ZU_GUARDED_BY(m_incomingLock);
 
     mutable zu::Mutex m_outgoingLock;
-    RecordQueue<RequestRecord> m_outgoingRequests ZU_GUARDED_BY(m_outgoingLock);
+    BlockedCallQueue<RequestRecord> m_outgoingRequests ZU_GUARDED_BY(m_outgoingLock);
     RecordQueue<NotificationRecord> m_outgoingNotifications ZU_GUARDED_BY(m_outgoingLock);
-    RecordQueue<ResponseRecord> m_outgoingResponses ZU_GUARDED_BY(m_outgoingLock);
+    BlockedCallQueue<ResponseRecord> m_outgoingResponses ZU_GUARDED_BY(m_outgoingLock);
     uint64_t m_outgoingNotificationBytes ZU_GUARDED_BY(m_outgoingLock) = 0;
     // Every event a blocking call has used; they live as long as the pipe, because the manager
     // may still signal one a moment after its caller returned. The spares are the ones free for

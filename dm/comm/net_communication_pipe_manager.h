@@ -186,6 +186,8 @@ private:
         zu::WaitHandle m_watched[kCapacity];
         size_t m_watchedCount = 0;
         bool m_pollerWatchesPass = false;
+        // What the poller reported at the last wait; kept here so that no wait clears it.
+        zu::Poller::Ready m_found[kCapacity];
     };
 
     // --- Passes (manager thread, with the socket lock held) ---

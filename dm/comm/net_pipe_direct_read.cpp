@@ -95,8 +95,9 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
     const zu::WaitHandle waits[2] = {socket.getWaitHandle(), m_takeBackEvent.getWaitHandle()};
     bool leftWork = false;
     while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
-        // Bounded like the thread's own sleep, which ends in a take-back at the latest.
-        if (zu::waitForAny(waits, 2, kPassMs) != 0) {
+        // Without a time-out of its own: the thread's sleep is bounded, and the thread asks
+        // for the lock back whenever it wakes. A bound here would arm a timer on every wait.
+        if (zu::waitForAny(waits, 2, zu::kInfinite) != 0) {
             break;
         }
         socket.noteReadable();

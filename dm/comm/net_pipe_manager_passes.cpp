@@ -130,13 +130,12 @@ bool NetCommunicationPipeManager::WaitList::updatePoller() {
 }
 
 int NetCommunicationPipeManager::WaitList::waitOnPoller(uint32_t timeoutMs) {
-    zu::Poller::Ready found[kCapacity];
-    const int count = m_poller.wait(timeoutMs, found, kCapacity);
+    const int count = m_poller.wait(timeoutMs, m_found, kCapacity);
     for (int k = 0; k < count; ++k) {
         for (size_t i = 0; i < m_count; ++i) {
-            if (m_handles[i].sameDescriptor(found[k].handle)) {
+            if (m_handles[i].sameDescriptor(m_found[k].handle)) {
                 m_ready[i] = true;
-                m_readable[i] = found[k].readable;
+                m_readable[i] = m_found[k].readable;
             }
         }
     }

@@ -104,16 +104,16 @@ private:
     }
 
     void run() {
+        std::vector<dm::CommunicationPipe*> pipes;  // keeps its storage from wake-up to wake-up
         while (!m_stopping) {
-            std::vector<dm::CommunicationPipe*> pipes;
             {
                 std::lock_guard<std::mutex> lock(m_mutex);
-                pipes = m_pipes;
+                pipes.assign(m_pipes.begin(), m_pipes.end());
             }
             for (dm::CommunicationPipe* pipe : pipes) {
                 serve(*pipe);
             }
-            m_wakeUp.wait(100);  // a signal given while serving is kept for this wait
+            m_wakeUp.wait();  // a signal given while serving is kept for this wait
         }
     }
 

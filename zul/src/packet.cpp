@@ -136,6 +136,12 @@ Packet& Packet::operator<<(int32_t value) {
 }
 
 Packet& Packet::operator<<(uint32_t value) {
+    if (!isView() && storageCapacity() >= 4 && m_pos <= storageCapacity() - 4) {
+        wire::storeLE32(m_storage.data() + m_pos, value);  // room already: the usual case
+        m_pos += 4;
+        m_size = m_pos > m_size ? m_pos : m_size;
+        return *this;
+    }
     uint8_t bytes[4];
     wire::storeLE32(bytes, value);
     writeBytes(bytes, sizeof(bytes));
@@ -167,8 +173,13 @@ Packet& Packet::operator>>(int32_t& value) {
 }
 
 Packet& Packet::operator>>(uint32_t& value) {
-    uint8_t bytes[4];
-    value = readBytes(bytes, sizeof(bytes)) ? wire::loadLE32(bytes) : 0;
+    if (getRemaining() < 4) {
+        m_error = true;
+        value = 0;
+        return *this;
+    }
+    value = wire::loadLE32(m_data + m_pos);
+    m_pos += 4;
     return *this;
 }
 

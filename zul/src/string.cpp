@@ -21,8 +21,14 @@ int stricmp(const char* a, const char* b) {
     const unsigned char* x = reinterpret_cast<const unsigned char*>(a);
     const unsigned char* y = reinterpret_cast<const unsigned char*>(b);
     for (;; ++x, ++y) {
+        if (*x == *y) {  // most compared names match byte for byte: no folding for those
+            if (*x == 0) {
+                return 0;
+            }
+            continue;
+        }
         int difference = foldCase(*x) - foldCase(*y);
-        if (difference != 0 || *x == 0) {
+        if (difference != 0) {
             return difference;
         }
     }
