@@ -198,8 +198,10 @@ private:
     void pollPackets(SocketEntry& entry) ZU_REQUIRES(m_ioLock);
     static zu::WaitHandle waitHandleOf(const SocketEntry& entry);
     // Lets the socket lock go, runs what waited for the pass's end, waits, and takes the lock
-    // again; then notes which sockets the wait found readable.
-    int waitBetweenPasses(WaitList& waits, uint32_t timeoutMs) ZU_REQUIRES(m_ioLock);
+    // again; then notes which sockets the wait found readable. `untimed`: nothing is due by
+    // time, so a bound that ends while a caller reads the lent connection is waited out again.
+    int waitBetweenPasses(WaitList& waits, uint32_t timeoutMs, bool untimed = false)
+        ZU_REQUIRES(m_ioLock);
     void lockSockets() ZU_ACQUIRE(m_ioLock);
     void takeSocketLock() ZU_ACQUIRE(m_ioLock);
     void unlockSockets() ZU_RELEASE(m_ioLock);
@@ -221,6 +223,8 @@ private:
     void unmuteLentSocket() ZU_REQUIRES(m_ioLock);
     bool dispatchLentPackets(SocketEntry& entry) ZU_REQUIRES(m_ioLock);
     void collectPipes();
+    // Looks again whether any pipe waits for its peer (m_pipesUnattached).
+    void notePipesAttached();
     void pumpPipes() ZU_REQUIRES(m_ioLock);
     bool addPipeWakeHandles(WaitList& waits);
 
@@ -322,8 +326,10 @@ private:
     // lock.
     std::atomic<int> m_awaitedAnswers{0};
     zu::Event m_takeBackEvent;
-    // The connection muted in the thread's poller while a caller reads it.
+    // The connection muted in the thread's poller while a caller reads it, and whether there
+    // is one (read by the thread while it waits, without the lock).
     zu::WaitHandle m_lentHandle ZU_GUARDED_BY(m_ioLock);
+    std::atomic<bool> m_connectionLent{false};
     bool m_pumpLeftWork = false;
     bool m_pipesUnattached = true;  // of the pipes last collected: some wait for their peer
     bool m_moreWork = false;        // the pass left work behind: the next one starts at once

@@ -7,6 +7,8 @@
 // The thread stays the owner. It goes on sleeping with the connection muted in its poller
 // (errors and hang-ups still wake it), and when it wakes for anything else it asks for the lock
 // back (takeSocketLock): the reader, waiting on the take-back event too, gives it back at once.
+// Only the end of the thread's time bound does not count while nothing is due by time: an
+// answer too large for one read would otherwise change hands part-way every 100 ms.
 // Another caller that wants to write meanwhile finds the lock taken and has the thread send for
 // it, as during a pass. The reader dispatches only pipe traffic, which touches no connection
 // state and takes only the pipes' locks, which the thread never holds while it waits for the
@@ -37,6 +39,7 @@ bool NetCommunicationPipeManager::lendForAnswer(NetCommunicationPipe& pipe) {
         return false;
     }
     m_lentHandle = entry->socket->getWaitHandle();
+    m_connectionLent.store(true);
     return true;
 }
 
@@ -71,6 +74,7 @@ void NetCommunicationPipeManager::unmuteLentSocket() {
         m_waits.unmute(m_lentHandle);
     }
     m_lentHandle = zu::WaitHandle();
+    m_connectionLent.store(false);
 }
 
 // The client's connection, when it is up, carries the pipe, has nothing to send and may be
@@ -95,8 +99,9 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
     const zu::WaitHandle waits[2] = {socket.getWaitHandle(), m_takeBackEvent.getWaitHandle()};
     bool leftWork = false;
     while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
-        // Without a time-out of its own: the thread's sleep is bounded, and the thread asks
-        // for the lock back whenever it wakes. A bound here would arm a timer on every wait.
+        // Without a time-out (a bound would arm a timer on every wait): the answer, an error
+        // or a hang-up wakes the caller, and whatever else needs the connection wakes the
+        // thread, which asks for the lock back.
         if (zu::waitForAny(waits, 2, zu::kInfinite) != 0) {
             break;
         }

@@ -363,11 +363,17 @@ zu::WaitHandle NetCommunicationPipeManager::waitHandleOf(const SocketEntry& entr
 
 // Callers woken by the pass find the socket lock free, and may write at once while the thread
 // sleeps.
-int NetCommunicationPipeManager::waitBetweenPasses(WaitList& waits, uint32_t timeoutMs) {
+int NetCommunicationPipeManager::waitBetweenPasses(WaitList& waits, uint32_t timeoutMs,
+                                                   bool untimed) {
     waits.watchPassHandles();
     unlockSockets();
     runAfterPass();
-    const int ready = waits.wait(timeoutMs);
+    int ready = waits.wait(timeoutMs);
+    // Taking the connection back would only hand the thread an answer that its caller is
+    // reading (a large one, part-way): with nothing due, the thread sleeps on instead.
+    while (ready == zu::kWaitTimeout && untimed && m_connectionLent.load()) {
+        ready = waits.wait(timeoutMs);
+    }
     lockSockets();
     noteReadableSockets(waits);
     return ready;
@@ -403,6 +409,9 @@ void NetCommunicationPipeManager::clientPass() {
     if (socket.isConnected()) {
         m_wasConnected = true;
         pollPackets(entry);
+        if (m_pipesUnattached) {
+            notePipesAttached();  // the server's answers may have attached the last ones
+        }
     }
     if (!socket.isConnected() && m_wasConnected) {
         onClientDropped(socket);
@@ -429,7 +438,9 @@ void NetCommunicationPipeManager::clientPass() {
         const double nextConnect = entry.lastConnectAttempt + kReconnectInterval;
         timeoutMs = std::min(timeoutMs, millisecondsUntil(nextConnect, now, timeoutMs));
     }
-    waitBetweenPasses(waits, m_moreWork ? 0 : timeoutMs);
+    const bool untimed =
+        !m_moreWork && timeoutMs == kPassMs && socket.isConnected() && !m_pipesUnattached;
+    waitBetweenPasses(waits, m_moreWork ? 0 : timeoutMs, untimed);
 }
 
 // Asks the server for every pipe not attached yet, again each kOpenPipeInterval.
@@ -494,6 +505,12 @@ void NetCommunicationPipeManager::connectClient(SocketEntry& entry, double now) 
 bool NetCommunicationPipeManager::pumpIsDue() {
     const bool queued = m_outgoingQueued.exchange(false);
     return queued || m_pumpLeftWork || m_pipeCount > kMaxPipesPerPass;
+}
+
+void NetCommunicationPipeManager::notePipesAttached() {
+    zu::ScopedLock lock(m_pipesLock);
+    m_pipesUnattached = std::any_of(m_pipeOrder.begin(), m_pipeOrder.end(),
+                                    [](const PipeEntry* entry) { return !entry->socket; });
 }
 
 // Takes up to kMaxPipesPerPass pipes for this pass, going on where the last pass stopped.

@@ -125,6 +125,24 @@ TEST_F(DirectReadTest, AWriterMeetingACallerThatReadsIsSentForByTheManager) {
     }
 }
 
+TEST_F(DirectReadTest, AnAnswerLaterThanTheThreadsTimeBoundIsStillReadByItsCaller) {
+    PlayedClient client;
+    ASSERT_TRUE(client.start("read-late", {"late"}));
+    const dm::PipeStatistics before = dm::getPipeStatistics(client.pipes[0]);
+    RequestThread request(client.pipes[0], "late", patternBytes(24, 7), 24);
+    pipewire::Message asked;
+    ASSERT_TRUE(client.awaitRequest("late", asked));
+    // The answer comes after the thread's 100 ms bound has ended twice: with nothing due by
+    // time, the thread leaves the connection with the reading caller.
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    client.server.echo(asked);
+    ASSERT_TRUE(waitUntil([&] { return request.done(); }));
+    EXPECT_TRUE(request.echoed()) << request.result();
+    const dm::PipeStatistics after = dm::getPipeStatistics(client.pipes[0]);
+    ASSERT_EQ(after.sentDirectly - before.sentDirectly, 1u);
+    EXPECT_EQ(after.answersReadDirectly - before.answersReadDirectly, 1u);
+}
+
 TEST_F(DirectReadTest, AnAnswerDribbledByteByByteAmongOtherKindsReachesItsReadingCaller) {
     PlayedClient client;
     ASSERT_TRUE(client.start("read-dribbled", {"lone", "quiet"}));
