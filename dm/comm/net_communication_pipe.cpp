@@ -298,7 +298,20 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
         }
         releaseEvent(event);
         leaveBlockingCall();
+        break;
+    }
+    keepAsSpare(std::move(requestData));
+}
+
+// A small request's buffer is kept for the next request's data, which then needs no allocation:
+// requests of one kind tend to carry data of one size.
+void NetCommunicationPipe::keepAsSpare(zu::Buffer data) {
+    if (data.empty() || data.size() > kMaxSpareRequestData) {
         return;
+    }
+    zu::ScopedLock lock(m_incomingLock);
+    if (m_spareRequestData.empty()) {
+        m_spareRequestData = std::move(data);
     }
 }
 

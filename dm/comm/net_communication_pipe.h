@@ -253,6 +253,7 @@ private:
 
     static constexpr uint32_t kNoId = 0xFFFFFFFFu;
     static constexpr size_t kInitialQueueRoom = 16;
+    static constexpr size_t kMaxSpareRequestData = 4096;
     static constexpr size_t kMaxSentPerPump = 8;
 
     // Outgoing side. The pump's steps (collectOutgoing, sendCollected, markSent) run on the
@@ -299,6 +300,7 @@ private:
         ZU_REQUIRES(m_incomingLock);
     bool reserveRequestData(RequestRecord& request, uint32_t end, Drop* refusal)
         ZU_REQUIRES(m_incomingLock);
+    void keepAsSpare(zu::Buffer data) ZU_EXCLUDES(m_incomingLock);
     void dropPartialRequest(size_t index) ZU_REQUIRES(m_incomingLock);
     void completeRequest(size_t index) ZU_REQUIRES(m_incomingLock);
     bool oldestRequestWaitsForChunks() const ZU_REQUIRES(m_incomingLock);
@@ -334,6 +336,8 @@ private:
 
     mutable zu::Mutex m_incomingLock;
     RequestRecord m_currentRequest ZU_GUARDED_BY(m_incomingLock);
+    // The data buffer of an answered request, for the next one's data (see keepAsSpare).
+    zu::Buffer m_spareRequestData ZU_GUARDED_BY(m_incomingLock);
     // Whole messages in the order their first chunks came, and those still arriving (at most
     // kMaxUnfinishedIncoming each), which hold back whole ones that came after them.
     RecordQueue<RequestRecord> m_incomingRequests ZU_GUARDED_BY(m_incomingLock);

@@ -214,12 +214,19 @@ bool NetCommunicationPipe::reserveRequestData(RequestRecord& request, uint32_t e
     if (end <= held) {
         return true;
     }
-    const uint64_t capacity =
-        std::min<uint64_t>(std::max<uint64_t>(2ull * held, end), request.dataSize);
+    uint64_t capacity = std::min<uint64_t>(std::max<uint64_t>(2ull * held, end), request.dataSize);
+    const bool spareFits = held == 0 && m_spareRequestData.size() >= capacity;
+    if (spareFits) {
+        capacity = m_spareRequestData.size();  // charged whole: it is at most a few KiB
+    }
     const uint64_t growth = capacity - held;
     if (!chargeUnfinished(growth)) {
         *refusal = Drop::kConnectionLimit;
         return false;
+    }
+    if (spareFits) {
+        request.ownedData = std::move(m_spareRequestData);
+        return true;
     }
     zu::Buffer grown;
     try {
