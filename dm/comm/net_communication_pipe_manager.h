@@ -250,6 +250,7 @@ private:
     // Before each poll of a connection: a large response chunk at its front goes straight to
     // its caller's buffer (see NetCommunicationPipe::receiveResponseTail).
     SteeredTail steerResponseTail(net::Socket& socket) ZU_REQUIRES(m_ioLock);
+    bool steerJustRead(net::Socket& socket) ZU_REQUIRES(m_ioLock);
     Address copyAddress();
     void setRemoteName(const char* name);
     void callClientConnectionCallback();

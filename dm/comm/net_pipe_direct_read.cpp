@@ -127,6 +127,9 @@ bool NetCommunicationPipeManager::dispatchLentPackets(SocketEntry& entry) {
         net::Packet* packet = steered == SteeredTail::kUnderway
                                   ? nullptr
                                   : socket.pollPacketIf(pipe_protocol::carriesPipeTraffic, nullptr);
+        if (!packet && steered == SteeredTail::kPollAsUsual && steerJustRead(socket)) {
+            continue;
+        }
         if (!packet) {
             return !socket.hasWholePacket() && socket.isConnected();
         }

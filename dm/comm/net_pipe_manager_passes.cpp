@@ -341,6 +341,9 @@ void NetCommunicationPipeManager::pollPackets(SocketEntry& entry) {
         }
         net::Packet* packet =
             steered == SteeredTail::kUnderway ? nullptr : socket.pollPacket(nullptr);
+        if (!packet && steered == SteeredTail::kPollAsUsual && steerJustRead(socket)) {
+            continue;
+        }
         if (!packet || !dispatch(socket, *packet)) {
             return;
         }

@@ -49,6 +49,13 @@ SteeredTail NetCommunicationPipeManager::steerResponseTail(net::Socket& socket) 
     return pipe->receiveResponseTail(socket, message);
 }
 
+// A poll that found no whole packet may have read the beginning of a large frame: steering
+// decides on it now, not after a wait that would find the rest ready at once. True when the
+// chunk was taken whole.
+bool NetCommunicationPipeManager::steerJustRead(net::Socket& socket) {
+    return socket.awaitsTailDecision() && steerResponseTail(socket) == SteeredTail::kTaken;
+}
+
 SteeredTail NetCommunicationPipe::receiveResponseTail(net::Socket& socket,
                                                       const pipe_protocol::Message& message) {
     zu::Signal* waiter = nullptr;
