@@ -297,10 +297,13 @@ void NetCommunicationPipe::respond(const char* text, const void* data, uint32_t 
             }
         }
         releaseEvent(event);
-        leaveBlockingCall();
         break;
     }
+    // Kept while this call still counts as blocked: a closing pipe is destroyed as soon as none
+    // does, and the incoming lock is not taken under the outgoing one.
     keepAsSpare(std::move(requestData));
+    zu::ScopedLock lock(m_outgoingLock);
+    leaveBlockingCall();
 }
 
 // A small request's buffer is kept for the next request's data, which then needs no allocation:

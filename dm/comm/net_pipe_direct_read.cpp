@@ -12,8 +12,10 @@
 // Another caller that wants to write meanwhile finds the lock taken and has the thread send for
 // it, as during a pass. The reader dispatches only pipe traffic, which touches no connection
 // state and takes only the pipes' locks, which the thread never holds while it waits for the
-// socket lock. Callbacks that it causes run on the thread after its next pass, and anything
-// else that arrives (a welcome, a redirect, a close) is left to the thread, woken for it. Where
+// socket lock. Traffic that has callbacks to run ends the read: the thread, woken for them,
+// runs them after its next pass (and reads on), since the peer may answer the caller only once
+// a callback has run. Anything else that arrives (a welcome, a redirect, a close) is left to
+// the thread, woken for it too. Where
 // the poller cannot mute a handle (the poll-based fallback), callers wait for the thread.
 #include "comm/net_communication_pipe_manager.h"
 #include "comm/pipe_protocol.h"
@@ -98,7 +100,10 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
     net::Socket& socket = *entry.socket;
     const zu::WaitHandle waits[2] = {socket.getWaitHandle(), m_takeBackEvent.getWaitHandle()};
     bool leftWork = false;
-    while (!leftWork && m_socketLockWaiters.load() == 0 && !pipe.isAnswered(requestId)) {
+    // Callbacks of what it dispatched run on the thread, which is woken for them at once: the
+    // application may answer the caller's peer only from such a callback.
+    while (!leftWork && m_callsAfterPass.empty() && m_socketLockWaiters.load() == 0 &&
+           !pipe.isAnswered(requestId)) {
         // Without a time-out (a bound would arm a timer on every wait): the answer, an error
         // or a hang-up wakes the caller, and whatever else needs the connection wakes the
         // thread, which asks for the lock back.

@@ -3,6 +3,7 @@
 // connection that goes, and a manager destroyed under the reading caller.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <sched.h>
 
 #include <atomic>
@@ -22,6 +23,34 @@ namespace dmtest {
 namespace {
 
 class DirectReadTest : public ManagerTest {};
+
+// Keeps the calling thread, and every thread it starts meanwhile, on the first CPU it may use.
+class OneCpu {
+public:
+    OneCpu() {
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        m_ok = sched_getaffinity(0, sizeof(m_saved), &m_saved) == 0;
+        for (int cpu = 0; m_ok && cpu < CPU_SETSIZE && CPU_COUNT(&one) == 0; ++cpu) {
+            if (CPU_ISSET(cpu, &m_saved)) {
+                CPU_SET(cpu, &one);
+            }
+        }
+        m_ok = m_ok && sched_setaffinity(0, sizeof(one), &one) == 0;
+    }
+    ~OneCpu() {
+        if (m_ok) {
+            sched_setaffinity(0, sizeof(m_saved), &m_saved);
+        }
+    }
+    OneCpu(const OneCpu&) = delete;
+    OneCpu& operator=(const OneCpu&) = delete;
+    bool ok() const { return m_ok; }
+
+private:
+    cpu_set_t m_saved{};
+    bool m_ok = false;
+};
 
 // Counts a pipe's callbacks, and those that did not run on a manager's thread.
 struct CallbackThreads {
@@ -74,16 +103,8 @@ TEST_F(DirectReadTest, ALoneCallerReadsItsAnswersWhileOtherPipesTrafficKeepsItsO
 // thread instead, about one round trip in seven.
 TEST_F(DirectReadTest, AnAnswerQuickerThanItsCallerIsStillReadByTheCaller) {
     constexpr uint32_t kRequests = 2000;
-    cpu_set_t saved;
-    ASSERT_EQ(sched_getaffinity(0, sizeof(saved), &saved), 0);
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    for (int cpu = 0; cpu < CPU_SETSIZE && CPU_COUNT(&one) == 0; ++cpu) {
-        if (CPU_ISSET(cpu, &saved)) {
-            CPU_SET(cpu, &one);
-        }
-    }
-    ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);  // the threads below inherit it
+    const OneCpu pinned;  // the threads below inherit it
+    ASSERT_TRUE(pinned.ok());
     {
         ManagerLink link;
         const ManagerLink::PipeEnds ends = link.connectPipe(link.addClient(), "quick");
@@ -101,7 +122,6 @@ TEST_F(DirectReadTest, AnAnswerQuickerThanItsCallerIsStillReadByTheCaller) {
         EXPECT_GE(dm::getPipeStatistics(ends.client).answersReadDirectly - before,
                   kRequests - boundsEnded - 2);
     }
-    sched_setaffinity(0, sizeof(saved), &saved);
 }
 
 TEST_F(DirectReadTest, AWriterMeetingACallerThatReadsIsSentForByTheManager) {
@@ -197,6 +217,98 @@ TEST_F(DirectReadTest, AReadingCallerGivesWayToALostConnectionAndToTheManagersEn
     dm::deinitCommunicationManager("read-then-drop");
     ASSERT_TRUE(waitUntil([&] { return unanswered.done(); }));
     EXPECT_EQ(unanswered.result(), "");
+}
+
+// Takes each request of its pipe in the pipe's request callback (on the manager's thread), for
+// an application thread to answer.
+void takeInCallback(void* context, dm::CommunicationPipe* pipe) {
+    if (!pipe->receiveRequest(nullptr).empty()) {
+        static_cast<std::atomic<bool>*>(context)->store(true);
+    }
+}
+
+// A server that answers only after the client answered a request of its own: the client's
+// request callback must run while its lone caller waits on the connection, or neither answer
+// ever comes.
+TEST_F(DirectReadTest, ARequestCallbackRunsWhileALoneCallerWaitsOnTheConnection) {
+    PlayedClient client;
+    ASSERT_TRUE(client.start("read-callback", {"asker", "called"}));
+    std::atomic<bool> taken{false};
+    client.pipes[1]->setRequestCallback({&taken, takeInCallback});
+    const dm::PipeStatistics before = dm::getPipeStatistics(client.pipes[0]);
+    RequestThread asking(client.pipes[0], "ask", patternBytes(16, 1), 16);
+    pipewire::Message asked;
+    ASSERT_TRUE(client.awaitRequest("ask", asked));
+    EXPECT_EQ(dm::getPipeStatistics(client.pipes[0]).sentDirectly - before.sentDirectly, 1u);
+
+    std::thread responder([&] {
+        if (waitUntil([&] { return taken.load(); }, std::chrono::seconds(4))) {
+            client.pipes[1]->respond("called back", nullptr, 0);
+        }
+    });
+    const uint8_t payload[4] = {1, 2, 3, 4};
+    net::Socket& socket = client.server.socket();
+    socket.sendPacket(pipewire::request("called", 1, 0, "call back", 4, 0, 4, payload));
+    bool calledBack = false;
+    waitUntil(
+        [&] {
+            socket.update();
+            while (net::Packet* packet = socket.pollPacket(nullptr)) {
+                const pipewire::Message message = pipewire::read(*packet);
+                calledBack = calledBack ||
+                             (message.kind == pipewire::kResponse && message.first == "called");
+            }
+            if (!calledBack) {
+                const zu::WaitHandle handle = socket.getWaitHandle();
+                zu::waitForAny(&handle, 1, 5);
+            }
+            return calledBack;
+        },
+        std::chrono::seconds(3));
+    EXPECT_TRUE(calledBack) << "request taken by the callback: " << taken.load();
+
+    client.server.echo(asked);  // lets the caller go whatever happened above
+    responder.join();
+    ASSERT_TRUE(waitUntil([&] { return asking.done(); }));
+    EXPECT_TRUE(asking.echoed()) << asking.result();
+}
+
+// Destroying a manager lets a thread blocked in respond go before the pipes are destroyed; the
+// responder must not touch its pipe after that. It runs at idle priority on the destroying
+// thread's CPU, so that the destruction goes on the moment the responder lets its lock go.
+TEST_F(DirectReadTest, ARespondLetGoByTheManagersEndLeavesThePipeAlone) {
+    const OneCpu pinned;
+    ASSERT_TRUE(pinned.ok());
+    {
+        PlayedClient client;
+        ASSERT_TRUE(client.start("respond-at-end", {"answering"}));
+        dm::CommunicationPipe* pipe = client.pipes[0];
+        const std::vector<uint8_t> data = patternBytes(64, 2);
+        client.server.socket().sendPacket(
+            pipewire::request("answering", 1, 0, "question", 64, 0, 64, data.data()));
+        client.server.socket().update();
+        ASSERT_TRUE(waitUntil([&] { return !pipe->receiveRequest(nullptr).empty(); }));
+        // Without its connection the response cannot go: respond blocks.
+        client.server.drop();
+        ASSERT_TRUE(waitUntil([&] { return !pipe->isConnected(); }));
+        auto returned = std::make_shared<std::atomic<bool>>(false);
+        std::thread responder([pipe, returned] {
+            sched_param idle{};
+            pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
+            pipe->respond("answer", nullptr, 0);
+            returned->store(true);
+        });
+        const bool queued =
+            waitUntil([&] { return dm::getPipeStatistics(pipe).outgoingResponses == 1; });
+        dm::deinitCommunicationManager("respond-at-end");
+        if (waitUntil([&] { return returned->load(); })) {
+            responder.join();
+        } else {
+            responder.detach();  // stuck for good: it holds only its own copy of the flag
+        }
+        EXPECT_TRUE(queued);
+        EXPECT_TRUE(returned->load());
+    }
 }
 
 }  // namespace
