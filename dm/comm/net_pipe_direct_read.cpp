@@ -15,8 +15,8 @@
 // socket lock. Traffic that has callbacks to run ends the read: the thread, woken for them,
 // runs them after its next pass (and reads on), since the peer may answer the caller only once
 // a callback has run. Anything else that arrives (a welcome, a redirect, a close) is left to
-// the thread, woken for it too. Where
-// the poller cannot mute a handle (the poll-based fallback), callers wait for the thread.
+// the thread, woken for it too. Where the poller cannot mute a handle (the poll-based
+// fallback), callers wait for the thread.
 #include "comm/net_communication_pipe_manager.h"
 #include "comm/pipe_protocol.h"
 
@@ -100,8 +100,6 @@ bool NetCommunicationPipeManager::readLentSocket(SocketEntry& entry, NetCommunic
     net::Socket& socket = *entry.socket;
     const zu::WaitHandle waits[2] = {socket.getWaitHandle(), m_takeBackEvent.getWaitHandle()};
     bool leftWork = false;
-    // Callbacks of what it dispatched run on the thread, which is woken for them at once: the
-    // application may answer the caller's peer only from such a callback.
     while (!leftWork && m_callsAfterPass.empty() && m_socketLockWaiters.load() == 0 &&
            !pipe.isAnswered(requestId)) {
         // Without a time-out (a bound would arm a timer on every wait): the answer, an error

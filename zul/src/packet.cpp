@@ -135,6 +135,9 @@ Packet& Packet::operator<<(int32_t value) {
     return *this << static_cast<uint32_t>(value);
 }
 
+// The uint32 fields are most of a pipe message's head. They are written and read in place:
+// put, writeBytes and readBytes are exported members, called through the library's symbol
+// table and never inlined, which cost about 7% of a small round trip's instructions.
 Packet& Packet::operator<<(uint32_t value) {
     if (!isView() && storageCapacity() >= 4 && m_pos <= storageCapacity() - 4) {
         wire::storeLE32(m_storage.data() + m_pos, value);  // room already: the usual case
